@@ -1,0 +1,228 @@
+/* The exported functions of the module VelostrixUncalibration. C11 and C++17.
+ *
+ * 3 to 8 pictures of one part, taken from one place under different lamps, become pictures of its
+ * relief: print and stains fade, dents, scratches and embossing stand out.
+ *
+ * Calling order
+ *   1. CreateVelostrixUnCalibrationToolPtr_CPU
+ *   2. SetVelostrixUnCalibrationToolParam_CPU
+ *   3. SetVelostrixUnCalibrationToolROI_CPU, or ClearVelostrixUnCalibrationToolROI_CPU, or neither
+ *   4. InitialVelostrixUnCalibrationToolImage_CPU
+ *   5. N times SetVelostrixUnCalibrationToolImage_CPU, then one RunVelostrixUnCalibration_CPU_...;
+ *      read the results; repeat for the next part
+ *   6. ReleaseVelostrixUnCalibrationToolImage_CPU (and back to 2 for another geometry)
+ *   7. DestroyVelostrixUnCalibrationToolPtr_CPU
+ *
+ * Ownership. The host owns the tool between Create and Destroy. The tool owns its working buffers
+ * between Initial and Release. Results that are not resized are headers over the tool's planes:
+ * they are valid until the next run or Release, whichever comes first; clone what must live longer.
+ *
+ * Threads. One tool is used by one thread at a time; separate tools are independent. Everything
+ * runs on the caller's thread, except that products inside the solvers may use OpenMP threads.
+ * Results do not depend on their number.
+ *
+ * Pixels and axes. Images are 8-bit single-channel. x runs along a row (columns), y down the rows.
+ * Slope P is the change of height from one column to the next, slope Q the change from one row to
+ * the next with the opposite sign; height is relative, in units of slope times pixels.
+ *
+ * Return values. bool is one byte. 1/true: done. 0/false: refused; unless said otherwise the tool
+ * and the results are then as they were. There are no error codes. A null tool, record, image or
+ * enabled result is refused. Exceptions of OpenCV and of the allocator (std::bad_alloc,
+ * cv::Exception) pass to the host; a run or setter that ended so may be repeated.
+ *
+ * Every function has a second name with _csharp for managed hosts: the same entry point, except for
+ * the image setter, whose _csharp form takes an ImageRecord.
+ */
+#ifndef VELOSTRIX_UNCALIBRATION_H
+#define VELOSTRIX_UNCALIBRATION_H
+
+#include <stdbool.h>
+#include <stdint.h>
+
+#include "velostrix/records.h"
+
+#if defined(_WIN32)
+#if defined(VELOSTRIX_BUILDS_MODULE)
+#define VELOSTRIX_API __declspec(dllexport)
+#else
+#define VELOSTRIX_API __declspec(dllimport)
+#endif
+#else
+#define VELOSTRIX_API __attribute__((visibility("default")))
+#endif
+
+/* The tool; opaque to hosts. */
+typedef struct UnCalibrationTool UnCalibrationTool;
+
+/* An image: OpenCV's cv::Mat; opaque to C. */
+#ifdef __cplusplus
+namespace cv {
+class Mat;
+}
+typedef cv::Mat VelostrixMat;
+extern "C" {
+#else
+typedef struct VelostrixMat VelostrixMat;
+#endif
+
+/* ---- create ------------------------------------------------------------------------------------
+ */
+
+/* Makes a tool with no geometry, no buffers, every output off, scale 1 and iteration cap 50. Stores
+ * it in *out (when out is not null) and returns it. Out of memory: std::bad_alloc. */
+VELOSTRIX_API UnCalibrationTool* CreateVelostrixUnCalibrationToolPtr_CPU(UnCalibrationTool** out);
+VELOSTRIX_API UnCalibrationTool* CreateVelostrixUnCalibrationToolPtr_CPU_csharp(
+    UnCalibrationTool** out);
+
+/* ---- parameters and region ---------------------------------------------------------------------
+ */
+
+/* Copies the record into the tool; always true. Sets image count, geometry (working and result
+ * size: width x height, row stride row_step), switches, gains and offsets. Leaves the region, the
+ * buffers and the count of set images alone: a change of geometry or image count wants Release and
+ * Initial. A scale below 0.99 switches scaling on. A later scale of 0.99 or more does not switch it
+ * off again: only a call of SetROI whose scaled region would be too small does. A NaN counts as not
+ * below 0.99. */
+VELOSTRIX_API bool SetVelostrixUnCalibrationToolParam_CPU(UnCalibrationTool* tool,
+                                                          const UnCalibrationParam* param);
+VELOSTRIX_API bool SetVelostrixUnCalibrationToolParam_CPU_csharp(UnCalibrationTool* tool,
+                                                                 const UnCalibrationParam* param);
+
+/* Restricts the tool to the rectangle with the inclusive corners (x1, y1) and (x2, y2), in pixels
+ * of the input images, clamped to the current working size (so a second region is clamped by the
+ * first; set the parameters again to start afresh). With scaling on and more than 10 scaled pixels
+ * each way the working size becomes region x scale, truncated; otherwise scaling is switched off
+ * and it is the region's. False: the clamped rectangle is empty; no region is in force then, and
+ * the geometry is unchanged. */
+VELOSTRIX_API bool SetVelostrixUnCalibrationToolROI_CPU(UnCalibrationTool* tool, int32_t x1,
+                                                        int32_t y1, int32_t x2, int32_t y2);
+VELOSTRIX_API bool SetVelostrixUnCalibrationToolROI_CPU_csharp(UnCalibrationTool* tool, int32_t x1,
+                                                               int32_t y1, int32_t x2, int32_t y2);
+
+/* Lifts the region and sets the working size: rows x cols with row_step elements from row to row
+ * (note the order). Returns rows x row_step; 0 for a null tool. With scaling on, Initial computes
+ * the working size anew from the result size. */
+VELOSTRIX_API int64_t ClearVelostrixUnCalibrationToolROI_CPU(UnCalibrationTool* tool, int32_t rows,
+                                                             int32_t cols, int32_t row_step);
+VELOSTRIX_API int64_t ClearVelostrixUnCalibrationToolROI_CPU_csharp(UnCalibrationTool* tool,
+                                                                    int32_t rows, int32_t cols,
+                                                                    int32_t row_step);
+
+/* ---- buffers and images ------------------------------------------------------------------------
+ */
+
+/* Allocates the working buffers for the current geometry and image count (about 52 + 5 N bytes a
+ * pixel, zero-filled). Does nothing when the image count is outside 3..8 or the size is not one of
+ * an image (no pixels, row_step < cols). When memory runs out, images and runs are refused until
+ * Release and Initial. Does not free the buffers of an earlier call: Release first. */
+VELOSTRIX_API void InitialVelostrixUnCalibrationToolImage_CPU(UnCalibrationTool* tool);
+VELOSTRIX_API void InitialVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibrationTool* tool);
+
+/* Copies the next image into the tool: cut to the region if one is set, resized to the working size
+ * when scaling is on, equalised when the parameters ask for it. The image must be 8-bit
+ * single-channel and, without scaling, of the region's or working size. True: stored, the count of
+ * set images has grown by one. False, nothing changed: all N images are set; the image is empty or
+ * has more than two dimensions; without Initial or with a geometry that its buffers do not hold;
+ * with a region, the result is not of the working size with one byte a pixel; without one, it holds
+ * fewer bytes than the working size or equalisation refused it (more than one channel). An image
+ * that does not contain the region raises cv::Exception. */
+VELOSTRIX_API bool SetVelostrixUnCalibrationToolImage_CPU(UnCalibrationTool* tool,
+                                                          const VelostrixMat* image);
+
+/* The same for an image in plain memory. Also false: a type code outside 1..12, no data, a width or
+ * height below 1, a row stride that is negative, shorter than a row or not a multiple of the
+ * sample. */
+VELOSTRIX_API bool SetVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibrationTool* tool,
+                                                                 const ImageRecord* image);
+
+/* Forgets the images set so far; frees nothing. */
+VELOSTRIX_API void ClearVelostrixUnCalibrationToolImage_CPU(UnCalibrationTool* tool);
+VELOSTRIX_API void ClearVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibrationTool* tool);
+
+/* ---- runs --------------------------------------------------------------------------------------
+ */
+
+/* Each run turns the N stored images into the result images that output_enable asks for. A result
+ * whose switch is off is not touched and may be null. All are 8-bit single-channel but normal
+ * (three 8-bit channels: channels 0, 1, 2; owns its memory) and height (16-bit single-channel).
+ * They have the working size, or the region's when scaling is on (then resized, and owning their
+ * memory). 1: done; the count of set images is 0 again. The run does not ask whether all N images
+ * were set. 0: refused. Without results touched: image count outside 3..8; no buffers, or a
+ * geometry that they do not hold; fewer than three pixels (uncalibrated runs), fewer than two rows
+ * (part columns); a blur radius above 32767; an enabled result that is null. The count of set
+ * images stays: ClearImage before setting images again.
+ *
+ *   result     content                                                     uncalibrated calibrated
+ *   factor     factor map, normalised to 0..255, times factor_gain         brightness      albedo
+ *   curvature  dP/dx + dQ/dy, curvature gain and offset
+ *   magnitude  full frame: 2 |dQ/dy|, partial: |dP/dx + dQ/dy|, magnitude gain and offset
+ *   channel0   slope map P, channel[0] gain and offset                     slope P         normal x
+ *   channel1   slope map Q, channel[1] gain and offset                     slope Q         normal y
+ *   channel2   gated factor map, channel[2] gain and offset                brightness      normal z
+ *   normal     channels 0, 1, 2 merged
+ *   height     integrated slopes, 0..65535 over the range; a flat map gives 0
+ */
+
+/* Unknown lamps, whole frame at once. */
+VELOSTRIX_API int32_t RunVelostrixUnCalibration_CPU_uncali(
+    UnCalibrationTool* tool, VelostrixMat* factor, VelostrixMat* curvature, VelostrixMat* magnitude,
+    VelostrixMat* channel0, VelostrixMat* channel1, VelostrixMat* channel2, VelostrixMat* normal,
+    VelostrixMat* height);
+VELOSTRIX_API int32_t RunVelostrixUnCalibration_CPU_csharp_uncali(
+    UnCalibrationTool* tool, VelostrixMat* factor, VelostrixMat* curvature, VelostrixMat* magnitude,
+    VelostrixMat* channel0, VelostrixMat* channel1, VelostrixMat* channel2, VelostrixMat* normal,
+    VelostrixMat* height);
+
+/* Lamps in the fixed ring that follows from the image count. */
+VELOSTRIX_API int32_t RunVelostrixUnCalibration_CPU_cali(
+    UnCalibrationTool* tool, VelostrixMat* factor, VelostrixMat* curvature, VelostrixMat* magnitude,
+    VelostrixMat* channel0, VelostrixMat* channel1, VelostrixMat* channel2, VelostrixMat* normal,
+    VelostrixMat* height);
+VELOSTRIX_API int32_t RunVelostrixUnCalibration_CPU_csharp_cali(
+    UnCalibrationTool* tool, VelostrixMat* factor, VelostrixMat* curvature, VelostrixMat* magnitude,
+    VelostrixMat* channel0, VelostrixMat* channel1, VelostrixMat* channel2, VelostrixMat* normal,
+    VelostrixMat* height);
+
+/* Unknown lamps, strips of `band` columns, their signs aligned from strip to strip. A band below 10
+ * counts as 10. The factor map is mirrored about its mid-range. */
+VELOSTRIX_API int32_t RunVelostrixUnCalibration_CPU_partcols_uncali(
+    UnCalibrationTool* tool, VelostrixMat* factor, VelostrixMat* curvature, VelostrixMat* magnitude,
+    VelostrixMat* channel0, VelostrixMat* channel1, VelostrixMat* channel2, VelostrixMat* normal,
+    VelostrixMat* height, int32_t band);
+VELOSTRIX_API int32_t RunVelostrixUnCalibration_CPU_partcols_csharp_uncali(
+    UnCalibrationTool* tool, VelostrixMat* factor, VelostrixMat* curvature, VelostrixMat* magnitude,
+    VelostrixMat* channel0, VelostrixMat* channel1, VelostrixMat* channel2, VelostrixMat* normal,
+    VelostrixMat* height, int32_t band);
+
+/* Unknown lamps, bands of `band` rows, each with its own signs. A band below 10 counts as 10. The
+ * factor map is mirrored about its mid-range. */
+VELOSTRIX_API int32_t RunVelostrixUnCalibration_CPU_partrows_uncali(
+    UnCalibrationTool* tool, VelostrixMat* factor, VelostrixMat* curvature, VelostrixMat* magnitude,
+    VelostrixMat* channel0, VelostrixMat* channel1, VelostrixMat* channel2, VelostrixMat* normal,
+    VelostrixMat* height, int32_t band);
+VELOSTRIX_API int32_t RunVelostrixUnCalibration_CPU_partrows_csharp_uncali(
+    UnCalibrationTool* tool, VelostrixMat* factor, VelostrixMat* curvature, VelostrixMat* magnitude,
+    VelostrixMat* channel0, VelostrixMat* channel1, VelostrixMat* channel2, VelostrixMat* normal,
+    VelostrixMat* height, int32_t band);
+
+/* ---- release -----------------------------------------------------------------------------------
+ */
+
+/* Frees the working buffers and forgets the images; harmless to repeat. Results over the tool's
+ * planes dangle from here on. */
+VELOSTRIX_API void ReleaseVelostrixUnCalibrationToolImage_CPU(UnCalibrationTool* tool);
+VELOSTRIX_API void ReleaseVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibrationTool* tool);
+
+/* Destroys an array of cv::Mat made with new[], given its first element; null does nothing. */
+VELOSTRIX_API void DestroyImageArrayCPU(VelostrixMat* first);
+VELOSTRIX_API void DestroyImageArrayCPU_csharp(VelostrixMat* first);
+
+/* Destroys the tool; null does nothing. Does not free the working buffers: Release first. */
+VELOSTRIX_API void DestroyVelostrixUnCalibrationToolPtr_CPU(UnCalibrationTool* tool);
+VELOSTRIX_API void DestroyVelostrixUnCalibrationToolPtr_CPU_csharp(UnCalibrationTool* tool);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* VELOSTRIX_UNCALIBRATION_H */

@@ -1,0 +1,23 @@
+// Derivative maps of the slope maps.
+#pragma once
+
+#include <cstdint>
+
+struct UnCalibrationTool;
+
+namespace velostrix {
+
+// Both read slope maps of rows x cols floats with stride row_step and write maps of the same
+// layout; both clamp tool.smoothing into [0.2, 50]; both return 1, also when nothing is written
+// because the frame has fewer than two rows or three columns. Central differences span two pixels
+// and are not halved; at the edges a row or column that is missing is replaced by the pixel's own.
+// The last two columns repeat the one before.
+
+// dp = dP/dx, dq = dQ/dy; forward differences when tool.difference_mode is 1, else central.
+int32_t DeriveSlopeMaps(UnCalibrationTool& tool, const float* p, const float* q, float* dp,
+                        float* dq);
+
+// out = dP/dx + dQ/dy in central differences.
+int32_t SlopeDivergence(UnCalibrationTool& tool, const float* p, const float* q, float* out);
+
+}  // namespace velostrix

@@ -1,0 +1,133 @@
+// Calibrated light stage: the fixed lamp ring and the Lambertian solve per pixel.
+#include "orientation/calibrated_lights.h"
+
+#include <cmath>
+
+#include "orientation/image_count.h"
+#include "orientation/image_piece.h"
+#include "tool/buffers.h"
+#include "tool/lanes.h"
+#include "tool/uncalibration_tool.h"
+
+namespace velostrix {
+namespace {
+
+using Matrix3 = std::array<std::array<float, 3>, 3>;
+
+// Angles in degrees are handed to the radian functions as they stand; deliberate: every calibrated
+// result depends on it. Volatile, because a compiler that folds the sines and cosines gets another
+// last digit.
+std::array<float, 3> LampVector(float slant_angle, float azimuth_angle) {
+  const volatile float slant = slant_angle;
+  const volatile float azimuth = azimuth_angle;
+  const float x = std::cos(azimuth) * std::sin(slant);
+  const float y = -(std::sin(azimuth) * std::sin(slant));
+  const float z = std::cos(slant);
+  const float norm = std::sqrt(y * y + x * x + z * z);
+  return {x / norm, y / norm, z / norm};
+}
+
+// L^T L
+Matrix3 NormalMatrix(const LampMatrix& lamps, int image_count) {
+  Matrix3 m = {};
+  for (size_t r = 0; r < 3; ++r) {
+    for (size_t c = 0; c < 3; ++c) {
+      for (size_t k = 0; k < static_cast<size_t>(image_count); ++k) {
+        m[r][c] += lamps[k][r] * lamps[k][c];
+      }
+    }
+  }
+  return m;
+}
+
+// Adjugate over determinant. False: the determinant is too small or negative.
+bool Invert(const Matrix3& m, Matrix3& inverse) {
+  const float det = m[2][2] * (m[1][1] * m[0][0]) - m[2][1] * (m[1][2] * m[0][0]) -
+                    m[2][2] * (m[1][0] * m[0][1]) + m[2][0] * (m[1][2] * m[0][1]) +
+                    m[2][1] * (m[1][0] * m[0][2]) - m[2][0] * (m[1][1] * m[0][2]);
+  if (det < 1e-7F) return false;
+  const float r = 1.0F / det;
+  inverse[0][0] = (m[2][2] * m[1][1] - m[2][1] * m[1][2]) * r;
+  inverse[0][1] = -((m[2][2] * m[0][1] - m[2][1] * m[0][2]) * r);
+  inverse[0][2] = (m[1][2] * m[0][1] - m[1][1] * m[0][2]) * r;
+  inverse[1][0] = -((m[2][2] * m[1][0] - m[2][0] * m[1][2]) * r);
+  inverse[1][1] = (m[2][2] * m[0][0] - m[2][0] * m[0][2]) * r;
+  inverse[1][2] = -((m[1][2] * m[0][0] - m[1][0] * m[0][2]) * r);
+  inverse[2][0] = (m[2][1] * m[1][0] - m[2][0] * m[1][1]) * r;
+  inverse[2][1] = -((m[2][1] * m[0][0] - m[2][0] * m[0][1]) * r);
+  inverse[2][2] = (m[1][1] * m[0][0] - m[1][0] * m[0][1]) * r;
+  return true;
+}
+
+struct NormalRows {
+  float* albedo;
+  float* nx;
+  float* ny;
+  float* nz;
+};
+
+// g = (L^T L)^-1 (L^T I), albedo = |g|, n = g / |g|
+template <int kImages>
+void SolveRow(const uint8_t* const (&bytes)[kImages], const LampMatrix& lamps,
+              const Matrix3& inverse, int64_t cols, const NormalRows& out) {
+  // The largest float below 1e-6, at which an albedo counts as none.
+  constexpr float kLargestDark = 1e-6F;
+  static_assert(double{kLargestDark} < 1e-6);
+  ForEachBlock(0, cols, [&](int64_t j, auto zero) {
+    using V = decltype(zero);
+    V b[3];
+    for (size_t r = 0; r < 3; ++r) b[r] = Load<V>(bytes[0] + j) * lamps[0][r];
+    for (size_t k = 1; k < kImages; ++k) {
+      const auto intensity = Load<V>(bytes[k] + j);
+      for (size_t r = 0; r < 3; ++r) b[r] = b[r] + intensity * lamps[k][r];
+    }
+    V g[3];
+    for (size_t r = 0; r < 3; ++r) {
+      g[r] = b[0] * inverse[r][0] + b[1] * inverse[r][1] + b[2] * inverse[r][2];
+    }
+    const V rho = Sqrt(g[1] * g[1] + g[0] * g[0] + g[2] * g[2]);
+    Store(out.albedo + j, rho);
+    Store(out.nx + j, WhereAbove(rho, kLargestDark, g[0] / rho, zero));
+    Store(out.ny + j, WhereAbove(rho, kLargestDark, g[1] / rho, zero));
+    Store(out.nz + j, WhereAbove(rho, kLargestDark, g[2] / rho, zero));
+  });
+}
+
+}  // namespace
+
+LampMatrix LampRing(int image_count) {
+  constexpr float kSlant = 45.0F;
+  constexpr std::array<float, 3> kThreeLamps = {315.0F, 225.0F, 135.0F};
+  // Whole degrees, so that seven lamps leave a wider gap at the end; deliberate.
+  const int step = 360 / image_count;
+  LampMatrix lamps = {};
+  for (int i = 0; i < image_count; ++i) {
+    const auto lamp = static_cast<size_t>(i);
+    const float azimuth = image_count == 3 ? kThreeLamps[lamp] : static_cast<float>(i * step);
+    lamps[lamp] = LampVector(kSlant, azimuth);
+  }
+  return lamps;
+}
+
+int32_t SolveCalibratedLights(const UnCalibrationTool& tool, float* out_albedo, float* out_nx,
+                              float* out_ny, float* out_nz) {
+  if (!CanRun(tool)) return 0;
+  const ImagePiece frame = PieceOfFrame(tool, 0, tool.rows, 0, tool.cols);
+  const LampMatrix lamps = LampRing(frame.image_count);
+  Matrix3 inverse = {};
+  if (!Invert(NormalMatrix(lamps, frame.image_count), inverse)) return 0;
+
+  WithImageCount(frame.image_count, [&](auto image_count) {
+    constexpr int kImages = decltype(image_count)::value;
+    for (int64_t i = 0; i < tool.rows; ++i) {
+      const uint8_t* bytes[kImages];
+      for (int k = 0; k < kImages; ++k) bytes[k] = frame.At(k, i, 0);
+      const int64_t at = i * tool.row_step;
+      SolveRow<kImages>(bytes, lamps, inverse, tool.cols,
+                        {out_albedo + at, out_nx + at, out_ny + at, out_nz + at});
+    }
+  });
+  return 1;
+}
+
+}  // namespace velostrix

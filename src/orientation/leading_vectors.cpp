@@ -1,0 +1,184 @@
+// The first three pixel-side singular vectors of a piece of the image stack.
+//
+// A piece of P pixels under N lamps is a P x N matrix A = U S V^T. Its left vectors need not be
+// computed from all of A. With A_top its first N rows, A_bot the rest and any R with R^T R =
+// A_bot^T A_bot,
+//   A = blockdiag(I, Q) Y,   Y = [A_top; R] (2N x N),   Q^T Q = I,
+// and every Householder reflection, pivot choice and Jacobi rotation that the decomposition makes
+// on A is the image of the one that it makes on Y: the entries whose sign decides a reflection lie
+// in the first N rows, which Y keeps. So Y has the singular values of A, its V, and U up to Q with
+// the same signs, and
+//   u(pixel) = a(pixel) W,   W = V S^-1 (N x 3).
+// The same holds for A^T, whose right vectors are wanted then.
+#include "orientation/leading_vectors.h"
+
+#include <Eigen/Eigenvalues>
+#include <Eigen/SVD>
+#include <algorithm>
+#include <optional>
+#include <utility>
+
+#include "orientation/image_count.h"
+#include "tool/lanes.h"
+
+namespace velostrix {
+namespace {
+
+constexpr int kVectors = LeadingVectors::kVectors;
+
+// Pieces below this are decomposed whole: the small matrix gains nothing there.
+constexpr int64_t kSmallestReducedPiece = 1024;
+
+// Singular values closer than this, relative to the first, leave their vectors to the round-off of
+// single precision: the piece is decomposed whole then, so that the vectors are whatever that
+// decomposition returns.
+constexpr double kDeterminedGap = 1e-5;
+
+bool VectorsAreDetermined(const Eigen::VectorXd& singular_values) {
+  const double gap = kDeterminedGap * singular_values[0];
+  for (int v = 0; v < kVectors; ++v) {
+    const double next = v + 1 < singular_values.size() ? singular_values[v + 1] : 0.0;
+    if (!(singular_values[v] - next > gap)) return false;
+  }
+  return true;
+}
+
+// A of a piece, or of its first `count` pixels.
+template <typename Matrix>
+Matrix IntensityRows(const ImagePiece& piece, int64_t count) {
+  Matrix intensities(count, piece.image_count);
+  for (int k = 0; k < piece.image_count; ++k) {
+    for (int64_t j = 0; j < count; ++j) {
+      intensities(j, k) =
+          *piece.At(k, piece.first_row + j / piece.cols(), piece.first_col + j % piece.cols());
+    }
+  }
+  return intensities;
+}
+
+Eigen::MatrixXd ReducedMatrix(const ImagePiece& piece, const Eigen::MatrixXd& products,
+                              int64_t rows) {
+  const int n = piece.image_count;
+  const auto top = IntensityRows<Eigen::MatrixXd>(piece, n);
+  const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> bottom(products - top.transpose() * top);
+  Eigen::MatrixXd reduced = Eigen::MatrixXd::Zero(rows, n);
+  reduced.topRows(n) = top;
+  reduced.middleRows(n, n) =
+      bottom.eigenvalues().cwiseMax(0).cwiseSqrt().asDiagonal() * bottom.eigenvectors().transpose();
+  return reduced;
+}
+
+// W of a decomposition whose image side is given; nothing where the vectors are not determined.
+std::optional<Eigen::MatrixXd> Weights(const Eigen::VectorXd& singular_values,
+                                       const Eigen::MatrixXd& image_side) {
+  if (!VectorsAreDetermined(singular_values)) return std::nullopt;
+  return image_side.leftCols(kVectors) * singular_values.head(kVectors).cwiseInverse().asDiagonal();
+}
+
+std::optional<Eigen::MatrixXd> ReducedWeights(const ImagePiece& piece,
+                                              const Eigen::MatrixXd& products,
+                                              Decomposition decomposition) {
+  constexpr int kBothSides = Eigen::ComputeThinU | Eigen::ComputeThinV;
+  const int64_t rows = 2 * piece.image_count;
+  switch (decomposition) {
+    case Decomposition::kPixelsByImages: {
+      const Eigen::JacobiSVD<Eigen::MatrixXd> svd(ReducedMatrix(piece, products, rows), kBothSides);
+      return Weights(svd.singularValues(), svd.matrixV());
+    }
+    case Decomposition::kImagesByPixels: {
+      const Eigen::JacobiSVD<Eigen::MatrixXd> svd(ReducedMatrix(piece, products, rows).transpose(),
+                                                  kBothSides);
+      return Weights(svd.singularValues(), svd.matrixU());
+    }
+    case Decomposition::kImagesByPixelsBlockwise:
+    default: {
+      // Below 16 columns this decomposition turns into the other; a piece has more.
+      const Eigen::BDCSVD<Eigen::MatrixXd> svd(
+          ReducedMatrix(piece, products, std::max<int64_t>(rows, 16)).transpose(), kBothSides);
+      return Weights(svd.singularValues(), svd.matrixU());
+    }
+  }
+}
+
+Eigen::MatrixXf WholeVectors(const ImagePiece& piece, Decomposition decomposition) {
+  auto intensities = IntensityRows<Eigen::MatrixXf>(piece, piece.pixels());
+  switch (decomposition) {
+    case Decomposition::kPixelsByImages: {
+      intensities /= 100.0F;  // as in the matrix that the tool keeps
+      const Eigen::JacobiSVD<Eigen::MatrixXf> svd(intensities, Eigen::ComputeThinU);
+      return svd.matrixU().leftCols(kVectors);
+    }
+    case Decomposition::kImagesByPixels: {
+      const Eigen::JacobiSVD<Eigen::MatrixXf> svd(intensities.transpose(), Eigen::ComputeThinV);
+      return svd.matrixV().leftCols(kVectors);
+    }
+    case Decomposition::kImagesByPixelsBlockwise:
+    default: {
+      const Eigen::BDCSVD<Eigen::MatrixXf> svd(intensities.transpose(), Eigen::ComputeThinV);
+      return svd.matrixV().leftCols(kVectors);
+    }
+  }
+}
+
+}  // namespace
+
+LeadingVectors::LeadingVectors(const ImagePiece& piece, const Eigen::MatrixXd& weights)
+    : piece_(piece) {
+  for (int v = 0; v < kVectors; ++v) {
+    for (int k = 0; k < piece.image_count; ++k) {
+      weights_[static_cast<size_t>(v)][static_cast<size_t>(k)] = static_cast<float>(weights(k, v));
+    }
+  }
+}
+
+LeadingVectors::LeadingVectors(const ImagePiece& piece, Eigen::MatrixXf entries)
+    : piece_(piece), entries_(std::move(entries)) {}
+
+void LeadingVectors::CopyEntries(int64_t row, int64_t col, int64_t count,
+                                 const std::array<float*, kVectors>& out) const {
+  if (entries_.size() > 0) {
+    const int64_t j = (row - piece_.first_row) * piece_.cols() + (col - piece_.first_col);
+    for (int v = 0; v < kVectors; ++v) {
+      std::copy_n(&entries_(j, v), count, out[static_cast<size_t>(v)]);
+    }
+    return;
+  }
+  WithImageCount(piece_.image_count, [&](auto image_count) {
+    constexpr size_t kImages = decltype(image_count)::value;
+    const uint8_t* bytes[kImages];
+    for (size_t k = 0; k < kImages; ++k) bytes[k] = piece_.At(static_cast<int>(k), row, col);
+    ForEachBlock(0, count, [&](int64_t j, auto zero) {
+      using V = decltype(zero);
+      V sums[kVectors];
+      for (size_t v = 0; v < kVectors; ++v) sums[v] = Load<V>(bytes[0] + j) * weights_[v][0];
+      for (size_t k = 1; k < kImages; ++k) {
+        const auto intensity = Load<V>(bytes[k] + j);
+        for (size_t v = 0; v < kVectors; ++v) sums[v] = sums[v] + intensity * weights_[v][k];
+      }
+      for (size_t v = 0; v < kVectors; ++v) Store(out[v] + j, sums[v]);
+    });
+  });
+}
+
+std::array<float, LeadingVectors::kVectors> LeadingVectors::At(int64_t row, int64_t col) const {
+  std::array<float, kVectors> entries = {};
+  CopyEntries(row, col, 1, {&entries[0], &entries[1], &entries[2]});
+  return entries;
+}
+
+void LeadingVectors::Negate(int vector) {
+  for (float& weight : weights_[static_cast<size_t>(vector)]) weight = -weight;
+  if (entries_.size() > 0) entries_.col(vector) *= -1.0F;
+}
+
+LeadingVectors DecomposePiece(const ImagePiece& piece, const Eigen::MatrixXd& intensity_products,
+                              Decomposition decomposition) {
+  if (piece.pixels() >= kSmallestReducedPiece) {
+    if (const auto weights = ReducedWeights(piece, intensity_products, decomposition)) {
+      return {piece, *weights};
+    }
+  }
+  return {piece, WholeVectors(piece, decomposition)};
+}
+
+}  // namespace velostrix

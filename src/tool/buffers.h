@@ -1,0 +1,28 @@
+// The working buffers: allocation, release, and whether a geometry fits them.
+#pragma once
+
+#include <cstdint>
+
+struct UnCalibrationTool;
+
+namespace velostrix {
+
+// Allocates every working buffer for the tool's geometry and image count, zero-filled; with scaling
+// on and no region, takes the working size from the result size first. Does nothing when the image
+// count is outside 3..8 or the geometry is not that of an image. A buffer that cannot be had stays
+// null.
+void InitialImage(UnCalibrationTool& tool);
+
+// Frees the working buffers and forgets the images. Harmless to repeat.
+void ReleaseImage(UnCalibrationTool& tool);
+
+// Whether the working geometry is that of an image and its planes lie inside the allocated ones.
+bool PlanesHoldFrame(const UnCalibrationTool& tool);
+
+// Whether the first `count` planes of the image stack lie inside the allocated stack.
+bool StackHoldsImages(const UnCalibrationTool& tool, int64_t count);
+
+// What every light stage asks first: 3 to 8 images and a frame, both inside the buffers.
+bool CanRun(const UnCalibrationTool& tool);
+
+}  // namespace velostrix

@@ -1,0 +1,85 @@
+// The tool object: parameters, region, working geometry, buffers, timings; everything between two
+// calls.
+#pragma once
+
+#include <Eigen/Core>
+#include <array>
+#include <cstdint>
+#include <vector>
+
+#include "velostrix/records.h"
+
+struct RegionOfInterest {
+  int32_t x = 0, y = 0, width = 0, height = 0;  // input-image pixels
+};
+
+// Sixteen bytes of a constant vector register.
+using ConstantVector = std::array<uint8_t, 16>;
+
+// The fields stand in a fixed order; what this library adds for its own safety stands at the end.
+// Sizes are 64-bit although hosts set them with 32 bits, so that their products cannot overflow.
+struct UnCalibrationTool {
+  RegionOfInterest roi;
+  int32_t roi_set = 0;
+  int32_t output_enable[VELOSTRIX_OUTPUT_COUNT] = {};
+  float smoothing = 1.0F;  // clamped by the derivative stages, used by nothing
+  int32_t difference_mode = 0;
+  int32_t blur_radius = 0;
+  int32_t iteration_cap = 50;
+  double scale = 1.0;
+  int32_t downscale_on = 0;
+
+  int32_t factor_offset = 0;
+  double factor_gain = 0;
+  OutputScaling curvature = {};
+  OutputScaling magnitude = {};
+  OutputScaling channel[3] = {};
+  OutputScaling reserved[2] = {};
+  int32_t equalise_on = 0;
+
+  int64_t roi_height = 0, roi_width = 0;  // region at input resolution; results are resized to it
+  int64_t rows = 0, cols = 0;             // working image
+  int64_t row_step = 0;    // elements from row to row, in planes of every element type
+  int64_t plane_size = 0;  // rows x row_step; bytes between the planes of image_stack
+  int64_t image_count = 0;
+  int64_t images_set = 0;
+
+  // Working buffers, allocated by InitialImage and freed by ReleaseImage. The spares are kept so
+  // that the buffer set is the same for every run; nothing touches them, so they cost address space
+  // only.
+  uint8_t* image_stack = nullptr;
+  float* factor_map = nullptr;
+  float* slope_p = nullptr;
+  float* slope_q = nullptr;
+  float* gated_factor_map = nullptr;
+  float* deriv_p = nullptr;
+  float* deriv_q = nullptr;
+  float* blurred_deriv_p = nullptr;
+  float* blurred_deriv_q = nullptr;
+  float* height_map = nullptr;
+  float* spare_map = nullptr;
+  uint8_t* factor_plane = nullptr;
+  uint8_t* channel_plane[3] = {};
+  uint8_t* derivative_half[2] = {};
+  uint8_t* curvature_plane = nullptr;
+  uint8_t* magnitude_plane = nullptr;
+  uint8_t* spare_plane[2] = {};
+  uint16_t* height_plane = nullptr;
+  float* spare_stack = nullptr;
+
+  // Milliseconds.
+  double time_fill_ms = 0, time_svd_ms = 0, time_maps_ms = 0, time_flip_ms = 0;
+  double tick_mark = 0;  // raw ticks
+  double time_light_stage_ms = 0, time_map_images_ms = 0, time_derivative_images_ms = 0;
+
+  std::vector<double> column_levels;  // of the last equalised image
+
+  std::array<ConstantVector, 13> constant_vectors;
+
+  Eigen::MatrixXf light_matrix;      // matrix storage of light estimation; spare
+  Eigen::MatrixXf intensity_matrix;  // pixels x images, from the last uncalibrated full-frame run
+
+  // What InitialImage allocated: every writer checks the geometry against it. Zero without buffers.
+  int64_t allocated_pixels = 0;       // elements of every plane
+  int64_t allocated_stack_bytes = 0;  // of image_stack
+};

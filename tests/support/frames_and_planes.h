@@ -1,0 +1,129 @@
+// Frames of any geometry for stage tests, and planes that notice what is written where it should
+// not be.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "reference/reference_stages.h"
+#include "tool/tool_under_test.h"
+
+namespace velostrix {
+
+struct Geometry {
+  int64_t rows;
+  int64_t cols;
+  int64_t row_step;
+  int64_t image_count = 3;
+};
+
+inline std::ostream& operator<<(std::ostream& out, const Geometry& g) {
+  return out << g.cols << " x " << g.rows << ", row step " << g.row_step << ", " << g.image_count
+             << " images";
+}
+
+// Frames of every width from 1 to 40, packed and with gaps between the rows.
+inline std::vector<Geometry> NarrowFrames() {
+  std::vector<Geometry> frames;
+  for (int64_t cols = 1; cols <= 40; ++cols) {
+    frames.push_back({3, cols, cols});
+    frames.push_back({2, cols, cols + 7});
+  }
+  return frames;
+}
+
+// A tool with the geometry but without buffers, for stages that are given theirs.
+inline ToolPtr UnallocatedTool(const Geometry& g) {
+  UnCalibrationParam param = FrameParam(static_cast<int32_t>(g.cols), static_cast<int32_t>(g.rows),
+                                        static_cast<int32_t>(g.image_count));
+  param.row_step = static_cast<int32_t>(g.row_step);
+  return NewTool(param);
+}
+
+inline ToolPtr AllocatedTool(const Geometry& g) {
+  ToolPtr tool = UnallocatedTool(g);
+  InitialImage(*tool);
+  return tool;
+}
+
+inline reference::Frame FrameOf(const UnCalibrationTool& tool) {
+  return {tool.rows,
+          tool.cols,
+          tool.row_step,
+          tool.plane_size,
+          static_cast<int>(tool.image_count),
+          tool.image_stack};
+}
+
+// A plane with the frame's geometry and guard elements behind it, filled with a value that no
+// stage produces.
+template <typename T>
+class GuardedPlane {
+ public:
+  explicit GuardedPlane(const UnCalibrationTool& tool)
+      : rows_(tool.rows),
+        cols_(tool.cols),
+        row_step_(tool.row_step),
+        elements_(static_cast<size_t>(tool.rows * tool.row_step) + kGuard) {
+    std::memset(elements_.data(), kFill, elements_.size() * sizeof(T));
+  }
+
+  T* data() { return elements_.data(); }
+  const T* data() const { return elements_.data(); }
+  T& operator()(int64_t row, int64_t col) {
+    return elements_[static_cast<size_t>(row * row_step_ + col)];
+  }
+  T operator()(int64_t row, int64_t col) const {
+    return elements_[static_cast<size_t>(row * row_step_ + col)];
+  }
+
+  // Sets every pixel of the frame to value(row, col).
+  template <typename Value>
+  void Fill(Value value) {
+    for (int64_t i = 0; i < rows_; ++i) {
+      for (int64_t j = 0; j < cols_; ++j) (*this)(i, j) = static_cast<T>(value(i, j));
+    }
+  }
+
+  // The same bytes everywhere, between the rows and behind the last one too; NaNs are all the same.
+  testing::AssertionResult SameAs(const GuardedPlane& expected) const {
+    return Compare(expected, true);
+  }
+
+  // The same bytes everywhere but in the frame.
+  testing::AssertionResult SameOutsideFrame(const GuardedPlane& expected) const {
+    return Compare(expected, false);
+  }
+
+ private:
+  static constexpr int64_t kGuard = 32;
+  static constexpr int kFill = 0xC5;
+
+  testing::AssertionResult Compare(const GuardedPlane& expected, bool with_frame) const {
+    for (size_t o = 0; o < elements_.size(); ++o) {
+      const T actual = elements_[o];
+      const T wanted = expected.elements_[o];
+      if (std::memcmp(&actual, &wanted, sizeof(T)) == 0) continue;
+      if (std::isnan(static_cast<double>(actual)) && std::isnan(static_cast<double>(wanted))) {
+        continue;
+      }
+      const int64_t row = static_cast<int64_t>(o) / row_step_;
+      const int64_t col = static_cast<int64_t>(o) % row_step_;
+      if (!with_frame && row < rows_ && col < cols_) continue;
+      return testing::AssertionFailure()
+             << "row " << row << ", column " << col << " is " << +actual << " and not " << +wanted;
+    }
+    return testing::AssertionSuccess();
+  }
+
+  int64_t rows_;
+  int64_t cols_;
+  int64_t row_step_;
+  std::vector<T> elements_;
+};
+
+}  // namespace velostrix
