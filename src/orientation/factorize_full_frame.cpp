@@ -29,6 +29,14 @@ void FillMatrixRow(const ImagePiece& frame, int64_t row, Eigen::MatrixXf& intens
   }
 }
 
+// Emptied first: when the memory cannot be had, Eigen's resize leaves a matrix that frees its old
+// block again.
+void ResizeMatrix(Eigen::MatrixXf& matrix, int64_t rows, int64_t cols) {
+  if (matrix.rows() == rows && matrix.cols() == cols) return;
+  matrix.resize(0, 0);
+  matrix.resize(rows, cols);
+}
+
 }  // namespace
 
 int32_t FactorizeIntensities(UnCalibrationTool& tool, float* factor_map, float* slope_p,
@@ -37,7 +45,7 @@ int32_t FactorizeIntensities(UnCalibrationTool& tool, float* factor_map, float* 
 
   Stopwatch stopwatch;
   const ImagePiece frame = PieceOfFrame(tool, 0, tool.rows, 0, tool.cols);
-  tool.intensity_matrix.resize(frame.pixels(), frame.image_count);
+  ResizeMatrix(tool.intensity_matrix, frame.pixels(), frame.image_count);
   GramAccumulator gram(frame);
   for (int64_t row = 0; row < tool.rows; ++row) {
     FillMatrixRow(frame, row, tool.intensity_matrix);

@@ -1,0 +1,36 @@
+// The commands of the command line, and the errors that they end with.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+
+namespace velostrix::cli {
+
+// The arguments themselves are wrong: exit code 2. Any other exception is a failure: exit code 1.
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+class Failure : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// Each adds one command with its options; parsing the arguments then runs it.
+void AddReconstructCommand(CLI::App& app);
+void AddRenderCommand(CLI::App& app);
+void AddSheetCommand(CLI::App& app);
+void AddInfoCommand(CLI::App& app);
+
+// The whole text as a number; false when it is not one.
+template <typename T>
+bool ParseNumber(const std::string& text, T& number) {
+  std::istringstream stream(text);
+  stream.imbue(std::locale::classic());
+  return stream >> number && stream.peek() == std::istringstream::traits_type::eof();
+}
+
+}  // namespace velostrix::cli

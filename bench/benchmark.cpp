@@ -1,0 +1,148 @@
+// velostrix_bench: prints how fast every stage and run is, against the straightforward
+// implementation and against the memory bandwidth, both measured in the same process.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "measurement.h"
+#include "workloads.h"
+
+namespace {
+
+using nlohmann::json;
+using velostrix::bench::Comparison;
+using velostrix::bench::Workload;
+
+struct Options {
+  std::vector<std::string> sizes = {"640x480", "1280x1024", "2448x2048", "4096x3072"};
+  std::vector<int> images = {3, 4, 8};
+  int repeats = 5;
+  std::string json_file;
+};
+
+cv::Size ParseSize(const std::string& text) {
+  cv::Size size;
+  char rest = 0;
+  if (std::sscanf(text.c_str(), "%dx%d%c", &size.width, &size.height, &rest) != 2 ||
+      size.width < 16 || size.height < 16) {
+    throw CLI::ValidationError("--size", "'" + text + "' is not WIDTHxHEIGHT of at least 16x16");
+  }
+  return size;
+}
+
+std::string ProcessorName() {
+  std::ifstream cpuinfo("/proc/cpuinfo");
+  for (std::string line; std::getline(cpuinfo, line);) {
+    if (line.rfind("model name", 0) == 0) return line.substr(line.find(':') + 2);
+  }
+  return "unknown processor";
+}
+
+json MeasurePeakMemory(cv::Size size, int images) {
+  const auto scene = velostrix::bench::SceneImages(size, images);
+  const auto peak = static_cast<double>(
+      velostrix::bench::PeakMemory([&scene] { velostrix::bench::RunOnce(scene); }));
+  const double buffers = velostrix::bench::BufferBytesPerPixel(images) * size.area();
+  std::printf("%5dx%-5d N=%d  peak of a run with height %7.1f MB, buffers %7.1f MB, ratio %.2f\n",
+              size.width, size.height, images, peak / 1e6, buffers / 1e6, peak / buffers);
+  return {{"width", size.width},
+          {"height", size.height},
+          {"images", images},
+          {"peak_bytes", peak},
+          {"buffer_bytes", buffers}};
+}
+
+json MeasureWorkload(const Workload& workload, cv::Size size, int repeats, double bandwidth) {
+  const Comparison time = velostrix::bench::Compare(workload.product, workload.reference, repeats);
+  const double megapixels = size.area() / 1e6;
+  const double speed = workload.bytes_per_pixel * size.area() / time.product_ms / 1e6;
+  std::printf("  %-26s %9.2f ms %7.2f ms/MP %10.1f ms %7.1fx", workload.name.c_str(),
+              time.product_ms, time.product_ms / megapixels, time.reference_ms, time.Ratio());
+  if (workload.bytes_per_pixel > 0) {
+    std::printf(" %7.0f B %6.1f GB/s %4.0f %%", workload.bytes_per_pixel, speed,
+                100 * speed / bandwidth);
+  }
+  std::printf("\n");
+  std::fflush(stdout);
+  return {{"name", workload.name},
+          {"ms", time.product_ms},
+          {"reference_ms", time.reference_ms},
+          {"ratio", time.Ratio()},
+          {"bytes_per_pixel", workload.bytes_per_pixel},
+          {"bandwidth_fraction", speed / bandwidth}};
+}
+
+json MeasureScene(cv::Size size, int images, int repeats) {
+  const double one = velostrix::bench::TriadBandwidth(size.area(), false);
+  const double all = velostrix::bench::TriadBandwidth(size.area(), true);
+  std::printf("\n%dx%d, N = %d; triad %.1f GB/s on one thread, %.1f GB/s on all\n", size.width,
+              size.height, images, one, all);
+  std::printf("  %-26s %12s %13s %13s %8s %9s %11s %6s\n", "", "library", "", "plain", "ratio",
+              "per pixel", "bandwidth", "of triad");
+  const auto session = velostrix::bench::MakeSession(size, images);
+  json rows = json::array();
+  for (const auto& list : {velostrix::bench::Stages(session), velostrix::bench::Runs(session)}) {
+    for (const Workload& workload : list) {
+      rows.push_back(MeasureWorkload(workload, size, repeats, workload.parallel ? all : one));
+    }
+  }
+  return {{"width", size.width}, {"height", size.height}, {"images", images},
+          {"triad_gbps", one},   {"triad_all_gbps", all}, {"rows", rows}};
+}
+
+void Run(const Options& options) {
+  std::vector<cv::Size> sizes;
+  for (const std::string& size : options.sizes) sizes.push_back(ParseSize(size));
+  std::printf("%s, %u threads\n\n", ProcessorName().c_str(), std::thread::hardware_concurrency());
+
+  json report = {{"processor", ProcessorName()},
+                 {"threads", std::thread::hardware_concurrency()},
+                 {"memory", json::array()},
+                 {"scenes", json::array()}};
+  // Memory first: the child processes must not inherit a thread pool.
+  for (const cv::Size& size : sizes) {
+    for (const int images : options.images) {
+      report["memory"].push_back(MeasurePeakMemory(size, images));
+    }
+  }
+  for (const cv::Size& size : sizes) {
+    for (const int images : options.images) {
+      report["scenes"].push_back(MeasureScene(size, images, options.repeats));
+    }
+  }
+  if (options.json_file.empty()) return;
+  std::ofstream file(options.json_file);
+  file << report.dump(2) << '\n';
+  if (!file.flush()) throw std::runtime_error("cannot write '" + options.json_file + "'");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("Speed of the library against the straightforward implementation");
+  Options options;
+  app.add_option("--size", options.sizes, "Frame sizes, WIDTHxHEIGHT")->capture_default_str();
+  app.add_option("--images", options.images, "Image counts, 3 to 8")
+      ->check(CLI::Range(3, 8))
+      ->capture_default_str();
+  app.add_option("--repeats", options.repeats, "Repetitions; the best counts")
+      ->check(CLI::Range(1, 1000))
+      ->capture_default_str();
+  app.add_option("--json", options.json_file, "Also write the numbers to this file");
+  try {
+    app.parse(argc, argv);
+    Run(options);
+  } catch (const CLI::ParseError& error) {
+    const int code = app.exit(error);
+    return code == 0 ? 0 : 2;
+  } catch (const std::exception& error) {
+    std::cerr << "velostrix_bench: " << error.what() << '\n';
+    return 1;
+  }
+  return 0;
+}

@@ -1,0 +1,311 @@
+// What is measured: every stage and every run, once by the library and once plainly.
+#include "workloads.h"
+
+#include <cmath>
+#include <opencv2/imgproc.hpp>
+#include <stdexcept>
+
+#include "maps/byte_maps.h"
+#include "maps/derivative_maps.h"
+#include "maps/height.h"
+#include "orientation/calibrated_lights.h"
+#include "orientation/factorize_full_frame.h"
+#include "orientation/factorize_parts.h"
+#include "pipeline/full_frame_run.h"
+#include "pipeline/partial_run.h"
+#include "reference/reference_runs.h"
+#include "tool/buffers.h"
+#include "tool/equalisation.h"
+#include "tool/image_input.h"
+#include "tool/parameters.h"
+#include "tool/uncalibration_tool.h"
+
+namespace velostrix::bench {
+namespace {
+
+UnCalibrationParam Parameters(cv::Size size, int images, bool height) {
+  UnCalibrationParam param = {};
+  param.image_count = images;
+  param.width = param.row_step = size.width;
+  param.height = size.height;
+  for (int32_t& output : param.output_enable) output = 1;
+  param.output_enable[VELOSTRIX_OUTPUT_HEIGHT] = height ? 1 : 0;
+  param.scale = 1.0;
+  param.iteration_cap = kIterationCap;
+  param.factor_gain = 1.0;
+  param.curvature = {128, 100.0};
+  param.magnitude = {0, 100.0};
+  for (OutputScaling& channel : param.channel) channel = {128, 100.0};
+  return param;
+}
+
+struct Results {
+  cv::Mat factor, curvature, magnitude, channel[3], normal, height;
+
+  ResultImages Places() {
+    return {&factor, &curvature, &magnitude, {&channel[0], &channel[1], &channel[2]},
+            &normal, &height};
+  }
+};
+
+void Check(bool done) {
+  if (!done) throw std::runtime_error("a measured call was refused");
+}
+
+}  // namespace
+
+class Session {
+ public:
+  Session(cv::Size size, int image_count)
+      : images(SceneImages(size, image_count)), workspace(ReferenceFrame(size)) {
+    SetParam(tool, Parameters(size, image_count, true));
+    InitialImage(tool);
+    SetImages();
+    frame = ReferenceFrame(size);
+    frame.stack = tool.image_stack;
+    frame.image_count = image_count;
+    // Slopes for the stages that come after a light stage.
+    Check(FactorizeIntensities(tool, tool.factor_map, tool.slope_p, tool.slope_q,
+                               tool.gated_factor_map) != 0);
+  }
+  ~Session() { ReleaseImage(tool); }
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  void SetImages() {
+    ClearImage(tool);
+    for (const cv::Mat& image : images) Check(SetImage(tool, image));
+  }
+
+  cv::Size size() const { return images.front().size(); }
+  reference::WorkingMaps reference_maps() {
+    return {workspace.factor_map.data(), workspace.slope_p.data(), workspace.slope_q.data(),
+            workspace.gated_factor_map.data()};
+  }
+
+  UnCalibrationTool tool;
+  Results results;
+  std::vector<cv::Mat> images;
+  reference::Frame frame;
+  reference::Workspace workspace;
+  reference::RunResults reference_results;
+
+ private:
+  static reference::Frame ReferenceFrame(cv::Size size) {
+    reference::Frame frame;
+    frame.rows = size.height;
+    frame.cols = frame.row_step = size.width;
+    frame.plane_size = frame.rows * frame.cols;
+    return frame;
+  }
+};
+
+// Smooth relief under lamps of different strength and direction, printed squares, some noise: no
+// two images are alike, and none is the sum of others.
+std::vector<cv::Mat> SceneImages(cv::Size size, int images) {
+  cv::RNG noise(1);
+  std::vector<cv::Mat> scene;
+  for (int k = 0; k < images; ++k) {
+    const double azimuth = 2 * CV_PI * k / images + 0.3 * k;
+    cv::Mat image(size, CV_8UC1);
+    for (int i = 0; i < size.height; ++i) {
+      auto* row = image.ptr<uint8_t>(i);
+      const double slope_y = 0.3 * std::sin(0.06 * i);
+      const double wave = std::cos(0.042 * i);
+      for (int j = 0; j < size.width; ++j) {
+        const double slope_x = 0.3 * std::sin(0.05 * j) * wave;
+        const double print = ((i / 40 + j / 60) & 1) != 0 ? 1.0 : 0.7;
+        const double shading = 1 + std::cos(azimuth) * slope_x + std::sin(azimuth) * slope_y;
+        row[j] = cv::saturate_cast<uint8_t>((90 + 10 * k) * shading * print +
+                                            static_cast<double>(noise.next() & 3U));
+      }
+    }
+    scene.push_back(image);
+  }
+  return scene;
+}
+
+std::shared_ptr<Session> MakeSession(cv::Size size, int images) {
+  return std::make_shared<Session>(size, images);
+}
+
+std::vector<Workload> Stages(const std::shared_ptr<Session>& session) {
+  Session* s = session.get();
+  UnCalibrationTool& tool = s->tool;
+  reference::Workspace& plain = s->workspace;
+  const double n = static_cast<double>(tool.image_count);
+  std::vector<Workload> stages;
+  const auto add = [&](const char* name, double bytes, std::function<void()> product,
+                       std::function<void()> reference, bool parallel = false) {
+    stages.push_back({name, bytes, parallel, [session, run = std::move(product)] { run(); },
+                      [session, run = std::move(reference)] { run(); }});
+  };
+
+  add(
+      "set images", 2 * n, [s] { s->SetImages(); },
+      [s] {
+        std::vector<uint8_t> stack(static_cast<size_t>(s->frame.plane_size * s->frame.image_count));
+        uint8_t* out = stack.data();
+        for (const cv::Mat& image : s->images) {
+          for (int i = 0; i < image.rows; ++i) {
+            for (int j = 0; j < image.cols; ++j) *out++ = image.at<uint8_t>(i, j);
+          }
+        }
+      });
+  add(
+      "equalise one image", 3,
+      [s, out = cv::Mat(), levels = std::vector<double>()]() mutable {
+        Check(EqualiseBrightness(levels, s->images[0], out, -1.0));
+      },
+      [s, levels = std::vector<double>()]() mutable {
+        reference::EqualiseBrightness(levels, s->images[0], -1.0);
+      });
+  // Bytes are read twice, for the products and for the maps.
+  add(
+      "factorise full frame", 2 * n + 4 * n + 16,
+      [&tool] {
+        FactorizeIntensities(tool, tool.factor_map, tool.slope_p, tool.slope_q,
+                             tool.gated_factor_map);
+      },
+      [s] {
+        reference::FactorizeIntensities(s->frame, s->reference_maps(),
+                                        s->workspace.intensity_matrix);
+      });
+  // Four maps written, the factor map mirrored.
+  add(
+      "factorise part rows", 2 * n + 16 + 12,
+      [&tool] {
+        FactorizeIntensitiesPartRows(tool, tool.factor_map, tool.slope_p, tool.slope_q,
+                                     tool.gated_factor_map, kBand);
+      },
+      [s] { reference::FactorizeIntensitiesPartRows(s->frame, s->reference_maps(), kBand); });
+  add(
+      "factorise part cols", 2 * n + 16 + 12,
+      [&tool] {
+        FactorizeIntensitiesPartCols(tool, tool.factor_map, tool.slope_p, tool.slope_q,
+                                     tool.gated_factor_map, kBand);
+      },
+      [s] { reference::FactorizeIntensitiesPartCols(s->frame, s->reference_maps(), kBand); });
+  add(
+      "calibrated solve", n + 16,
+      [&tool] {
+        SolveCalibratedLights(tool, tool.factor_map, tool.slope_p, tool.slope_q,
+                              tool.gated_factor_map);
+      },
+      [s] { reference::SolveCalibratedLights(s->frame, s->reference_maps()); });
+  add(
+      "map to byte, linear", 5,
+      [&tool] { MapToByteLinear(tool, tool.slope_p, tool.channel_plane[0], 100.0, 128); },
+      [s, &tool, &plain] {
+        reference::MapToByteLinear(s->frame, tool.slope_p, plain.channel_plane[0].data(), 100.0,
+                                   128);
+      });
+  add(
+      "map to byte, absolute", 5,
+      [&tool] { MapToByteAbsLinear(tool, tool.slope_p, tool.magnitude_plane, 100.0, 0); },
+      [s, &tool, &plain] {
+        reference::MapToByteAbsLinear(s->frame, tool.slope_p, plain.magnitude_plane.data(), 100.0,
+                                      0);
+      });
+  add(
+      "map to byte, normalised", 9,
+      [&tool] { MapToByteNormalized(tool, tool.factor_map, tool.factor_plane, 1.0); },
+      [s, &tool, &plain] {
+        reference::MapToByteNormalized(s->frame, tool.factor_map, plain.factor_plane.data(), 1.0);
+      });
+  add(
+      "map to word", 10, [&tool] { MapToWordNormalized(tool, tool.slope_p, tool.height_plane); },
+      [s, &tool, &plain] {
+        reference::MapToWordNormalized(s->frame, tool.slope_p, plain.height_plane.data());
+      });
+  add(
+      "sum bytes", 3,
+      [&tool] {
+        SumBytes(tool, tool.factor_plane, tool.magnitude_plane, tool.curvature_plane, -128);
+      },
+      [s, &tool, &plain] {
+        reference::SumBytes(s->frame, tool.factor_plane, tool.magnitude_plane,
+                            plain.curvature_plane.data(), -128);
+      });
+  add(
+      "derivative maps", 16,
+      [&tool] { DeriveSlopeMaps(tool, tool.slope_p, tool.slope_q, tool.deriv_p, tool.deriv_q); },
+      [s, &tool, &plain] {
+        reference::DeriveSlopeMaps(s->frame, tool.slope_p, tool.slope_q, false,
+                                   plain.deriv_p.data(), plain.deriv_q.data());
+      });
+  add(
+      "slope divergence", 12,
+      [&tool] { SlopeDivergence(tool, tool.slope_p, tool.slope_q, tool.deriv_p); },
+      [s, &tool, &plain] {
+        reference::SlopeDivergence(s->frame, tool.slope_p, tool.slope_q, plain.deriv_p.data());
+      });
+  // The right-hand side and start (16 bytes), then 12 + 20 bytes an iteration.
+  add(
+      "height, cap 50", 16 + 32 * kIterationCap,
+      [&tool] { IntegrateHeight(tool, tool.slope_p, tool.slope_q, &tool.height_map); },
+      [s, &tool, &plain] {
+        reference::IntegrateHeight(s->frame, tool.slope_p, tool.slope_q, kIterationCap,
+                                   plain.height_map.data());
+      },
+      true);
+  return stages;
+}
+
+std::vector<Workload> Runs(const std::shared_ptr<Session>& session) {
+  using reference::LightStage;
+  struct Variant {
+    const char* name;
+    LightStage stage;
+    std::function<int32_t(UnCalibrationTool&, const ResultImages&)> run;
+  };
+  const std::vector<Variant> variants = {
+      {"uncali", LightStage::kUncalibrated, RunUncalibrated},
+      {"cali", LightStage::kCalibrated, RunCalibrated},
+      {"partrows", LightStage::kPartRows,
+       [](UnCalibrationTool& tool, const ResultImages& r) { return RunPartRows(tool, r, kBand); }},
+      {"partcols", LightStage::kPartCols,
+       [](UnCalibrationTool& tool, const ResultImages& r) { return RunPartCols(tool, r, kBand); }},
+  };
+  std::vector<Workload> runs;
+  for (const bool height : {false, true}) {
+    for (const Variant& variant : variants) {
+      const UnCalibrationParam param =
+          Parameters(session->size(), static_cast<int>(session->tool.image_count), height);
+      const auto product = [session, param, run = variant.run] {
+        SetParam(session->tool, param);
+        Check(run(session->tool, session->results.Places()) == 1);
+      };
+      const auto reference = [session, param, stage = variant.stage] {
+        reference::RunRequest request;
+        request.light_stage = stage;
+        request.frame = session->frame;
+        request.param = param;
+        request.band = kBand;
+        reference::Run(request, session->workspace, session->reference_results);
+      };
+      runs.push_back({std::string(variant.name) + (height ? " with height" : ""), 0, height,
+                      product, reference});
+    }
+  }
+  return runs;
+}
+
+void RunOnce(const std::vector<cv::Mat>& images) {
+  UnCalibrationTool tool;
+  SetParam(tool, Parameters(images.front().size(), static_cast<int>(images.size()), true));
+  InitialImage(tool);
+  for (const cv::Mat& image : images) Check(SetImage(tool, image));
+  Results results;
+  Check(RunUncalibrated(tool, results.Places()) == 1);
+  ReleaseImage(tool);
+}
+
+double BufferBytesPerPixel(int images) {
+  const double stack_and_spare_stack = 5.0 * images;
+  const double intensity_matrix = 4.0 * images;
+  constexpr double kMapsAndPlanes = 10 * 4 + 10 + 2;
+  return stack_and_spare_stack + intensity_matrix + kMapsAndPlanes;
+}
+
+}  // namespace velostrix::bench

@@ -1,0 +1,47 @@
+# What `cmake --install` puts where: headers, libraries, command line, and what finds them.
+#
+# Component runtime: what a line runs. Component development: what a program is built with. The
+# unversioned names of the libraries are runtime, as hosts in C# and Python load them by these names.
+include(CMakePackageConfigHelpers)
+
+set_target_properties(VelostrixUncalibration PROPERTIES
+  VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR} EXPORT_NAME Uncalibration)
+set_target_properties(velostrix_mat PROPERTIES
+  VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR} EXPORT_NAME Mat)
+install(TARGETS VelostrixUncalibration velostrix_mat EXPORT VelostrixTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT runtime
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
+
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/velostrix
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+install(FILES ${PROJECT_BINARY_DIR}/generated/velostrix/version.h
+  ${PROJECT_SOURCE_DIR}/hosts/mat/velostrix_mat.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/velostrix COMPONENT development)
+
+if(TARGET velostrix_cli)
+  # An unpacked tarball runs where it lies.
+  set_target_properties(velostrix_cli PROPERTIES INSTALL_RPATH
+    "$<IF:$<PLATFORM_ID:Linux>,\$ORIGIN/../${CMAKE_INSTALL_LIBDIR},>")
+  install(TARGETS velostrix_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
+  configure_file(${CMAKE_CURRENT_LIST_DIR}/velostrix.1.in ${PROJECT_BINARY_DIR}/velostrix.1 @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/velostrix.1
+    DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime)
+endif()
+
+set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/VelostrixUncalibration)
+install(EXPORT VelostrixTargets NAMESPACE Velostrix:: FILE VelostrixTargets.cmake
+  DESTINATION ${package_folder} COMPONENT development)
+configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/VelostrixUncalibrationConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/VelostrixUncalibrationConfig.cmake INSTALL_DESTINATION ${package_folder})
+# Before 1.0 a minor version may change what hosts see.
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/VelostrixUncalibrationConfigVersion.cmake
+  COMPATIBILITY SameMinorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/VelostrixUncalibrationConfig.cmake
+  ${PROJECT_BINARY_DIR}/VelostrixUncalibrationConfigVersion.cmake
+  DESTINATION ${package_folder} COMPONENT development)
+
+file(RELATIVE_PATH pkgconfig_to_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/velostrix.pc.in ${PROJECT_BINARY_DIR}/velostrix.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/velostrix.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)

@@ -1,0 +1,10 @@
+// libFuzzer's entry into call sequences.
+#include "call_sequence.h"
+
+// Sizes that no memory holds are the library's to refuse, not the sanitizer's to end.
+extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  velostrix::fuzz::RunCallSequence(data, size);
+  return 0;
+}

@@ -1,0 +1,132 @@
+// C++ hosts: gains that make the result images readable without tuning. Header-only, C++17.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <opencv2/core.hpp>
+#include <vector>
+
+#include "velostrix/tool.hpp"
+
+namespace velostrix {
+namespace auto_gain_detail {
+
+// How far the levels of an image lie from its zero level, the outermost percent on each side left
+// out.
+struct Reach {
+  int below = 0;
+  int above = 0;
+  int Widest() const { return std::max(below, above); }
+};
+
+inline Reach MeasureReach(const cv::Mat& image, int zero_level) {
+  std::array<int64_t, 256> histogram = {};
+  for (int i = 0; i < image.rows; ++i) {
+    const auto* row = image.ptr<uint8_t>(i);
+    for (int j = 0; j < image.cols; ++j) ++histogram[row[j]];
+  }
+  const auto percent = static_cast<int64_t>(image.total() / 100);
+  size_t low = 0;
+  for (int64_t count = histogram[low]; count <= percent;) count += histogram[++low];
+  size_t high = 255;
+  for (int64_t count = histogram[high]; count <= percent;) count += histogram[--high];
+  return {std::max(0, zero_level - static_cast<int>(low)),
+          std::max(0, static_cast<int>(high) - zero_level)};
+}
+
+// The search for the gain of one output.
+struct Search {
+  Output output;
+  double usual_gain;
+  double gain;
+  int zero_level;  // offset of the pilots
+  Reach reach;     // in the latest pilot
+  bool is_readable = false;
+  bool is_done = false;
+
+  int FullReach() const { return 255 - zero_level; }
+  int TargetReach() const { return 240 - zero_level; }
+
+  void Learn(const cv::Mat& image) {
+    constexpr double kStride = 16.0;
+    constexpr int kReadableReach = 4;
+    constexpr int kPreciseReach = 32;      // one level is 3 percent
+    constexpr double kMostGrowth = 256.0;  // what is flatter yet is quantisation, not relief
+    reach = MeasureReach(image, zero_level);
+    const bool is_saturated = reach.Widest() >= FullReach();
+    is_readable = !is_saturated && reach.Widest() >= kReadableReach;
+    if (is_readable) {
+      is_done = reach.Widest() >= kPreciseReach;
+      gain *= static_cast<double>(TargetReach()) / reach.Widest();
+    } else if (is_saturated) {
+      gain /= kStride;
+    } else if (gain >= kMostGrowth * usual_gain) {
+      is_done = true;
+    } else {
+      gain *= kStride;
+    }
+  }
+
+  OutputScaling Found() const {
+    if (!is_readable) return {zero_level, usual_gain};
+    const bool is_brightness =
+        output == Output::kChannel2 && std::min(reach.below, reach.above) == 0;
+    if (!is_brightness) return {zero_level, gain};
+    constexpr double kWholeRange = 240.0;
+    return {0, gain * kWholeRange / TargetReach() * (reach.above > 0 ? 1.0 : -1.0)};
+  }
+};
+
+}  // namespace auto_gain_detail
+
+// Returns the parameters with gain and offset of every output that they ask for chosen for these
+// images, but for those to keep (factor, normal and height have nothing to choose). Without the
+// outermost percent on each side, the values fill grey levels 16 to 240 around 128, those of the
+// magnitude 0 to 240. Channel 2, when all its values have one sign, is a brightness and fills 0 to
+// 240 too, by a negative gain if need be. A flat map keeps the gain that suits usual relief.
+//
+// Does this by pilot runs without height, 2 or 3 as a rule and 8 at most. Choose once for a kind of
+// part and keep the parameters: only under equal gains can parts be compared.
+inline Parameters ChooseGains(Tool& tool, const std::vector<cv::Mat>& images, Parameters parameters,
+                              OutputSet keep = {}) {
+  constexpr int kMostPilots = 8;
+  Check(images, parameters);
+  OutputSet outputs = parameters.outputs;
+  if (outputs.Contains(Output::kNormal)) {
+    for (const Output channel : kChannels) outputs.Add(channel);
+  }
+
+  const cv::Size size = WorkingSize(images.front().size(), parameters);
+  const double pixels = static_cast<double>(size.width) * size.height;
+  std::vector<auto_gain_detail::Search> searches;
+  for (const Output output : kAllOutputs) {
+    if (!outputs.Contains(output) || keep.Contains(output)) continue;
+    if (Scaling(parameters, output) == nullptr) continue;
+    // A singular vector has unit length.
+    const bool is_unit_vector = output == Output::kChannel2 && parameters.run != Run::kCalibrated;
+    const double usual_gain = is_unit_vector ? 64.0 * std::sqrt(pixels) : 128.0;
+    searches.push_back(
+        {output, usual_gain, usual_gain, output == Output::kMagnitude ? 0 : 128, {}});
+  }
+
+  Parameters pilot = parameters;
+  for (int k = 0; k < kMostPilots; ++k) {
+    pilot.outputs = {};
+    for (const auto& search : searches) {
+      if (search.is_done) continue;
+      pilot.outputs.Add(search.output);
+      *Scaling(pilot, search.output) = {search.zero_level, search.gain};
+    }
+    if (pilot.outputs.IsEmpty()) break;
+    const Results results = tool.ReconstructViews(images, pilot);
+    for (auto& search : searches) {
+      if (!search.is_done) search.Learn(results[search.output]);
+    }
+  }
+  for (const auto& search : searches) *Scaling(parameters, search.output) = search.Found();
+  return parameters;
+}
+
+}  // namespace velostrix
