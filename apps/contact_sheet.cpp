@@ -54,6 +54,7 @@ cv::Mat ComposeSheet(const std::vector<SheetRow>& rows, int tile_width) {
   for (const SheetRow& row : rows) longest = std::max(longest, row.tiles.size());
   const int width = kGap + static_cast<int>(longest) * (tile_width + kGap);
   std::vector<cv::Mat> strips;
+  strips.reserve(rows.size());
   for (const SheetRow& row : rows) strips.push_back(ComposeRow(row, tile_width, width));
   cv::Mat sheet;
   cv::vconcat(strips, sheet);

@@ -13,7 +13,3 @@ else()
     -Wall -Wextra -Wpedantic -Wconversion
     $<$<BOOL:${VELOSTRIX_WERROR}>:-Werror>)
 endif()
-if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-  set(CMAKE_CXX_FLAGS_RELEASE "-O3 -DNDEBUG")
-  set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O3 -g -DNDEBUG")
-endif()

@@ -18,13 +18,13 @@ constexpr int kBufferCount = 23;
 
 struct Buffer {
   void* data;
-  int64_t bytes;
+  uint64_t bytes;  // modulo 2^64: some sizes here are beyond all memory
 };
 
 // Every buffer with the size that it should have.
 std::vector<Buffer> Buffers(const UnCalibrationTool& tool) {
-  const int64_t pixels = tool.rows * tool.row_step;
-  const int64_t images = tool.image_count;
+  const auto pixels = static_cast<uint64_t>(tool.rows * tool.row_step);
+  const auto images = static_cast<uint64_t>(tool.image_count);
   std::vector<Buffer> buffers = {{tool.image_stack, images * pixels},
                                  {tool.height_plane, 2 * pixels},
                                  {tool.spare_stack, 4 * images * pixels}};
@@ -67,7 +67,7 @@ TEST(Buffers, AllocatedForEveryImageCount) {
     for (const Buffer& buffer : buffers) {
       ASSERT_NE(buffer.data, nullptr);
       auto* bytes = static_cast<uint8_t*>(buffer.data);
-      EXPECT_EQ(std::count(bytes, bytes + buffer.bytes, 0), buffer.bytes);
+      EXPECT_EQ(static_cast<uint64_t>(std::count(bytes, bytes + buffer.bytes, 0)), buffer.bytes);
       std::fill_n(bytes, buffer.bytes, uint8_t{0xA5});  // the sanitizer sees to the size
     }
   }
