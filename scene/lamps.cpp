@@ -24,6 +24,7 @@ cv::Vec3f RingLamp(int azimuth_angle) {
 std::vector<cv::Vec3f> RingLamps(int count) {
   constexpr std::array<int, 3> kAzimuthsOfThree = {315, 225, 135};
   std::vector<cv::Vec3f> lamps;
+  lamps.reserve(static_cast<size_t>(count));
   for (int k = 0; k < count; ++k) {
     lamps.push_back(
         RingLamp(count == 3 ? kAzimuthsOfThree[static_cast<size_t>(k)] : k * (360 / count)));

@@ -49,8 +49,9 @@ Matrix IntensityRows(const ImagePiece& piece, int64_t count) {
   Matrix intensities(count, piece.image_count);
   for (int k = 0; k < piece.image_count; ++k) {
     for (int64_t j = 0; j < count; ++j) {
-      intensities(j, k) =
-          *piece.At(k, piece.first_row + j / piece.cols(), piece.first_col + j % piece.cols());
+      const int64_t row = piece.first_row + j / piece.cols();
+      const int64_t col = piece.first_col + j % piece.cols();
+      intensities(j, k) = *piece.At(k, row, col);
     }
   }
   return intensities;
