@@ -240,9 +240,9 @@ std::vector<Workload> Stages(const std::shared_ptr<Session>& session) {
       [s, &tool, &plain] {
         reference::SlopeDivergence(s->frame, tool.slope_p, tool.slope_q, plain.deriv_p.data());
       });
-  // The right-hand side and start (16 bytes), then 12 + 20 bytes an iteration.
+  // The start: slopes and r, then p; an iteration: r and p both ways, z every other time.
   add(
-      "height, cap 50", 16 + 32 * kIterationCap,
+      "height, cap 50", 24 + 20 * kIterationCap,
       [&tool] { IntegrateHeight(tool, tool.slope_p, tool.slope_q, &tool.height_map); },
       [s, &tool, &plain] {
         reference::IntegrateHeight(s->frame, tool.slope_p, tool.slope_q, kIterationCap,

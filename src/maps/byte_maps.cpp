@@ -9,7 +9,6 @@
 #include <cstring>
 
 #include "tool/float_conversion.h"
-#include "tool/uncalibration_tool.h"
 
 namespace velostrix {
 namespace {
@@ -18,8 +17,8 @@ namespace {
 // integer.
 constexpr float kAlmostHalf = 0.4999999F;
 
-bool IsRefused(const UnCalibrationTool& tool, const void* map) {
-  return map == nullptr || tool.rows < 1 || tool.cols < 1;
+bool IsRefused(const FrameExtent& frame, const void* map) {
+  return map == nullptr || frame.rows < 1 || frame.cols < 1;
 }
 
 uint8_t SaturatedByte(int64_t level) {
@@ -46,23 +45,22 @@ void RowToBytes(const float* in, uint8_t* out, int64_t cols, Block block, Tail t
 }
 
 template <typename Block, typename Tail>
-void MapToBytes(const UnCalibrationTool& tool, const float* map, uint8_t* out, Block block,
-                Tail tail) {
-  for (int64_t i = 0; i < tool.rows; ++i) {
-    RowToBytes(map + i * tool.row_step, out + i * tool.row_step, tool.cols, block, tail);
+void MapToBytes(const FrameExtent& frame, const float* map, uint8_t* out, Block block, Tail tail) {
+  for (int64_t i = 0; i < frame.rows; ++i) {
+    RowToBytes(map + i * frame.stride, out + i * frame.stride, frame.cols, block, tail);
   }
 }
 
 // Blocks are scaled in single precision, the tail in double and truncated; magnitude picks |v| or
 // v.
 template <typename Magnitude4, typename Magnitude>
-int32_t LinearToBytes(const UnCalibrationTool& tool, const float* map, uint8_t* out, double gain,
+int32_t LinearToBytes(const FrameExtent& frame, const float* map, uint8_t* out, double gain,
                       int32_t offset, Magnitude4 magnitude4, Magnitude magnitude) {
-  if (IsRefused(tool, map)) return 0;
+  if (IsRefused(frame, map)) return 0;
   const __m128 gain4 = _mm_set1_ps(static_cast<float>(gain));
   const __m128 offset4 = _mm_set1_ps(static_cast<float>(offset));
   MapToBytes(
-      tool, map, out,
+      frame, map, out,
       [=](__m128 v) { return _mm_add_ps(_mm_mul_ps(magnitude4(v), gain4), offset4); },
       [=](float v) {
         return SaturatedByte(
@@ -104,45 +102,44 @@ void MinMaxOfMap(const float* map, int64_t width, int64_t height, int64_t stride
   for (const float lane : lanes) max = std::max(max, lane);
 }
 
-int32_t MapToByteLinear(const UnCalibrationTool& tool, const float* map, uint8_t* out, double gain,
+int32_t MapToByteLinear(const FrameExtent& frame, const float* map, uint8_t* out, double gain,
                         int32_t offset) {
   return LinearToBytes(
-      tool, map, out, gain, offset, [](__m128 v) { return v; }, [](float v) { return v; });
+      frame, map, out, gain, offset, [](__m128 v) { return v; }, [](float v) { return v; });
 }
 
-int32_t MapToByteAbsLinear(const UnCalibrationTool& tool, const float* map, uint8_t* out,
-                           double gain, int32_t offset) {
+int32_t MapToByteAbsLinear(const FrameExtent& frame, const float* map, uint8_t* out, double gain,
+                           int32_t offset) {
   return LinearToBytes(
-      tool, map, out, gain, offset, [](__m128 v) { return _mm_andnot_ps(_mm_set1_ps(-0.0F), v); },
+      frame, map, out, gain, offset, [](__m128 v) { return _mm_andnot_ps(_mm_set1_ps(-0.0F), v); },
       [](float v) { return std::fabs(v); });
 }
 
-int32_t MapToByteNormalized(const UnCalibrationTool& tool, const float* map, uint8_t* out,
-                            double gain) {
-  if (IsRefused(tool, map)) return 0;
+int32_t MapToByteNormalized(const FrameExtent& frame, const float* map, uint8_t* out, double gain) {
+  if (IsRefused(frame, map)) return 0;
   float min = 0;
   float max = 0;
-  MinMaxOfMap(map, tool.cols, tool.rows, tool.row_step, min, max);
+  MinMaxOfMap(map, frame.cols, frame.rows, frame.stride, min, max);
   if (max == min) {
-    if (out != nullptr) std::memset(out, 128, static_cast<size_t>(tool.rows * tool.row_step));
+    if (out != nullptr) std::memset(out, 128, static_cast<size_t>(frame.rows * frame.stride));
     return 1;
   }
   const float scale = static_cast<float>(double{255.0F / (max - min)} * gain);
   const __m128 min4 = _mm_set1_ps(min);
   const __m128 scale4 = _mm_set1_ps(scale);
   MapToBytes(
-      tool, map, out, [=](__m128 v) { return _mm_mul_ps(_mm_sub_ps(v, min4), scale4); },
+      frame, map, out, [=](__m128 v) { return _mm_mul_ps(_mm_sub_ps(v, min4), scale4); },
       [=](float v) { return SaturatedByte(TruncateToInt((v - min) * scale + kAlmostHalf)); });
   return 1;
 }
 
-bool MapToWordNormalized(const UnCalibrationTool& tool, const float* map, uint16_t* out) {
-  if (IsRefused(tool, map)) return false;
+bool MapToWordNormalized(const FrameExtent& frame, const float* map, uint16_t* out) {
+  if (IsRefused(frame, map)) return false;
   float min = 0;
   float max = 0;
-  MinMaxOfMap(map, tool.cols, tool.rows, tool.row_step, min, max);
+  MinMaxOfMap(map, frame.cols, frame.rows, frame.stride, min, max);
   if (max == min) {
-    std::fill_n(out, tool.rows * tool.row_step, uint16_t{0});
+    std::fill_n(out, frame.rows * frame.stride, uint16_t{0});
     return true;
   }
   const float scale = 65535.0F / (max - min);
@@ -150,16 +147,16 @@ bool MapToWordNormalized(const UnCalibrationTool& tool, const float* map, uint16
     const __m128 scaled = _mm_mul_ps(_mm_sub_ps(v, _mm_set1_ps(min)), _mm_set1_ps(scale));
     return _mm_cvttps_epi32(_mm_add_ps(scaled, _mm_set1_ps(kAlmostHalf)));
   };
-  for (int64_t i = 0; i < tool.rows; ++i) {
-    const float* in = map + i * tool.row_step;
-    uint16_t* words = out + i * tool.row_step;
+  for (int64_t i = 0; i < frame.rows; ++i) {
+    const float* in = map + i * frame.stride;
+    uint16_t* words = out + i * frame.stride;
     int64_t j = 0;
-    for (; j + 8 <= tool.cols; j += 8) {
+    for (; j + 8 <= frame.cols; j += 8) {
       _mm_storeu_si128(
           reinterpret_cast<__m128i*>(words + j),
           _mm_packus_epi32(level4(_mm_loadu_ps(in + j)), level4(_mm_loadu_ps(in + j + 4))));
     }
-    for (; j < tool.cols; ++j) {
+    for (; j < frame.cols; ++j) {
       const __m128i level = _mm_packus_epi32(level4(_mm_set_ss(in[j])), _mm_setzero_si128());
       words[j] = static_cast<uint16_t>(_mm_cvtsi128_si32(level));
     }
@@ -167,22 +164,22 @@ bool MapToWordNormalized(const UnCalibrationTool& tool, const float* map, uint16
   return true;
 }
 
-int32_t SumBytes(const UnCalibrationTool& tool, const uint8_t* a, const uint8_t* b, uint8_t* out,
+int32_t SumBytes(const FrameExtent& frame, const uint8_t* a, const uint8_t* b, uint8_t* out,
                  int32_t offset) {
-  if (IsRefused(tool, a)) return 0;
+  if (IsRefused(frame, a)) return 0;
   const __m128i offset8 = _mm_set1_epi16(static_cast<int16_t>(offset));  // modulo 65536; deliberate
   const auto widened = [](const uint8_t* bytes) {
     return _mm_cvtepu8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(bytes)));
   };
-  for (int64_t i = 0; i < tool.rows; ++i) {
-    const int64_t row = i * tool.row_step;
+  for (int64_t i = 0; i < frame.rows; ++i) {
+    const int64_t row = i * frame.stride;
     int64_t j = 0;
-    for (; j + 8 <= tool.cols; j += 8) {
+    for (; j + 8 <= frame.cols; j += 8) {
       const __m128i sum =
           _mm_add_epi16(_mm_add_epi16(widened(a + row + j), widened(b + row + j)), offset8);
       _mm_storel_epi64(reinterpret_cast<__m128i*>(out + row + j), _mm_packus_epi16(sum, sum));
     }
-    for (; j < tool.cols; ++j) {
+    for (; j < frame.cols; ++j) {
       out[row + j] = SaturatedByte(int64_t{b[row + j]} + offset + a[row + j]);
     }
   }

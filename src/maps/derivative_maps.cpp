@@ -39,7 +39,7 @@ struct RowNeighbours {
 }  // namespace
 
 int32_t DeriveSlopeMaps(UnCalibrationTool& tool, const float* p, const float* q, float* dp,
-                        float* dq) {
+                        float* dq, RowRange range) {
   ClampSmoothing(tool);
   if (!IsDifferentiable(tool)) return 1;
 
@@ -48,11 +48,11 @@ int32_t DeriveSlopeMaps(UnCalibrationTool& tool, const float* p, const float* q,
   // On wide frames the whole first block of eight takes forward differences; deliberate.
   const int64_t first_block = tool.cols > 9 ? 8 : 1;
   const int64_t forward_cols = forward ? cols : first_block;
-  for (int64_t i = 0; i < tool.rows; ++i) {
+  for (int64_t i = range.first; i < std::min(range.end, tool.rows); ++i) {
     const RowNeighbours rows(tool, q, i);
     const float* upper = forward ? rows.self : rows.above;
-    float* dp_row = dp + i * tool.row_step;
-    float* dq_row = dq + i * tool.row_step;
+    float* dp_row = dp + (i - range.first) * tool.row_step;
+    float* dq_row = dq + (i - range.first) * tool.row_step;
     DifferentiateAlongRow(p + i * tool.row_step, dp_row, forward_cols, cols);
     for (int64_t j = 0; j < cols; ++j) dq_row[j] = rows.below[j] - upper[j];
     RepeatIntoLastTwo(dp_row, tool.cols);
@@ -61,18 +61,24 @@ int32_t DeriveSlopeMaps(UnCalibrationTool& tool, const float* p, const float* q,
   return 1;
 }
 
-int32_t SlopeDivergence(UnCalibrationTool& tool, const float* p, const float* q, float* out) {
+int32_t SlopeDivergence(UnCalibrationTool& tool, const float* p, const float* q, float* out,
+                        RowRange range) {
   ClampSmoothing(tool);
   if (!IsDifferentiable(tool)) return 1;
 
   const int64_t cols = tool.cols - 2;
   // As above, with blocks of four.
   const int64_t forward_cols = tool.cols > 5 ? 4 : 1;
-  for (int64_t i = 0; i < tool.rows; ++i) {
+  for (int64_t i = range.first; i < std::min(range.end, tool.rows); ++i) {
     const RowNeighbours rows(tool, q, i);
-    float* out_row = out + i * tool.row_step;
-    DifferentiateAlongRow(p + i * tool.row_step, out_row, forward_cols, cols);
-    for (int64_t j = 0; j < cols; ++j) out_row[j] += rows.below[j] - rows.above[j];
+    float* out_row = out + (i - range.first) * tool.row_step;
+    const float* p_row = p + i * tool.row_step;
+    for (int64_t j = 0; j < forward_cols; ++j) {
+      out_row[j] = (p_row[j + 1] - p_row[j]) + (rows.below[j] - rows.above[j]);
+    }
+    for (int64_t j = forward_cols; j < cols; ++j) {
+      out_row[j] = (p_row[j + 1] - p_row[j - 1]) + (rows.below[j] - rows.above[j]);
+    }
     RepeatIntoLastTwo(out_row, tool.cols);
   }
   return 1;

@@ -5,24 +5,30 @@
 //   z[k] - z[k+W] =  q[k]     the neighbour is missing in the last row
 // The missing neighbours tie the height to zero beyond the right and the bottom edge. The normal
 // equations A^T A z = A^T b couple a pixel with its four neighbours,
-//   (A^T A z)[k] = d z[k] - z[k-1] - z[k+1] - z[k-W] - z[k+W],   d = 2 + (not first column) + (not
-//   first row), (A^T b)[k]   = p[k-1] - p[k] - q[k-W] + q[k],
+//   (A^T A z)[k] = d z[k] - z[k-1] - z[k+1] - z[k-W] - z[k+W],
+//   d = 2 + (not first column) + (not first row),
+//   (A^T b)[k] = p[k-1] - p[k] - q[k-W] + q[k],
 // so neither A nor A^T A is stored. They are solved by conjugate gradients (Hestenes and Stiefel,
 // 1952) with Jacobi preconditioning, M = diag(d), from z = 0 to a relative residual of 0.001.
 //
-// An iteration makes two passes over memory, 12 bytes a pixel for the search direction and 20 for
-// solution and residual:
-//   1. p = M^-1 r + beta p,  p.A^T A p = |A p|^2
-//   2. z += alpha p,  r -= alpha A^T A p,  r.r,  r.M^-1 r
+// With w = A^T A p an iteration is
+//   z += alpha p,  r -= alpha w,  alpha = r.M^-1 r / p.w
+//   p = M^-1 r + beta p,          beta = new r.M^-1 r / old r.M^-1 r
+// It takes one sweep over memory, because beta is known before r is: the new r.M^-1 r is
+// alpha^2 w.M^-1 w - r.M^-1 r (Meurant, 1987). The sweep sums the true r.M^-1 r for the next alpha,
+// so that the error of the prediction does not accumulate. z is written in every other sweep: the
+// direction before can be had from p and r again, p_before = (p - M^-1 r) / beta. That makes 20
+// bytes a pixel and iteration.
 #include "maps/height_solver.h"
 
 #include <algorithm>
 #include <iterator>
 #include <limits>
-#include <memory>
 #include <numeric>
+#include <optional>
 #include <vector>
 
+#include "maps/large_array.h"
 #include "tool/lanes.h"
 
 namespace velostrix {
@@ -30,7 +36,10 @@ namespace {
 
 constexpr float kTolerance = 0.001F;
 
-// The sum of a quantity over a row: eight running lanes and one for the pixels that fill no block.
+// Directions are recovered only from a beta whose division loses no more than the last digits.
+constexpr float kSmallestRecoveringBeta = 0.125F;
+
+// The sum of squares over a row: eight running lanes and one for the pixels that fill no block.
 struct RowSum {
   Lanes lanes;
   float rest = 0;
@@ -44,13 +53,23 @@ struct RowSum {
   }
 };
 
-// Adds the squares of A p that belong to a pixel: its differences to the right and to below.
-template <typename V>
-void AddEnergy(V self, V right, V below, RowSum& energy) {
-  const V along = self - right;
-  const V across = self - below;
-  energy.Add(along * along + across * across);
-}
+// Sums over rows; M is the preconditioner.
+struct Sums {
+  double rr = 0;   // r.r
+  double rmr = 0;  // r.M^-1 r
+  double pw = 0;   // p.w
+  double wmw = 0;  // w.M^-1 w
+
+  friend Sums operator+(const Sums& a, const Sums& b) {
+    return {a.rr + b.rr, a.rmr + b.rmr, a.pw + b.pw, a.wmw + b.wmw};
+  }
+};
+
+// z += p_factor p + residual_factor M^-1 r
+struct SolutionStep {
+  float p_factor;
+  float residual_factor;
+};
 
 class ConjugateGradients {
  public:
@@ -59,9 +78,8 @@ class ConjugateGradients {
         rows_(problem.rows),
         cols_(problem.cols),
         z_(z),
-        r_(new float[static_cast<size_t>(rows_ * cols_)]),
-        p_(new float[static_cast<size_t>(rows_ * cols_)]),
-        zero_row_(static_cast<size_t>(cols_), 0.0F),
+        r_(AllocateLargeArray(rows_ * cols_)),
+        p_(AllocateLargeArray((rows_ + 2) * (cols_ + 2))),
         row_sums_(static_cast<size_t>(rows_)),
         // Where a sparse product over five entries a row becomes worth its threads.
         parallel_(rows_ * cols_ * 5 > 20000) {}
@@ -69,32 +87,21 @@ class ConjugateGradients {
   int64_t Solve();
 
  private:
-  static constexpr int64_t kBandRows = 32;
-
-  struct ResidualSums {
-    double rr = 0;  // r.r
-    double rz = 0;  // r.M^-1 r
-
-    friend ResidualSums operator+(const ResidualSums& a, const ResidualSums& b) {
-      return {a.rr + b.rr, a.rz + b.rz};
-    }
-  };
+  static constexpr int64_t kBandRows = 64;
 
   float* Residual(int64_t i) { return r_.get() + i * cols_; }
-  float* Direction(int64_t i) { return p_.get() + i * cols_; }
+  // A row of p, which has a border of zeros: rows -1 to rows_, columns -1 to cols_.
+  float* Direction(int64_t i) { return p_.get() + (i + 1) * (cols_ + 2) + 1; }
   float* Solution(int64_t i) { return z_ + i * problem_.stride; }
-  // A row of p, zeros beyond the frame.
-  const float* DirectionOrZero(int64_t i) {
-    return i >= 0 && i < rows_ ? Direction(i) : zero_row_.data();
-  }
 
   // d in columns from 1 on; column 0 has one less.
   static float Diagonal(int64_t i) { return i > 0 ? 4.0F : 3.0F; }
 
-  ResidualSums StartRow(int64_t i);
-  double UpdateDirectionRow(int64_t i, float beta, const float* above);
-  double EnergyOfRow(int64_t i);
-  ResidualSums UpdateRow(int64_t i, float alpha);
+  void StartRow(int64_t i);
+  void UpdateResidualRow(int64_t i, float alpha);
+  void UpdateSolutionRow(int64_t i, const SolutionStep& step);
+  void UpdateDirectionRow(int64_t i, float beta);
+  void MeasureRow(int64_t i, bool fetches_solution);
 
   // Calls work(first_row, end_row) for every band, on all threads. Bands are dealt out as threads
   // become free: a thread that the machine holds up costs the others one band at most.
@@ -107,161 +114,197 @@ class ConjugateGradients {
     }
   }
 
-  ResidualSums Start();
-  double UpdateDirection(float beta);
-  ResidualSums UpdateSolution(float alpha);
+  void Start();
+  void Sweep(float alpha, float beta, const std::optional<SolutionStep>& step);
+  void AdvanceSolution(const SolutionStep& step);
 
   // Rows are summed in their order, whatever thread has made them.
-  ResidualSums Total() const {
-    return std::accumulate(row_sums_.begin(), row_sums_.end(), ResidualSums());
-  }
+  Sums Total() const { return std::accumulate(row_sums_.begin(), row_sums_.end(), Sums()); }
 
   const HeightProblem& problem_;
   const int64_t rows_;
   const int64_t cols_;
   float* const z_;
-  const std::unique_ptr<float[]> r_;
-  const std::unique_ptr<float[]> p_;
-  const std::vector<float> zero_row_;
-  std::vector<ResidualSums> row_sums_;
+  const LargeArray r_;
+  const LargeArray p_;
+  std::vector<Sums> row_sums_;
   const bool parallel_;
 };
 
 // z = 0, r = A^T b, p = M^-1 r
-ConjugateGradients::ResidualSums ConjugateGradients::StartRow(int64_t i) {
+void ConjugateGradients::StartRow(int64_t i) {
   const float* slope_p = problem_.p + i * problem_.stride;
   const float* slope_q = problem_.q + i * problem_.stride;
-  const float* slope_q_above = i > 0 ? slope_q - problem_.stride : zero_row_.data();
   float* r = Residual(i);
-  float* p = Direction(i);
-  RowSum rr;
-  RowSum rz;
-  const auto start = [&](int64_t j, auto slope_p_left, float inverse_diagonal) {
+  const auto start = [&](int64_t j, auto slope_p_left) {
     using V = decltype(slope_p_left);
-    const V residual =
-        slope_p_left - Load<V>(slope_p + j) - Load<V>(slope_q_above + j) + Load<V>(slope_q + j);
-    const V direction = residual * inverse_diagonal;
-    Store(r + j, residual);
-    Store(p + j, direction);
-    rr.Add(residual * residual);
-    rz.Add(residual * direction);
+    const V slope_q_above = i > 0 ? Load<V>(slope_q + j - problem_.stride) : V();
+    Store(r + j, slope_p_left - Load<V>(slope_p + j) - slope_q_above + Load<V>(slope_q + j));
   };
-  start(0, 0.0F, 1.0F / (Diagonal(i) - 1.0F));
-  ForEachBlock(1, cols_, [&](int64_t j, auto zero) {
-    start(j, Load<decltype(zero)>(slope_p + j - 1), 1.0F / Diagonal(i));
-  });
+  start(0, 0.0F);
+  ForEachBlock(1, cols_,
+               [&](int64_t j, auto zero) { start(j, Load<decltype(zero)>(slope_p + j - 1)); });
   std::fill_n(Solution(i), cols_, 0.0F);
-  return {rr.Total(), rz.Total()};
 }
 
-// p = M^-1 r + beta p in row i; returns the energy of the row above, whose new p is given.
-double ConjugateGradients::UpdateDirectionRow(int64_t i, float beta, const float* above) {
+// r -= alpha w
+void ConjugateGradients::UpdateResidualRow(int64_t i, float alpha) {
+  const float* above = Direction(i - 1);
+  const float* p = Direction(i);
+  const float* below = Direction(i + 1);
+  float* r = Residual(i);
+  RowSum squares;
+  const auto update = [&](int64_t j, auto diagonal) {
+    using V = decltype(diagonal);
+    const V w = diagonal * Load<V>(p + j) - Load<V>(p + j - 1) - Load<V>(p + j + 1) -
+                Load<V>(above + j) - Load<V>(below + j);
+    const V residual = Load<V>(r + j) - w * V(alpha);
+    Store(r + j, residual);
+    if (j > 0) squares.Add(residual * residual);
+  };
+  const float diagonal = Diagonal(i);
+  update(0, diagonal - 1.0F);
+  ForEachBlock(1, cols_, [&](int64_t j, auto zero) { update(j, decltype(zero)(diagonal)); });
+  const double first = double{r[0]} * r[0];
+  const double others = squares.Total();
+  Sums& sums = row_sums_[static_cast<size_t>(i)];
+  sums.rr = first + others;
+  sums.rmr = first / (diagonal - 1.0F) + others / diagonal;
+}
+
+// z += the step along p
+void ConjugateGradients::UpdateSolutionRow(int64_t i, const SolutionStep& step) {
+  const float* p = Direction(i);
+  const float* r = Residual(i);
+  float* z = Solution(i);
+  const auto update = [&](int64_t j, auto residual_factor) {
+    using V = decltype(residual_factor);
+    const V change = Load<V>(p + j) * V(step.p_factor) + Load<V>(r + j) * residual_factor;
+    Store(z + j, Load<V>(z + j) + change);
+  };
+  update(0, step.residual_factor / (Diagonal(i) - 1.0F));
+  const float residual_factor = step.residual_factor / Diagonal(i);
+  ForEachBlock(1, cols_, [&](int64_t j, auto zero) { update(j, decltype(zero)(residual_factor)); });
+}
+
+// p = M^-1 r + beta p
+void ConjugateGradients::UpdateDirectionRow(int64_t i, float beta) {
   const float* r = Residual(i);
   float* p = Direction(i);
-  RowSum energy;
-  const auto update = [&](int64_t j, auto above_right, float inverse_diagonal) {
-    using V = decltype(above_right);
-    const V direction = Load<V>(r + j) * inverse_diagonal + Load<V>(p + j) * beta;
-    Store(p + j, direction);
-    AddEnergy(Load<V>(above + j), above_right, direction, energy);
+  const auto update = [&](int64_t j, auto inverse_diagonal) {
+    using V = decltype(inverse_diagonal);
+    Store(p + j, Load<V>(r + j) * inverse_diagonal + Load<V>(p + j) * V(beta));
   };
-  const int64_t last = cols_ - 1;
-  update(0, last > 0 ? above[1] : 0.0F, 1.0F / (Diagonal(i) - 1.0F));
-  ForEachBlock(1, last, [&](int64_t j, auto zero) {
-    update(j, Load<decltype(zero)>(above + j + 1), 1.0F / Diagonal(i));
-  });
-  if (last > 0) update(last, 0.0F, 1.0F / Diagonal(i));
-  return energy.Total();
+  update(0, 1.0F / (Diagonal(i) - 1.0F));
+  const float inverse_diagonal = 1.0F / Diagonal(i);
+  ForEachBlock(1, cols_,
+               [&](int64_t j, auto zero) { update(j, decltype(zero)(inverse_diagonal)); });
 }
 
-// The energy of a row whose new p and that of the row below are complete.
-double ConjugateGradients::EnergyOfRow(int64_t i) {
+// p.w and w.M^-1 w of a row whose p and those around it are complete. All of that is in the cache:
+// meanwhile memory fetches the rows that the sweep comes to next.
+void ConjugateGradients::MeasureRow(int64_t i, bool fetches_solution) {
+  const float* above = Direction(i - 1);
   const float* p = Direction(i);
-  const float* below = DirectionOrZero(i + 1);
+  const float* below = Direction(i + 1);
+  const int64_t next = std::min(i + 3, rows_ - 1);
+  const float* next_p = Direction(next + 1);
+  const float* next_r = Residual(next);
+  const float* next_z = Solution(next);
   RowSum energy;
-  ForEachBlock(0, cols_ - 1, [&](int64_t j, auto zero) {
-    using V = decltype(zero);
-    AddEnergy(Load<V>(p + j), Load<V>(p + j + 1), Load<V>(below + j), energy);
-  });
-  AddEnergy(p[cols_ - 1], 0.0F, below[cols_ - 1], energy);
-  return energy.Total();
-}
-
-// z += alpha p, r -= alpha A^T A p
-ConjugateGradients::ResidualSums ConjugateGradients::UpdateRow(int64_t i, float alpha) {
-  const float* above = DirectionOrZero(i - 1);
-  const float* p = Direction(i);
-  const float* below = DirectionOrZero(i + 1);
-  float* z = Solution(i);
-  float* r = Residual(i);
-  RowSum rr;
-  RowSum rz;
-  const auto update = [&](int64_t j, auto left, auto right, float diagonal) {
-    using V = decltype(left);
-    const V direction = Load<V>(p + j);
-    const V product =
-        -Load<V>(above + j) - left + direction * diagonal - right - Load<V>(below + j);
-    const V residual = Load<V>(r + j) - product * alpha;
-    Store(z + j, Load<V>(z + j) + direction * alpha);
-    Store(r + j, residual);
-    rr.Add(residual * residual);
-    rz.Add(residual * (residual * (1.0F / diagonal)));
+  RowSum squares;
+  const auto measure = [&](int64_t j, auto diagonal) {
+    using V = decltype(diagonal);
+    Prefetch(next_p + j);
+    Prefetch(next_r + j);
+    if (fetches_solution) Prefetch(next_z + j);
+    const V self = Load<V>(p + j);
+    const V w = diagonal * self - Load<V>(p + j - 1) - Load<V>(p + j + 1) - Load<V>(above + j) -
+                Load<V>(below + j);
+    energy.Add(self * w);
+    if (j > 0) squares.Add(w * w);
+    return w;
   };
-  const int64_t last = cols_ - 1;
   const float diagonal = Diagonal(i);
-  update(0, 0.0F, last > 0 ? p[1] : 0.0F, diagonal - 1.0F);
-  ForEachBlock(1, last, [&](int64_t j, auto zero) {
-    using V = decltype(zero);
-    update(j, Load<V>(p + j - 1), Load<V>(p + j + 1), diagonal);
-  });
-  if (last > 0) update(last, p[last - 1], 0.0F, diagonal);
-  return {rr.Total(), rz.Total()};
+  const double first = measure(0, diagonal - 1.0F);
+  ForEachBlock(1, cols_, [&](int64_t j, auto zero) { measure(j, decltype(zero)(diagonal)); });
+  Sums& sums = row_sums_[static_cast<size_t>(i)];
+  sums.pw = energy.Total();
+  sums.wmw = first * first / (diagonal - 1.0F) + squares.Total() / diagonal;
 }
 
-ConjugateGradients::ResidualSums ConjugateGradients::Start() {
-  for (int64_t i = 0; i < rows_; ++i) row_sums_[static_cast<size_t>(i)] = StartRow(i);
-  return Total();
-}
-
-// Returns p.A^T A p. The energy of a row needs the row below, so it is formed with that one; for
-// the last row of a band that is after all bands.
-double ConjugateGradients::UpdateDirection(float beta) {
+void ConjugateGradients::Start() {
   ForEachBand([&](int64_t first, int64_t end) {
-    UpdateDirectionRow(first, beta, zero_row_.data());
-    for (int64_t i = first + 1; i < end; ++i) {
-      row_sums_[static_cast<size_t>(i - 1)].rr = UpdateDirectionRow(i, beta, Direction(i - 1));
+    for (int64_t i = first; i < end; ++i) {
+      StartRow(i);
+      UpdateResidualRow(i, 0.0F);
+      UpdateDirectionRow(i, 0.0F);
     }
   });
-  for (int64_t end = kBandRows; end < rows_ + kBandRows; end += kBandRows) {
-    const int64_t last = std::min(end, rows_) - 1;
-    row_sums_[static_cast<size_t>(last)].rr = EnergyOfRow(last);
-  }
-  return Total().rr;
+  ForEachBand([&](int64_t first, int64_t end) {
+    for (int64_t i = first; i < end; ++i) MeasureRow(i, false);
+  });
 }
 
-ConjugateGradients::ResidualSums ConjugateGradients::UpdateSolution(float alpha) {
+void ConjugateGradients::Sweep(float alpha, float beta, const std::optional<SolutionStep>& step) {
+  const auto update = [&](int64_t i) {
+    if (step) UpdateSolutionRow(i, *step);
+    UpdateResidualRow(i, alpha);
+  };
+  // The outer rows of a band need the p of its neighbours as well, before and after: they are
+  // updated ahead of all others and measured behind them.
   ForEachBand([&](int64_t first, int64_t end) {
-    for (int64_t i = first; i < end; ++i) row_sums_[static_cast<size_t>(i)] = UpdateRow(i, alpha);
+    update(first);
+    if (end - 1 > first) update(end - 1);
   });
-  return Total();
+  ForEachBand([&](int64_t first, int64_t end) {
+    for (int64_t i = first + 1; i <= end; ++i) {
+      if (i < end - 1) update(i);
+      UpdateDirectionRow(i - 1, beta);
+      if (i - 2 > first) MeasureRow(i - 2, step.has_value());
+    }
+  });
+  ForEachBand([&](int64_t first, int64_t end) {
+    MeasureRow(first, false);
+    if (end - 1 > first) MeasureRow(end - 1, false);
+  });
+}
+
+void ConjugateGradients::AdvanceSolution(const SolutionStep& step) {
+  ForEachBand([&](int64_t first, int64_t end) {
+    for (int64_t i = first; i < end; ++i) UpdateSolutionRow(i, step);
+  });
 }
 
 int64_t ConjugateGradients::Solve() {
   const int64_t cap = problem_.iteration_cap < 0 ? 2 * rows_ * cols_ : problem_.iteration_cap;
-  ResidualSums sums = Start();
+  Start();
+  Sums sums = Total();
   const auto threshold = std::max(static_cast<float>(sums.rr) * (kTolerance * kTolerance),
                                   std::numeric_limits<float>::min());
   if (sums.rr == 0 || sums.rr < double{threshold}) return 0;
 
-  double beta = 0;
+  float beta = 0;       // the one that made p
+  float postponed = 0;  // the alpha of the sweep before, when that has not advanced z
   for (int64_t iteration = 0; iteration < cap; ++iteration) {
-    // The first direction is M^-1 r already.
-    const double energy = UpdateDirection(static_cast<float>(beta));
-    const double rz = sums.rz;
-    sums = UpdateSolution(static_cast<float>(rz / energy));
+    const double alpha = sums.rmr / sums.pw;
+    const double next_beta = std::max(alpha * alpha * sums.wmw / sums.rmr - 1.0, 0.0);
+    const bool postpones =
+        postponed == 0 && next_beta > kSmallestRecoveringBeta && iteration + 1 < cap;
+    std::optional<SolutionStep> step;
+    if (!postpones) {
+      const float before = postponed == 0 ? 0 : postponed / beta;
+      step = SolutionStep{static_cast<float>(alpha) + before, -before};
+    }
+    Sweep(static_cast<float>(alpha), static_cast<float>(next_beta), step);
+    beta = static_cast<float>(next_beta);
+    postponed = postpones ? static_cast<float>(alpha) : 0;
+    sums = Total();
     // Written so that a NaN, which has spread over all of z by now, ends the iteration too.
-    if (!(sums.rr >= double{threshold})) return iteration;
-    beta = sums.rz / rz;
+    if (!(sums.rr >= double{threshold})) {
+      if (postpones) AdvanceSolution({postponed / beta, -postponed / beta});
+      return iteration;
+    }
   }
   return cap;
 }

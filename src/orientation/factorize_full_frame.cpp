@@ -16,6 +16,22 @@ namespace {
 constexpr FactorGate kGate = {1e-6F, false};
 static_assert(double{kGate.largest_refused} <= 1e-6);
 
+// A grey level in hundreds, rounded as the quotient is: 0.01 in two parts, the first short enough
+// for exact products with bytes.
+template <typename V>
+constexpr V Hundreds(V level) {
+  constexpr float kHigh = 0x1.47aep-7F;
+  constexpr float kLow = 0x1.47ae14p-27F;
+  return level * V(kHigh) + level * V(kLow);
+}
+constexpr bool RoundsAsTheQuotient() {
+  for (int level = 0; level < 256; ++level) {
+    if (Hundreds(static_cast<float>(level)) != static_cast<float>(level) / 100.0F) return false;
+  }
+  return true;
+}
+static_assert(RoundsAsTheQuotient());
+
 // Column k of the matrix: image k in hundreds of grey levels. The scale changes no vector but is
 // what hosts of the matrix know.
 void FillMatrixRow(const ImagePiece& frame, int64_t row, Eigen::MatrixXf& intensities) {
@@ -24,7 +40,7 @@ void FillMatrixRow(const ImagePiece& frame, int64_t row, Eigen::MatrixXf& intens
     float* column = &intensities(row * frame.cols(), k);
     ForEachBlock(0, frame.cols(), [&](int64_t j, auto zero) {
       using V = decltype(zero);
-      Store(column + j, Load<V>(bytes + j) / V(100.0F));
+      Store(column + j, Hundreds(Load<V>(bytes + j)));
     });
   }
 }

@@ -1,39 +1,94 @@
 // The inner products of the images of a piece, exact.
 #include "orientation/gram_matrix.h"
 
+#include <smmintrin.h>
+
 #include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "orientation/image_count.h"
 
 namespace velostrix {
 namespace {
 
-int32_t InnerProduct(const int16_t* a, const int16_t* b, int64_t count) {
-  int32_t sum = 0;
-  for (int64_t j = 0; j < count; ++j) sum += int32_t{a[j]} * int32_t{b[j]};
-  return sum;
+constexpr int64_t kBlock = 8;
+
+__m128i LoadBlock(const uint8_t* bytes) {
+  return _mm_cvtepu8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(bytes)));
+}
+
+// Adds the products of images kFirst and kFirst + 1 with themselves and with all that follow, over
+// whole blocks.
+template <int kImages, int kFirst>
+void AddProductsOfTwo(const uint8_t* const (&bytes)[kImages], int64_t count,
+                      __m128i (&sums)[8][8]) {
+  constexpr int kCount = kImages - kFirst;
+  constexpr bool kHasSecond = kCount > 1;
+  __m128i first[kCount];
+  __m128i second[kCount];
+  for (int k = 0; k < kCount; ++k) {
+    first[k] = sums[kFirst][kFirst + k];
+    second[k] = sums[kFirst + kHasSecond][kFirst + k];
+  }
+  for (int64_t j = 0; j < count; j += kBlock) {
+    const __m128i a = LoadBlock(bytes[kFirst] + j);
+    const __m128i b = LoadBlock(bytes[kFirst + kHasSecond] + j);
+    for (int k = 0; k < kCount; ++k) {
+      const __m128i c = k == 0 ? a : k == 1 ? b : LoadBlock(bytes[kFirst + k] + j);
+      first[k] = _mm_add_epi32(first[k], _mm_madd_epi16(a, c));
+      if (k > 0) second[k] = _mm_add_epi32(second[k], _mm_madd_epi16(b, c));
+    }
+  }
+  for (int k = 0; k < kCount; ++k) {
+    sums[kFirst][kFirst + k] = first[k];
+    if (k > 0) sums[kFirst + 1][kFirst + k] = second[k];
+  }
+}
+
+template <int kImages, int... kTwos>
+void AddProducts(const uint8_t* const (&bytes)[kImages], int64_t count, __m128i (&sums)[8][8],
+                 std::integer_sequence<int, kTwos...> /*twos*/) {
+  (AddProductsOfTwo<kImages, 2 * kTwos>(bytes, count, sums), ...);
 }
 
 }  // namespace
 
 void GramAccumulator::AddRow(int64_t row) {
-  for (int64_t col = piece_.first_col; col < piece_.end_col;) {
-    const int64_t count = std::min(piece_.end_col - col, kChunk - pending_);
-    for (int k = 0; k < piece_.image_count; ++k) {
-      const uint8_t* bytes = piece_.At(k, row, col);
-      std::copy(bytes, bytes + count, intensities_[k] + pending_);
+  WithImageCount(piece_.image_count, [&](auto image_count) {
+    constexpr int kImages = decltype(image_count)::value;
+    constexpr auto kTwos = std::make_integer_sequence<int, (kImages + 1) / 2>();
+    for (int64_t col = piece_.first_col; col < piece_.end_col;) {
+      if (room_ == 0) Flush();
+      const int64_t count = std::min(piece_.end_col - col, room_);
+      const int64_t whole = count - count % kBlock;
+      const uint8_t* bytes[kImages];
+      for (int k = 0; k < kImages; ++k) bytes[k] = piece_.At(k, row, col);
+      AddProducts(bytes, whole, lanes_, kTwos);
+      if (whole < count) {
+        uint8_t rest[kImages][kBlock] = {};
+        for (int k = 0; k < kImages; ++k) {
+          std::memcpy(rest[k], bytes[k] + whole, static_cast<size_t>(count - whole));
+          bytes[k] = rest[k];
+        }
+        AddProducts(bytes, kBlock, lanes_, kTwos);
+      }
+      col += count;
+      room_ -= whole + (whole < count ? kBlock : 0);
     }
-    pending_ += count;
-    col += count;
-    if (pending_ == kChunk) Flush();
-  }
+  });
 }
 
 void GramAccumulator::Flush() {
   for (int a = 0; a < piece_.image_count; ++a) {
     for (int b = a; b < piece_.image_count; ++b) {
-      sums_[a][b] += InnerProduct(intensities_[a], intensities_[b], pending_);
+      alignas(16) int32_t sums[4];
+      _mm_store_si128(reinterpret_cast<__m128i*>(sums), lanes_[a][b]);
+      sums_[a][b] += int64_t{sums[0]} + sums[1] + sums[2] + sums[3];
+      lanes_[a][b] = _mm_setzero_si128();
     }
   }
-  pending_ = 0;
+  room_ = kRoom;
 }
 
 Eigen::MatrixXd GramAccumulator::Products() {

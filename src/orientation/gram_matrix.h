@@ -1,6 +1,8 @@
 // The inner products of the images of a piece, exact.
 #pragma once
 
+#include <emmintrin.h>
+
 #include <Eigen/Core>
 #include <cstdint>
 
@@ -21,14 +23,15 @@ class GramAccumulator {
   Eigen::MatrixXd Products();
 
  private:
-  // A product sum over so many pixels of 255 x 255 stays inside an int32.
-  static constexpr int64_t kChunk = 512;
+  // Pixels, in blocks of eight, until a 32-bit lane may be full: each of the four takes up two
+  // products of 255 x 255 from a block.
+  static constexpr int64_t kRoom = int64_t{1} << 16;
 
   void Flush();
 
   ImagePiece piece_;
-  int64_t pending_ = 0;
-  alignas(64) int16_t intensities_[8][kChunk];
+  int64_t room_ = kRoom;
+  __m128i lanes_[8][8] = {};
   int64_t sums_[8][8] = {};
 };
 

@@ -135,35 +135,13 @@ LeadingVectors::LeadingVectors(const ImagePiece& piece, const Eigen::MatrixXd& w
 LeadingVectors::LeadingVectors(const ImagePiece& piece, Eigen::MatrixXf entries)
     : piece_(piece), entries_(std::move(entries)) {}
 
-void LeadingVectors::CopyEntries(int64_t row, int64_t col, int64_t count,
-                                 const std::array<float*, kVectors>& out) const {
-  if (entries_.size() > 0) {
-    const int64_t j = (row - piece_.first_row) * piece_.cols() + (col - piece_.first_col);
-    for (int v = 0; v < kVectors; ++v) {
-      std::copy_n(&entries_(j, v), count, out[static_cast<size_t>(v)]);
-    }
-    return;
-  }
-  WithImageCount(piece_.image_count, [&](auto image_count) {
-    constexpr size_t kImages = decltype(image_count)::value;
-    const uint8_t* bytes[kImages];
-    for (size_t k = 0; k < kImages; ++k) bytes[k] = piece_.At(static_cast<int>(k), row, col);
-    ForEachBlock(0, count, [&](int64_t j, auto zero) {
-      using V = decltype(zero);
-      V sums[kVectors];
-      for (size_t v = 0; v < kVectors; ++v) sums[v] = Load<V>(bytes[0] + j) * weights_[v][0];
-      for (size_t k = 1; k < kImages; ++k) {
-        const auto intensity = Load<V>(bytes[k] + j);
-        for (size_t v = 0; v < kVectors; ++v) sums[v] = sums[v] + intensity * weights_[v][k];
-      }
-      for (size_t v = 0; v < kVectors; ++v) Store(out[v] + j, sums[v]);
-    });
-  });
-}
-
 std::array<float, LeadingVectors::kVectors> LeadingVectors::At(int64_t row, int64_t col) const {
   std::array<float, kVectors> entries = {};
-  CopyEntries(row, col, 1, {&entries[0], &entries[1], &entries[2]});
+  Visit(row, col, col + 1, [&](int64_t, auto x0, auto x1, auto x2) {
+    Store(&entries[0], x0);
+    Store(&entries[1], x1);
+    Store(&entries[2], x2);
+  });
   return entries;
 }
 

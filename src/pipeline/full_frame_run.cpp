@@ -1,6 +1,7 @@
 // The full-frame runs, uncalibrated and calibrated: one driver, the light stage its parameter.
 #include "pipeline/full_frame_run.h"
 
+#include <algorithm>
 #include <opencv2/core.hpp>
 
 #include "maps/byte_maps.h"
@@ -23,23 +24,58 @@ double LapMs(UnCalibrationTool& tool) {
 // Takes one of two offsets off again. Wraps at the lowest value, like the sum that it goes into.
 int32_t NegatedOffset(int32_t offset) { return static_cast<int32_t>(-int64_t{offset}); }
 
-void DeliverCurvature(UnCalibrationTool& tool, const float* x, const float* y, cv::Mat& result) {
+// The derivatives of the slope maps, row by row: a row is derived when it is asked for and stays in
+// the cache, except that smoothing needs whole maps.
+class DerivativeRows {
+ public:
+  explicit DerivativeRows(UnCalibrationTool& tool) : tool_(tool), smooth_(tool.blur_radius >= 1) {
+    if (!smooth_) {
+      // Flat where the frame is too small to derive.
+      for (float* row : {tool.deriv_p, tool.deriv_q}) std::fill_n(row, tool.cols, 0.0F);
+      return;
+    }
+    DeriveSlopeMaps(tool, tool.slope_p, tool.slope_q, tool.deriv_p, tool.deriv_q);
+    cv::Mat blurred_p = PlaneHeader(tool, tool.blurred_deriv_p, CV_32FC1);
+    cv::Mat blurred_q = PlaneHeader(tool, tool.blurred_deriv_q, CV_32FC1);
+    Blur(tool, PlaneHeader(tool, tool.deriv_p, CV_32FC1), blurred_p);
+    Blur(tool, PlaneHeader(tool, tool.deriv_q, CV_32FC1), blurred_q);
+  }
+
+  struct Row {
+    const float* p;
+    const float* q;
+  };
+
+  // Valid until the next call.
+  Row At(int64_t i) {
+    const int64_t at = i * tool_.row_step;
+    if (smooth_) return {tool_.blurred_deriv_p + at, tool_.blurred_deriv_q + at};
+    DeriveSlopeMaps(tool_, tool_.slope_p, tool_.slope_q, tool_.deriv_p, tool_.deriv_q, {i, i + 1});
+    return {tool_.deriv_p, tool_.deriv_q};
+  }
+
+ private:
+  UnCalibrationTool& tool_;
+  const bool smooth_;
+};
+
+void MakeCurvatureRow(const UnCalibrationTool& tool, const DerivativeRows::Row& row, uint8_t* out) {
   const OutputScaling& scaling = tool.curvature;
-  MapToByteLinear(tool, x, tool.derivative_half[0], scaling.gain, scaling.offset);
-  MapToByteLinear(tool, y, tool.derivative_half[1], scaling.gain, scaling.offset);
-  SumBytes(tool, tool.derivative_half[0], tool.derivative_half[1], tool.curvature_plane,
+  const FrameExtent one_row(1, tool.cols, tool.row_step);
+  MapToByteLinear(one_row, row.p, tool.derivative_half[0], scaling.gain, scaling.offset);
+  MapToByteLinear(one_row, row.q, tool.derivative_half[1], scaling.gain, scaling.offset);
+  SumBytes(one_row, tool.derivative_half[0], tool.derivative_half[1], out,
            NegatedOffset(scaling.offset));
-  DeliverPlane(tool, tool.curvature_plane, CV_8UC1, result);
 }
 
-void DeliverMagnitude(UnCalibrationTool& tool, const float* y, cv::Mat& result) {
+void MakeMagnitudeRow(const UnCalibrationTool& tool, const DerivativeRows::Row& row, uint8_t* out) {
   const OutputScaling& scaling = tool.magnitude;
+  const FrameExtent one_row(1, tool.cols, tool.row_step);
   // The derivative of P deliberately has no part in this image: the half of Q is summed with
   // itself.
-  MapToByteAbsLinear(tool, y, tool.derivative_half[0], scaling.gain, scaling.offset);
-  SumBytes(tool, tool.derivative_half[0], tool.derivative_half[0], tool.magnitude_plane,
+  MapToByteAbsLinear(one_row, row.q, tool.derivative_half[0], scaling.gain, scaling.offset);
+  SumBytes(one_row, tool.derivative_half[0], tool.derivative_half[0], out,
            NegatedOffset(scaling.offset));
-  DeliverPlane(tool, tool.magnitude_plane, CV_8UC1, result);
 }
 
 void DeliverDerivativeImages(UnCalibrationTool& tool, const ResultImages& results) {
@@ -47,19 +83,15 @@ void DeliverDerivativeImages(UnCalibrationTool& tool, const ResultImages& result
   const bool magnitude = IsOn(tool, VELOSTRIX_OUTPUT_MAGNITUDE);
   if (!curvature && !magnitude) return;
 
-  DeriveSlopeMaps(tool, tool.slope_p, tool.slope_q, tool.deriv_p, tool.deriv_q);
-  const float* x = tool.deriv_p;
-  const float* y = tool.deriv_q;
-  if (tool.blur_radius >= 1) {
-    cv::Mat blurred_p = PlaneHeader(tool, tool.blurred_deriv_p, CV_32FC1);
-    cv::Mat blurred_q = PlaneHeader(tool, tool.blurred_deriv_q, CV_32FC1);
-    Blur(tool, PlaneHeader(tool, tool.deriv_p, CV_32FC1), blurred_p);
-    Blur(tool, PlaneHeader(tool, tool.deriv_q, CV_32FC1), blurred_q);
-    x = tool.blurred_deriv_p;
-    y = tool.blurred_deriv_q;
+  DerivativeRows rows(tool);
+  for (int64_t i = 0; i < tool.rows; ++i) {
+    const DerivativeRows::Row row = rows.At(i);
+    const int64_t at = i * tool.row_step;
+    if (curvature) MakeCurvatureRow(tool, row, tool.curvature_plane + at);
+    if (magnitude) MakeMagnitudeRow(tool, row, tool.magnitude_plane + at);
   }
-  if (curvature) DeliverCurvature(tool, x, y, *results.curvature);
-  if (magnitude) DeliverMagnitude(tool, y, *results.magnitude);
+  if (curvature) DeliverPlane(tool, tool.curvature_plane, CV_8UC1, *results.curvature);
+  if (magnitude) DeliverPlane(tool, tool.magnitude_plane, CV_8UC1, *results.magnitude);
 }
 
 template <typename LightStage>

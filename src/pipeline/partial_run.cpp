@@ -14,29 +14,37 @@ namespace {
 // Pieces narrower than this determine no vectors.
 constexpr int32_t kSmallestBand = 10;
 
+// Unlike in the full-frame runs the finished bytes are smoothed, not the float map; deliberate.
+void DeliverSmoothed(const UnCalibrationTool& tool, uint8_t* plane, cv::Mat& result) {
+  result = PlaneHeader(tool, plane, CV_8UC1);
+  if (tool.blur_radius >= 1) Blur(tool, result, result);
+  ResizeBack(tool, result);
+}
+
 void DeliverDerivativeImages(UnCalibrationTool& tool, const ResultImages& results) {
   const bool curvature = IsOn(tool, VELOSTRIX_OUTPUT_CURVATURE);
   const bool magnitude = IsOn(tool, VELOSTRIX_OUTPUT_MAGNITUDE);
   if (!curvature && !magnitude) return;
 
+  // A row at a time, which stays in the cache: the first row of the derivative map is its place. It
+  // is flat where the frame is too small to derive.
   float* divergence = tool.deriv_p;
-  SlopeDivergence(tool, tool.slope_p, tool.slope_q, divergence);
-  // Unlike in the full-frame runs the finished bytes are smoothed, not the float map; deliberate.
-  const auto deliver = [&](uint8_t* plane, cv::Mat& result) {
-    result = PlaneHeader(tool, plane, CV_8UC1);
-    if (tool.blur_radius >= 1) Blur(tool, result, result);
-    ResizeBack(tool, result);
-  };
-  if (curvature) {
-    MapToByteLinear(tool, divergence, tool.curvature_plane, tool.curvature.gain,
-                    tool.curvature.offset);
-    deliver(tool.curvature_plane, *results.curvature);
+  std::fill_n(divergence, tool.cols, 0.0F);
+  const FrameExtent one_row(1, tool.cols, tool.row_step);
+  for (int64_t i = 0; i < tool.rows; ++i) {
+    SlopeDivergence(tool, tool.slope_p, tool.slope_q, divergence, {i, i + 1});
+    const int64_t at = i * tool.row_step;
+    if (curvature) {
+      MapToByteLinear(one_row, divergence, tool.curvature_plane + at, tool.curvature.gain,
+                      tool.curvature.offset);
+    }
+    if (magnitude) {
+      MapToByteAbsLinear(one_row, divergence, tool.magnitude_plane + at, tool.magnitude.gain,
+                         tool.magnitude.offset);
+    }
   }
-  if (magnitude) {
-    MapToByteAbsLinear(tool, divergence, tool.magnitude_plane, tool.magnitude.gain,
-                       tool.magnitude.offset);
-    deliver(tool.magnitude_plane, *results.magnitude);
-  }
+  if (curvature) DeliverSmoothed(tool, tool.curvature_plane, *results.curvature);
+  if (magnitude) DeliverSmoothed(tool, tool.magnitude_plane, *results.magnitude);
 }
 
 template <typename LightStage>

@@ -46,7 +46,9 @@ bool EqualiseBrightness(std::vector<double>& column_levels, const cv::Mat& sourc
     const uint8_t* in = source.ptr<uint8_t>(row);
     uint8_t* out = destination.ptr<uint8_t>(row);
     for (size_t j = 0; j < cols; ++j) {
-      out[j] = static_cast<uint8_t>(std::clamp(in[j] + offsets[j], 0, 255));
+      // Sixteen bits hold the sum, so that the compiler need not widen further.
+      const auto level = static_cast<int16_t>(in[j] + offsets[j]);
+      out[j] = static_cast<uint8_t>(std::clamp<int16_t>(level, 0, 255));
     }
   }
   return true;

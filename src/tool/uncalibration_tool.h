@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "tool/frame_extent.h"
 #include "velostrix/records.h"
 
 struct RegionOfInterest {
@@ -83,3 +84,6 @@ struct UnCalibrationTool {
   int64_t allocated_pixels = 0;       // elements of every plane
   int64_t allocated_stack_bytes = 0;  // of image_stack
 };
+
+inline velostrix::FrameExtent::FrameExtent(const UnCalibrationTool& tool)
+    : rows(tool.rows), cols(tool.cols), stride(tool.row_step) {}

@@ -56,7 +56,7 @@ void ForEachMap(Visitor visit) {
   }
 }
 
-using LinearKernel = int32_t (*)(const UnCalibrationTool&, const float*, uint8_t*, double, int32_t);
+using LinearKernel = int32_t (*)(const FrameExtent&, const float*, uint8_t*, double, int32_t);
 using LinearReference = void (*)(const reference::Frame&, const float*, uint8_t*, double, int32_t);
 
 void ExpectLinearKernel(LinearKernel kernel, LinearReference plain) {
