@@ -16,11 +16,14 @@ namespace {
 
 using nlohmann::json;
 using velostrix::bench::Comparison;
+using velostrix::bench::Task;
 using velostrix::bench::Workload;
 
 struct Options {
   std::vector<std::string> sizes = {"640x480", "1280x1024", "2448x2048", "4096x3072"};
   std::vector<int> images = {3, 4, 8};
+  int band = Task().band;
+  int iteration_cap = Task().iteration_cap;
   int repeats = 5;
   std::string json_file;
 };
@@ -43,16 +46,17 @@ std::string ProcessorName() {
   return "unknown processor";
 }
 
-json MeasurePeakMemory(cv::Size size, int images) {
-  const auto scene = velostrix::bench::SceneImages(size, images);
+json MeasurePeakMemory(const Task& task) {
+  const auto scene = velostrix::bench::SceneImages(task);
   const auto peak = static_cast<double>(
-      velostrix::bench::PeakMemory([&scene] { velostrix::bench::RunOnce(scene); }));
-  const double buffers = velostrix::bench::BufferBytesPerPixel(images) * size.area();
+      velostrix::bench::PeakMemory([&] { velostrix::bench::RunOnce(task, scene); }));
+  const double buffers = velostrix::bench::BufferBytesPerPixel(task.images) * task.size.area();
   std::printf("%5dx%-5d N=%d  peak of a run with height %7.1f MB, buffers %7.1f MB, ratio %.2f\n",
-              size.width, size.height, images, peak / 1e6, buffers / 1e6, peak / buffers);
-  return {{"width", size.width},
-          {"height", size.height},
-          {"images", images},
+              task.size.width, task.size.height, task.images, peak / 1e6, buffers / 1e6,
+              peak / buffers);
+  return {{"width", task.size.width},
+          {"height", task.size.height},
+          {"images", task.images},
           {"peak_bytes", peak},
           {"buffer_bytes", buffers}};
 }
@@ -77,27 +81,40 @@ json MeasureWorkload(const Workload& workload, cv::Size size, int repeats, doubl
           {"bandwidth_fraction", speed / bandwidth}};
 }
 
-json MeasureScene(cv::Size size, int images, int repeats) {
+json MeasureTask(const Task& task, int repeats) {
+  const cv::Size size = task.size;
   const double one = velostrix::bench::TriadBandwidth(size.area(), false);
   const double all = velostrix::bench::TriadBandwidth(size.area(), true);
-  std::printf("\n%dx%d, N = %d; triad %.1f GB/s on one thread, %.1f GB/s on all\n", size.width,
-              size.height, images, one, all);
+  std::printf(
+      "\n%dx%d, N = %d, band %d, at most %d iterations; triad %.1f GB/s on one thread, %.1f GB/s "
+      "on all\n",
+      size.width, size.height, task.images, task.band, task.iteration_cap, one, all);
   std::printf("  %-26s %12s %13s %13s %8s %9s %11s %6s\n", "", "library", "", "plain", "ratio",
               "per pixel", "bandwidth", "of triad");
-  const auto session = velostrix::bench::MakeSession(size, images);
+  const auto session = velostrix::bench::MakeSession(task);
   json rows = json::array();
   for (const auto& list : {velostrix::bench::Stages(session), velostrix::bench::Runs(session)}) {
     for (const Workload& workload : list) {
       rows.push_back(MeasureWorkload(workload, size, repeats, workload.parallel ? all : one));
     }
   }
-  return {{"width", size.width}, {"height", size.height}, {"images", images},
-          {"triad_gbps", one},   {"triad_all_gbps", all}, {"rows", rows}};
+  return {{"width", size.width},
+          {"height", size.height},
+          {"images", task.images},
+          {"band", task.band},
+          {"iteration_cap", task.iteration_cap},
+          {"triad_gbps", one},
+          {"triad_all_gbps", all},
+          {"rows", rows}};
 }
 
 void Run(const Options& options) {
-  std::vector<cv::Size> sizes;
-  for (const std::string& size : options.sizes) sizes.push_back(ParseSize(size));
+  std::vector<Task> tasks;
+  for (const std::string& size : options.sizes) {
+    for (const int images : options.images) {
+      tasks.push_back({ParseSize(size), images, options.band, options.iteration_cap});
+    }
+  }
   std::printf("%s, %u threads\n\n", ProcessorName().c_str(), std::thread::hardware_concurrency());
 
   json report = {{"processor", ProcessorName()},
@@ -105,16 +122,8 @@ void Run(const Options& options) {
                  {"memory", json::array()},
                  {"scenes", json::array()}};
   // Memory first: the child processes must not inherit a thread pool.
-  for (const cv::Size& size : sizes) {
-    for (const int images : options.images) {
-      report["memory"].push_back(MeasurePeakMemory(size, images));
-    }
-  }
-  for (const cv::Size& size : sizes) {
-    for (const int images : options.images) {
-      report["scenes"].push_back(MeasureScene(size, images, options.repeats));
-    }
-  }
+  for (const Task& task : tasks) report["memory"].push_back(MeasurePeakMemory(task));
+  for (const Task& task : tasks) report["scenes"].push_back(MeasureTask(task, options.repeats));
   if (options.json_file.empty()) return;
   std::ofstream file(options.json_file);
   file << report.dump(2) << '\n';
@@ -129,6 +138,12 @@ int main(int argc, char** argv) {
   app.add_option("--size", options.sizes, "Frame sizes, WIDTHxHEIGHT")->capture_default_str();
   app.add_option("--images", options.images, "Image counts, 3 to 8")
       ->check(CLI::Range(3, 8))
+      ->capture_default_str();
+  app.add_option("--band", options.band, "Rows or columns of a piece in the partial runs")
+      ->check(CLI::Range(10, 100000))
+      ->capture_default_str();
+  app.add_option("--cap", options.iteration_cap, "Iterations of the height at most")
+      ->check(CLI::Range(0, 100000))
       ->capture_default_str();
   app.add_option("--repeats", options.repeats, "Repetitions; the best counts")
       ->check(CLI::Range(1, 1000))

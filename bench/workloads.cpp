@@ -23,15 +23,15 @@
 namespace velostrix::bench {
 namespace {
 
-UnCalibrationParam Parameters(cv::Size size, int images, bool height) {
+UnCalibrationParam Parameters(const Task& task, bool height) {
   UnCalibrationParam param = {};
-  param.image_count = images;
-  param.width = param.row_step = size.width;
-  param.height = size.height;
+  param.image_count = task.images;
+  param.width = param.row_step = task.size.width;
+  param.height = task.size.height;
   for (int32_t& output : param.output_enable) output = 1;
   param.output_enable[VELOSTRIX_OUTPUT_HEIGHT] = height ? 1 : 0;
   param.scale = 1.0;
-  param.iteration_cap = kIterationCap;
+  param.iteration_cap = task.iteration_cap;
   param.factor_gain = 1.0;
   param.curvature = {128, 100.0};
   param.magnitude = {0, 100.0};
@@ -56,14 +56,14 @@ void Check(bool done) {
 
 class Session {
  public:
-  Session(cv::Size size, int image_count)
-      : images(SceneImages(size, image_count)), workspace(ReferenceFrame(size)) {
-    SetParam(tool, Parameters(size, image_count, true));
+  explicit Session(const Task& wanted)
+      : task(wanted), images(SceneImages(task)), workspace(ReferenceFrame(task.size)) {
+    SetParam(tool, Parameters(task, true));
     InitialImage(tool);
     SetImages();
-    frame = ReferenceFrame(size);
+    frame = ReferenceFrame(task.size);
     frame.stack = tool.image_stack;
-    frame.image_count = image_count;
+    frame.image_count = task.images;
     // Slopes for the stages that come after a light stage.
     Check(FactorizeIntensities(tool, tool.factor_map, tool.slope_p, tool.slope_q,
                                tool.gated_factor_map) != 0);
@@ -77,12 +77,12 @@ class Session {
     for (const cv::Mat& image : images) Check(SetImage(tool, image));
   }
 
-  cv::Size size() const { return images.front().size(); }
   reference::WorkingMaps reference_maps() {
     return {workspace.factor_map.data(), workspace.slope_p.data(), workspace.slope_q.data(),
             workspace.gated_factor_map.data()};
   }
 
+  const Task task;
   UnCalibrationTool tool;
   Results results;
   std::vector<cv::Mat> images;
@@ -102,17 +102,17 @@ class Session {
 
 // Smooth relief under lamps of different strength and direction, printed squares, some noise: no
 // two images are alike, and none is the sum of others.
-std::vector<cv::Mat> SceneImages(cv::Size size, int images) {
+std::vector<cv::Mat> SceneImages(const Task& task) {
   cv::RNG noise(1);
   std::vector<cv::Mat> scene;
-  for (int k = 0; k < images; ++k) {
-    const double azimuth = 2 * CV_PI * k / images + 0.3 * k;
-    cv::Mat image(size, CV_8UC1);
-    for (int i = 0; i < size.height; ++i) {
+  for (int k = 0; k < task.images; ++k) {
+    const double azimuth = 2 * CV_PI * k / task.images + 0.3 * k;
+    cv::Mat image(task.size, CV_8UC1);
+    for (int i = 0; i < task.size.height; ++i) {
       auto* row = image.ptr<uint8_t>(i);
       const double slope_y = 0.3 * std::sin(0.06 * i);
       const double wave = std::cos(0.042 * i);
-      for (int j = 0; j < size.width; ++j) {
+      for (int j = 0; j < task.size.width; ++j) {
         const double slope_x = 0.3 * std::sin(0.05 * j) * wave;
         const double print = ((i / 40 + j / 60) & 1) != 0 ? 1.0 : 0.7;
         const double shading = 1 + std::cos(azimuth) * slope_x + std::sin(azimuth) * slope_y;
@@ -125,9 +125,7 @@ std::vector<cv::Mat> SceneImages(cv::Size size, int images) {
   return scene;
 }
 
-std::shared_ptr<Session> MakeSession(cv::Size size, int images) {
-  return std::make_shared<Session>(size, images);
-}
+std::shared_ptr<Session> MakeSession(const Task& task) { return std::make_shared<Session>(task); }
 
 std::vector<Workload> Stages(const std::shared_ptr<Session>& session) {
   Session* s = session.get();
@@ -174,18 +172,22 @@ std::vector<Workload> Stages(const std::shared_ptr<Session>& session) {
   // Four maps written, the factor map mirrored.
   add(
       "factorise part rows", 2 * n + 16 + 12,
-      [&tool] {
+      [s, &tool] {
         FactorizeIntensitiesPartRows(tool, tool.factor_map, tool.slope_p, tool.slope_q,
-                                     tool.gated_factor_map, kBand);
+                                     tool.gated_factor_map, s->task.band);
       },
-      [s] { reference::FactorizeIntensitiesPartRows(s->frame, s->reference_maps(), kBand); });
+      [s] {
+        reference::FactorizeIntensitiesPartRows(s->frame, s->reference_maps(), s->task.band);
+      });
   add(
       "factorise part cols", 2 * n + 16 + 12,
-      [&tool] {
+      [s, &tool] {
         FactorizeIntensitiesPartCols(tool, tool.factor_map, tool.slope_p, tool.slope_q,
-                                     tool.gated_factor_map, kBand);
+                                     tool.gated_factor_map, s->task.band);
       },
-      [s] { reference::FactorizeIntensitiesPartCols(s->frame, s->reference_maps(), kBand); });
+      [s] {
+        reference::FactorizeIntensitiesPartCols(s->frame, s->reference_maps(), s->task.band);
+      });
   add(
       "calibrated solve", n + 16,
       [&tool] {
@@ -242,10 +244,10 @@ std::vector<Workload> Stages(const std::shared_ptr<Session>& session) {
       });
   // The start: slopes and r, then p; an iteration: r and p both ways, z every other time.
   add(
-      "height, cap 50", 24 + 20 * kIterationCap,
+      "height", 24 + 20.0 * s->task.iteration_cap,
       [&tool] { IntegrateHeight(tool, tool.slope_p, tool.slope_q, &tool.height_map); },
       [s, &tool, &plain] {
-        reference::IntegrateHeight(s->frame, tool.slope_p, tool.slope_q, kIterationCap,
+        reference::IntegrateHeight(s->frame, tool.slope_p, tool.slope_q, s->task.iteration_cap,
                                    plain.height_map.data());
       },
       true);
@@ -257,31 +259,34 @@ std::vector<Workload> Runs(const std::shared_ptr<Session>& session) {
   struct Variant {
     const char* name;
     LightStage stage;
-    std::function<int32_t(UnCalibrationTool&, const ResultImages&)> run;
+    std::function<int32_t(UnCalibrationTool&, const ResultImages&, int)> run;
   };
   const std::vector<Variant> variants = {
-      {"uncali", LightStage::kUncalibrated, RunUncalibrated},
-      {"cali", LightStage::kCalibrated, RunCalibrated},
-      {"partrows", LightStage::kPartRows,
-       [](UnCalibrationTool& tool, const ResultImages& r) { return RunPartRows(tool, r, kBand); }},
-      {"partcols", LightStage::kPartCols,
-       [](UnCalibrationTool& tool, const ResultImages& r) { return RunPartCols(tool, r, kBand); }},
+      {"uncali", LightStage::kUncalibrated,
+       [](UnCalibrationTool& tool, const ResultImages& results, int) {
+         return RunUncalibrated(tool, results);
+       }},
+      {"cali", LightStage::kCalibrated,
+       [](UnCalibrationTool& tool, const ResultImages& results, int) {
+         return RunCalibrated(tool, results);
+       }},
+      {"partrows", LightStage::kPartRows, RunPartRows},
+      {"partcols", LightStage::kPartCols, RunPartCols},
   };
   std::vector<Workload> runs;
   for (const bool height : {false, true}) {
     for (const Variant& variant : variants) {
-      const UnCalibrationParam param =
-          Parameters(session->size(), static_cast<int>(session->tool.image_count), height);
+      const UnCalibrationParam param = Parameters(session->task, height);
       const auto product = [session, param, run = variant.run] {
         SetParam(session->tool, param);
-        Check(run(session->tool, session->results.Places()) == 1);
+        Check(run(session->tool, session->results.Places(), session->task.band) == 1);
       };
       const auto reference = [session, param, stage = variant.stage] {
         reference::RunRequest request;
         request.light_stage = stage;
         request.frame = session->frame;
         request.param = param;
-        request.band = kBand;
+        request.band = session->task.band;
         reference::Run(request, session->workspace, session->reference_results);
       };
       runs.push_back({std::string(variant.name) + (height ? " with height" : ""), 0, height,
@@ -291,9 +296,9 @@ std::vector<Workload> Runs(const std::shared_ptr<Session>& session) {
   return runs;
 }
 
-void RunOnce(const std::vector<cv::Mat>& images) {
+void RunOnce(const Task& task, const std::vector<cv::Mat>& images) {
   UnCalibrationTool tool;
-  SetParam(tool, Parameters(images.front().size(), static_cast<int>(images.size()), true));
+  SetParam(tool, Parameters(task, true));
   InitialImage(tool);
   for (const cv::Mat& image : images) Check(SetImage(tool, image));
   Results results;

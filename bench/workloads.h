@@ -9,10 +9,14 @@
 
 namespace velostrix::bench {
 
-constexpr int kBand = 64;
-constexpr int kIterationCap = 50;
+struct Task {
+  cv::Size size;
+  int images = 4;
+  int band = 64;           // of the partial runs
+  int iteration_cap = 50;  // of the height
+};
 
-// The images of a scene and both implementations' memory, set up for runs over it.
+// The images of a task and both implementations' memory, set up for runs over it.
 class Session;
 
 struct Workload {
@@ -24,17 +28,17 @@ struct Workload {
   std::function<void()> reference;
 };
 
-std::shared_ptr<Session> MakeSession(cv::Size size, int images);
+std::shared_ptr<Session> MakeSession(const Task& task);
 
-// The stages, one call each, and one iteration of the height solve.
+// The stages, one call each.
 std::vector<Workload> Stages(const std::shared_ptr<Session>& session);
 
 // The four runs, without and with the height image.
 std::vector<Workload> Runs(const std::shared_ptr<Session>& session);
 
 // A whole session of the library, from tool to release, all outputs on. For the peak of its memory.
-void RunOnce(const std::vector<cv::Mat>& images);
-std::vector<cv::Mat> SceneImages(cv::Size size, int images);
+void RunOnce(const Task& task, const std::vector<cv::Mat>& images);
+std::vector<cv::Mat> SceneImages(const Task& task);
 
 // What the tool's own buffers and its intensity matrix take, in bytes a pixel.
 double BufferBytesPerPixel(int images);
