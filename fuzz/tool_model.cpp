@@ -67,8 +67,9 @@ int64_t ToolModel::ClearRegion(int32_t rows_, int32_t cols_, int32_t row_step_) 
 
 bool ToolModel::TakeScaledSize() {
   if (roi_set == 0 && downscale_on == 1) {
-    const double scaled_rows = static_cast<double>(roi_height) * scale;
-    const double scaled_cols = static_cast<double>(roi_width) * scale;
+    // Sizes count as unsigned here: times a vanishing scale a negative one gives zero.
+    const double scaled_rows = static_cast<double>(static_cast<uint64_t>(roi_height)) * scale;
+    const double scaled_cols = static_cast<double>(static_cast<uint64_t>(roi_width)) * scale;
     for (const double size : {scaled_rows, scaled_cols}) {
       if (!(size >= 0 && size <= kLargestSize)) return false;
     }

@@ -18,8 +18,7 @@
 #include <optional>
 #include <utility>
 
-#include "orientation/image_count.h"
-#include "tool/lanes.h"
+#include "orientation/whole_decomposition.h"
 
 namespace velostrix {
 namespace {
@@ -41,20 +40,6 @@ bool VectorsAreDetermined(const Eigen::VectorXd& singular_values) {
     if (!(singular_values[v] - next > gap)) return false;
   }
   return true;
-}
-
-// A of a piece, or of its first `count` pixels.
-template <typename Matrix>
-Matrix IntensityRows(const ImagePiece& piece, int64_t count) {
-  Matrix intensities(count, piece.image_count);
-  for (int k = 0; k < piece.image_count; ++k) {
-    for (int64_t j = 0; j < count; ++j) {
-      const int64_t row = piece.first_row + j / piece.cols();
-      const int64_t col = piece.first_col + j % piece.cols();
-      intensities(j, k) = *piece.At(k, row, col);
-    }
-  }
-  return intensities;
 }
 
 Eigen::MatrixXd ReducedMatrix(const ImagePiece& piece, const Eigen::MatrixXd& products,
@@ -97,26 +82,6 @@ std::optional<Eigen::MatrixXd> ReducedWeights(const ImagePiece& piece,
       const Eigen::BDCSVD<Eigen::MatrixXd> svd(
           ReducedMatrix(piece, products, std::max<int64_t>(rows, 16)).transpose(), kBothSides);
       return Weights(svd.singularValues(), svd.matrixU());
-    }
-  }
-}
-
-Eigen::MatrixXf WholeVectors(const ImagePiece& piece, Decomposition decomposition) {
-  auto intensities = IntensityRows<Eigen::MatrixXf>(piece, piece.pixels());
-  switch (decomposition) {
-    case Decomposition::kPixelsByImages: {
-      intensities /= 100.0F;  // as in the matrix that the tool keeps
-      const Eigen::JacobiSVD<Eigen::MatrixXf> svd(intensities, Eigen::ComputeThinU);
-      return svd.matrixU().leftCols(kVectors);
-    }
-    case Decomposition::kImagesByPixels: {
-      const Eigen::JacobiSVD<Eigen::MatrixXf> svd(intensities.transpose(), Eigen::ComputeThinV);
-      return svd.matrixV().leftCols(kVectors);
-    }
-    case Decomposition::kImagesByPixelsBlockwise:
-    default: {
-      const Eigen::BDCSVD<Eigen::MatrixXf> svd(intensities.transpose(), Eigen::ComputeThinV);
-      return svd.matrixV().leftCols(kVectors);
     }
   }
 }

@@ -7,6 +7,7 @@
 
 #include "orientation/image_count.h"
 #include "orientation/image_piece.h"
+#include "orientation/whole_decomposition.h"
 #include "tool/lanes.h"
 
 namespace velostrix {
@@ -37,13 +38,6 @@ class LeadingVectors {
   ImagePiece piece_;
   std::array<std::array<float, 8>, kVectors> weights_ = {};
   Eigen::MatrixXf entries_;  // empty: the weights answer
-};
-
-// How the matrix of a piece is decomposed; the signs of the vectors follow from it.
-enum class Decomposition {
-  kPixelsByImages,          // Jacobi after pivoting QR; the vectors are columns of U
-  kImagesByPixels,          // Jacobi after pivoting QR; the vectors are columns of V
-  kImagesByPixelsBlockwise  // divide and conquer; the vectors are columns of V
 };
 
 // Decomposes a piece of at least three pixels. intensity_products are its images' inner products.

@@ -11,10 +11,11 @@ namespace {
 
 constexpr int64_t kNever = -1;
 int64_t until_failure = kNever;
+size_t smallest_failing = 1;
 bool has_failed = false;
 
-bool FailsNow() {
-  if (until_failure == kNever) return false;
+bool FailsNow(size_t bytes) {
+  if (until_failure == kNever || bytes < smallest_failing) return false;
   if (--until_failure != kNever) return false;
   has_failed = true;
   return true;
@@ -24,7 +25,7 @@ class FailingMatAllocator : public cv::MatAllocator {
  public:
   cv::UMatData* allocate(int dims, const int* sizes, int type, void* data, size_t* step,
                          cv::AccessFlag flags, cv::UMatUsageFlags usage) const override {
-    if (FailsNow()) CV_Error(cv::Error::StsNoMem, "no memory, says the test");
+    if (FailsNow(smallest_failing)) CV_Error(cv::Error::StsNoMem, "no memory, says the test");
     return cv::Mat::getStdAllocator()->allocate(dims, sizes, type, data, step, flags, usage);
   }
   bool allocate(cv::UMatData* data, cv::AccessFlag flags, cv::UMatUsageFlags usage) const override {
@@ -37,11 +38,12 @@ class FailingMatAllocator : public cv::MatAllocator {
 
 }  // namespace
 
-void StartFailingAllocations(int64_t failing) {
+void StartFailingAllocations(int64_t failing, size_t smallest) {
   static FailingMatAllocator allocator;
   cv::Mat::setDefaultAllocator(&allocator);
   has_failed = false;
   until_failure = failing;
+  smallest_failing = smallest;
 }
 
 bool StopFailingAllocations() {
@@ -62,25 +64,22 @@ void* __real__Znwm(size_t size);
 void* __real__Znam(size_t size);
 void* __real__ZnwmSt11align_val_t(size_t size, std::align_val_t alignment);
 
-// Only Eigen calls it. Its decompositions (3.4) destroy a member twice when one of their vectors of
-// a few numbers cannot be had; such blocks are left to succeed.
 void* __wrap_malloc(size_t size) {
-  constexpr size_t kSmallestThatFails = 512;
-  return size >= kSmallestThatFails && velostrix::FailsNow() ? nullptr : __real_malloc(size);
+  return velostrix::FailsNow(size) ? nullptr : __real_malloc(size);
 }
 void* __wrap_calloc(size_t count, size_t size) {
-  return velostrix::FailsNow() ? nullptr : __real_calloc(count, size);
+  return velostrix::FailsNow(count * size) ? nullptr : __real_calloc(count, size);
 }
 void* __wrap__Znwm(size_t size) {
-  if (velostrix::FailsNow()) throw std::bad_alloc();
+  if (velostrix::FailsNow(size)) throw std::bad_alloc();
   return __real__Znwm(size);
 }
 void* __wrap__Znam(size_t size) {
-  if (velostrix::FailsNow()) throw std::bad_alloc();
+  if (velostrix::FailsNow(size)) throw std::bad_alloc();
   return __real__Znam(size);
 }
 void* __wrap__ZnwmSt11align_val_t(size_t size, std::align_val_t alignment) {
-  if (velostrix::FailsNow()) throw std::bad_alloc();
+  if (velostrix::FailsNow(size)) throw std::bad_alloc();
   return __real__ZnwmSt11align_val_t(size, alignment);
 }
 
