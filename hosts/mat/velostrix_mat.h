@@ -46,7 +46,7 @@ typedef struct VelostrixMatInfo {
   int32_t pixel_bytes; /* bytes of one pixel, all channels */
   int32_t owns_pixels; /* 1: the pixels live as long as the image; 0: they are someone else's, as
                           those of a result that is not resized are the tool's */
-  int32_t unused;
+  int32_t unused;      /* 0 */
 } VelostrixMatInfo;
 
 /* A new image without pixels: what a run takes as a result. Null when memory runs out. */

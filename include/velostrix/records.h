@@ -45,9 +45,9 @@ typedef struct UnCalibrationParam {
                             0 = none (flat height), negative = twice the number of pixels */
   int32_t factor_offset; /* kept for the layout; read by nothing */
   double factor_gain;    /* the factor image is normalised to 0..255, then multiplied by this */
-  OutputScaling curvature;
-  OutputScaling magnitude;
-  OutputScaling channel[3];
+  OutputScaling curvature;   /* of the curvature image */
+  OutputScaling magnitude;   /* of the magnitude image */
+  OutputScaling channel[3];  /* of the images of channels 0, 1 and 2 */
   OutputScaling reserved[2]; /* kept for the layout; read by nothing */
   int32_t equalise_on;       /* non-zero: even out the column brightness of every input image */
 } UnCalibrationParam;

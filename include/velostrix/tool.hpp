@@ -37,6 +37,7 @@
 
 namespace velostrix {
 
+// Says what was refused and what is expected.
 class Error : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -54,10 +55,12 @@ enum class Output {
   kNormal = VELOSTRIX_OUTPUT_NORMAL         // CV_8UC3; brings channels 0, 1 and 2 with it
 };
 
+// In the order in which they are shown.
 inline constexpr std::array<Output, VELOSTRIX_OUTPUT_COUNT> kAllOutputs = {
     Output::kFactor,   Output::kCurvature, Output::kMagnitude, Output::kChannel0,
     Output::kChannel1, Output::kChannel2,  Output::kNormal,    Output::kHeight};
 
+// What the normal image is merged from.
 inline constexpr std::array<Output, 3> kChannels = {Output::kChannel0, Output::kChannel1,
                                                     Output::kChannel2};
 
@@ -68,18 +71,25 @@ constexpr const char* Name(Output output) {
   return kNames[static_cast<int>(output)];
 }
 
+// Which images a run makes.
 class OutputSet {
  public:
+  // No output.
   OutputSet() = default;
+
+  // The outputs that are named.
   OutputSet(std::initializer_list<Output> outputs) {
     for (const Output output : outputs) Add(output);
   }
+
+  // Every output.
   static OutputSet All() {
     OutputSet all;
     all.on_.set();
     return all;
   }
 
+  // Puts an output in, takes it out, tells whether it is in, and whether none is.
   void Add(Output output) { on_.set(static_cast<size_t>(output)); }
   void Remove(Output output) { on_.reset(static_cast<size_t>(output)); }
   bool Contains(Output output) const { return on_.test(static_cast<size_t>(output)); }
@@ -89,6 +99,7 @@ class OutputSet {
   std::bitset<VELOSTRIX_OUTPUT_COUNT> on_;
 };
 
+// How surface orientation is recovered.
 enum class Run {
   kUncalibrated,  // lamps unknown, the whole frame at once
   kCalibrated,    // lamps in the fixed ring that follows from their number
@@ -96,18 +107,20 @@ enum class Run {
   kPartCols       // lamps unknown, strip by strip of columns
 };
 
+// How slopes are differentiated in the full-frame runs: central is calmer, forward resolves finer
+// lines.
 enum class Difference { kCentral, kForward };
 
 // What a run does. Number and size of the images come from the images themselves.
 struct Parameters {
-  Run run = Run::kUncalibrated;
+  Run run = Run::kUncalibrated;  // which of the four runs
   int band = 64;  // kPartRows, kPartCols: rows or columns of a piece; below 10 counts as 10
-  OutputSet outputs = OutputSet::All();
+  OutputSet outputs = OutputSet::All();  // which images to make
   std::optional<cv::Rect> region;  // inside the images, at least 3 x 2 pixels; none = whole image
   double scale = 1.0;     // above 0, at most 1. Below 0.99 the tool works on images scaled by it,
                           // unless that would leave 10 pixels or fewer; results come in full size.
   bool equalise = false;  // even out the column brightness of every image first
-  Difference difference = Difference::kCentral;
+  Difference difference = Difference::kCentral;  // ignored by the partial runs
   int blur_radius = 0;     // pixels, 0 to 32767: smoothing of curvature and magnitude
   int iteration_cap = 50;  // of the height; 0 = flat, negative = as many as it takes
 
@@ -137,6 +150,7 @@ inline const OutputScaling* Scaling(const Parameters& parameters, Output output)
   }
 }
 
+// The same, to be changed.
 inline OutputScaling* Scaling(Parameters& parameters, Output output) {
   return const_cast<OutputScaling*>(Scaling(std::as_const(parameters), output));
 }
@@ -153,6 +167,7 @@ inline cv::Size WorkingSize(cv::Size images, const Parameters& parameters) {
 // The images that a run made; those that were not asked for are empty.
 class Results {
  public:
+  // The image of an output, empty when it was not asked for.
   cv::Mat& operator[](Output output) { return images_[static_cast<size_t>(output)]; }
   const cv::Mat& operator[](Output output) const { return images_[static_cast<size_t>(output)]; }
 
@@ -165,12 +180,13 @@ struct CallTimes {
   double parameters = 0.0;     // parameters and region
   double buffers = 0.0;        // allocating those in use, perhaps by an earlier reconstruction
   std::vector<double> images;  // setting each image
-  double run = 0.0;
+  double run = 0.0;            // the run itself
 };
 
 // Throws Error when a reconstruction of these images with these parameters would be refused.
 inline void Check(const std::vector<cv::Mat>& images, const Parameters& parameters);
 
+// A tool of the module, its buffers kept from part to part; see the top of this header.
 class Tool {
  public:
   // Runs on the images, in their order, and returns images that own their memory.
