@@ -39,7 +39,7 @@ constexpr float kTolerance = 0.001F;
 // Directions are recovered only from a beta whose division loses no more than the last digits.
 constexpr float kSmallestRecoveringBeta = 0.125F;
 
-// The sum of squares over a row: eight running lanes and one for the pixels that fill no block.
+// A sum over a row: eight running lanes and one for the pixels that fill no block.
 struct RowSum {
   Lanes lanes;
   float rest = 0;
@@ -131,7 +131,7 @@ class ConjugateGradients {
   const bool parallel_;
 };
 
-// z = 0, r = A^T b, p = M^-1 r
+// z = 0, r = A^T b
 void ConjugateGradients::StartRow(int64_t i) {
   const float* slope_p = problem_.p + i * problem_.stride;
   const float* slope_q = problem_.q + i * problem_.stride;
@@ -237,7 +237,7 @@ void ConjugateGradients::Start() {
   ForEachBand([&](int64_t first, int64_t end) {
     for (int64_t i = first; i < end; ++i) {
       StartRow(i);
-      UpdateResidualRow(i, 0.0F);
+      UpdateResidualRow(i, 0.0F);  // p is zero: for the sums only
       UpdateDirectionRow(i, 0.0F);
     }
   });
