@@ -13,11 +13,10 @@
 #include "orientation/leading_vectors.h"
 
 #include <Eigen/Eigenvalues>
-#include <Eigen/SVD>
-#include <algorithm>
 #include <optional>
 #include <utility>
 
+#include "orientation/thin_svd.h"
 #include "orientation/whole_decomposition.h"
 
 namespace velostrix {
@@ -42,14 +41,13 @@ bool VectorsAreDetermined(const Eigen::VectorXd& singular_values) {
   return true;
 }
 
-Eigen::MatrixXd ReducedMatrix(const ImagePiece& piece, const Eigen::MatrixXd& products,
-                              int64_t rows) {
+Eigen::MatrixXd ReducedMatrix(const ImagePiece& piece, const Eigen::MatrixXd& products) {
   const int n = piece.image_count;
   const auto top = IntensityRows<Eigen::MatrixXd>(piece, n);
   const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> bottom(products - top.transpose() * top);
-  Eigen::MatrixXd reduced = Eigen::MatrixXd::Zero(rows, n);
+  Eigen::MatrixXd reduced(2 * n, n);
   reduced.topRows(n) = top;
-  reduced.middleRows(n, n) =
+  reduced.bottomRows(n) =
       bottom.eigenvalues().cwiseMax(0).cwiseSqrt().asDiagonal() * bottom.eigenvectors().transpose();
   return reduced;
 }
@@ -65,23 +63,19 @@ std::optional<Eigen::MatrixXd> ReducedWeights(const ImagePiece& piece,
                                               const Eigen::MatrixXd& products,
                                               Decomposition decomposition) {
   constexpr int kBothSides = Eigen::ComputeThinU | Eigen::ComputeThinV;
-  const int64_t rows = 2 * piece.image_count;
   switch (decomposition) {
     case Decomposition::kPixelsByImages: {
-      const Eigen::JacobiSVD<Eigen::MatrixXd> svd(ReducedMatrix(piece, products, rows), kBothSides);
+      const JacobiSvd<Eigen::MatrixXd> svd(ReducedMatrix(piece, products), kBothSides);
       return Weights(svd.singularValues(), svd.matrixV());
     }
     case Decomposition::kImagesByPixels: {
-      const Eigen::JacobiSVD<Eigen::MatrixXd> svd(ReducedMatrix(piece, products, rows).transpose(),
-                                                  kBothSides);
+      const JacobiSvd<Eigen::MatrixXd> svd(ReducedMatrix(piece, products).transpose(), kBothSides);
       return Weights(svd.singularValues(), svd.matrixU());
     }
     case Decomposition::kImagesByPixelsBlockwise:
     default: {
-      // Below 16 columns this decomposition turns into the other; a piece has more.
-      const Eigen::BDCSVD<Eigen::MatrixXd> svd(
-          ReducedMatrix(piece, products, std::max<int64_t>(rows, 16)).transpose(), kBothSides);
-      return Weights(svd.singularValues(), svd.matrixU());
+      const BlockwiseSvd<Eigen::MatrixXd> svd(ReducedMatrix(piece, products));
+      return Weights(svd.singular_values, svd.short_side);
     }
   }
 }

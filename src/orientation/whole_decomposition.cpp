@@ -2,12 +2,15 @@
 // to round-off.
 #include "orientation/whole_decomposition.h"
 
-#include <Eigen/SVD>
+#include "orientation/thin_svd.h"
 
 namespace velostrix {
 namespace {
 
 constexpr int kVectors = 3;
+
+// With fewer columns BDCSVD is JacobiSVD.
+constexpr int64_t kFewestBlockwisePixels = 16;
 
 }  // namespace
 
@@ -16,16 +19,17 @@ Eigen::MatrixXf WholeVectors(const ImagePiece& piece, Decomposition decompositio
   switch (decomposition) {
     case Decomposition::kPixelsByImages: {
       intensities /= 100.0F;  // as in the matrix that the tool keeps
-      const Eigen::JacobiSVD<Eigen::MatrixXf> svd(intensities, Eigen::ComputeThinU);
+      const JacobiSvd<Eigen::MatrixXf> svd(intensities, Eigen::ComputeThinU);
       return svd.matrixU().leftCols(kVectors);
     }
-    case Decomposition::kImagesByPixels: {
-      const Eigen::JacobiSVD<Eigen::MatrixXf> svd(intensities.transpose(), Eigen::ComputeThinV);
-      return svd.matrixV().leftCols(kVectors);
-    }
     case Decomposition::kImagesByPixelsBlockwise:
+      if (piece.pixels() >= kFewestBlockwisePixels) {
+        return BlockwiseSvd<Eigen::MatrixXf>(intensities).long_side.leftCols(kVectors);
+      }
+      [[fallthrough]];
+    case Decomposition::kImagesByPixels:
     default: {
-      const Eigen::BDCSVD<Eigen::MatrixXf> svd(intensities.transpose(), Eigen::ComputeThinV);
+      const JacobiSvd<Eigen::MatrixXf> svd(intensities.transpose(), Eigen::ComputeThinV);
       return svd.matrixV().leftCols(kVectors);
     }
   }
