@@ -26,9 +26,34 @@
  * the next with the opposite sign; height is relative, in units of slope times pixels.
  *
  * Return values. bool is one byte. 1/true: done. 0/false: refused; unless said otherwise the tool
- * and the results are then as they were. There are no error codes. A null tool, record, image or
- * enabled result is refused. Exceptions of OpenCV and of the allocator (std::bad_alloc,
- * cv::Exception) pass to the host; a run or setter that ended so may be repeated.
+ * and the results are then as they were. There are no error codes. Exceptions of OpenCV and of the
+ * allocator (std::bad_alloc, cv::Exception) pass to the host; a run or setter that ended so may be
+ * repeated.
+ *
+ * Refusals, all there are:
+ *
+ *   call      refused when
+ *   all       the tool is null (calls without a result then do nothing)
+ *   SetParam  the record is null
+ *   SetROI    the rectangle, clamped to the working size, is empty: no region is in force then
+ *             scaling is on and makes a size of it that no image can have
+ *   Initial   (does nothing then) image count outside 3..8; no pixels; row_step < cols; scaling is
+ *             on and makes a size that no image can have
+ *   SetImage  the image is null, empty or of more than two dimensions
+ *             all N images are set
+ *             no buffers, or a geometry or an image count that they do not hold
+ *             with a region: what was cut and resized is not of the working size, a byte a pixel
+ *             without one: the image holds fewer bytes than the working size
+ *             equalisation is on and the image has more than one channel
+ *   SetImage  (_csharp, besides) type code outside 1..12; no data; width or height below 1; a row
+ *             stride that is negative, shorter than a row or not a multiple of the sample
+ *   runs      image count outside 3..8
+ *             no buffers, or a geometry or an image count that they do not hold
+ *             an enabled result is null
+ *             a blur radius above 32767
+ *             scaling is on and the result size has no pixels
+ *             uncalibrated runs: a frame or a piece of fewer than three pixels
+ *             part columns: fewer than two rows
  *
  * Every function has a second name with _csharp for managed hosts: the same entry point, except for
  * the image setter, whose _csharp form takes an ImageRecord.
@@ -92,8 +117,7 @@ VELOSTRIX_API bool SetVelostrixUnCalibrationToolParam_CPU_csharp(UnCalibrationTo
  * of the input images, clamped to the current working size (so a second region is clamped by the
  * first; set the parameters again to start afresh). With scaling on and more than 10 scaled pixels
  * each way the working size becomes region x scale, truncated; otherwise scaling is switched off
- * and it is the region's. False: the clamped rectangle is empty; no region is in force then, and
- * the geometry is unchanged. */
+ * and it is the region's. False leaves the geometry unchanged. */
 VELOSTRIX_API bool SetVelostrixUnCalibrationToolROI_CPU(UnCalibrationTool* tool, int32_t x1,
                                                         int32_t y1, int32_t x2, int32_t y2);
 VELOSTRIX_API bool SetVelostrixUnCalibrationToolROI_CPU_csharp(UnCalibrationTool* tool, int32_t x1,
@@ -112,26 +136,19 @@ VELOSTRIX_API int64_t ClearVelostrixUnCalibrationToolROI_CPU_csharp(UnCalibratio
  */
 
 /* Allocates the working buffers for the current geometry and image count (about 52 + 5 N bytes a
- * pixel, zero-filled). Does nothing when the image count is outside 3..8 or the size is not one of
- * an image (no pixels, row_step < cols). When memory runs out, images and runs are refused until
- * Release and Initial. Does not free the buffers of an earlier call: Release first. */
+ * pixel, zero-filled). When memory runs out, images and runs are refused until Release and Initial.
+ * Does not free the buffers of an earlier call: Release first. */
 VELOSTRIX_API void InitialVelostrixUnCalibrationToolImage_CPU(UnCalibrationTool* tool);
 VELOSTRIX_API void InitialVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibrationTool* tool);
 
 /* Copies the next image into the tool: cut to the region if one is set, resized to the working size
  * when scaling is on, equalised when the parameters ask for it. The image must be 8-bit
  * single-channel and, without scaling, of the region's or working size. True: stored, the count of
- * set images has grown by one. False, nothing changed: all N images are set; the image is empty or
- * has more than two dimensions; without Initial or with a geometry that its buffers do not hold;
- * with a region, the result is not of the working size with one byte a pixel; without one, it holds
- * fewer bytes than the working size or equalisation refused it (more than one channel). An image
- * that does not contain the region raises cv::Exception. */
+ * set images has grown by one. An image that does not contain the region raises cv::Exception. */
 VELOSTRIX_API bool SetVelostrixUnCalibrationToolImage_CPU(UnCalibrationTool* tool,
                                                           const VelostrixMat* image);
 
-/* The same for an image in plain memory. Also false: a type code outside 1..12, no data, a width or
- * height below 1, a row stride that is negative, shorter than a row or not a multiple of the
- * sample. */
+/* The same for an image in plain memory. */
 VELOSTRIX_API bool SetVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibrationTool* tool,
                                                                  const ImageRecord* image);
 
@@ -147,10 +164,8 @@ VELOSTRIX_API void ClearVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibration
  * (three 8-bit channels: channels 0, 1, 2; owns its memory) and height (16-bit single-channel).
  * They have the working size, or the region's when scaling is on (then resized, and owning their
  * memory). 1: done; the count of set images is 0 again. The run does not ask whether all N images
- * were set. 0: refused. Without results touched: image count outside 3..8; no buffers, or a
- * geometry that they do not hold; fewer than three pixels (uncalibrated runs), fewer than two rows
- * (part columns); a blur radius above 32767; an enabled result that is null. The count of set
- * images stays: ClearImage before setting images again.
+ * were set. 0: refused, results untouched; the count of set images stays: ClearImage before setting
+ * images again.
  *
  *   result     content                                                     uncalibrated calibrated
  *   factor     factor map, normalised to 0..255, times factor_gain         brightness      albedo
