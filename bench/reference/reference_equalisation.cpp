@@ -22,6 +22,7 @@ cv::Mat EqualiseBrightness(std::vector<double>& levels, const cv::Mat& source,
   }
   const double target = takes_reference ? reference_level : sum / static_cast<double>(cols);
   std::vector<int> offsets;
+  offsets.reserve(cols);
   for (const double level : levels) offsets.push_back(static_cast<int>(target - level));
 
   cv::Mat equalised(source.size(), CV_8UC1);
