@@ -88,7 +88,7 @@ struct HostImage {
 // One tool, its model, and the buffers that a second InitialImage has left to the host.
 class Session {
  public:
-  Session() {
+  explicit Session(int& huge_calls) : huge_calls_(huge_calls) {
     UnCalibrationTool* out = nullptr;
     tool_ = CreateVelostrixUnCalibrationToolPtr_CPU(&out);
     Expect(tool_ == out && tool_ != nullptr, "Create returns what it stores");
@@ -105,12 +105,13 @@ class Session {
   void SetParam(ByteSource& source, bool csharp);
   void SetRegion(ByteSource& source, bool csharp);
   void ClearRegion(ByteSource& source, bool csharp);
-  void Initial(bool csharp, int& huge_calls);
+  void Initial(ByteSource& source, bool csharp);
   void SetImage(ByteSource& source, bool csharp);
-  void SetAllImages(ByteSource& source);
-  void ClearImage(bool csharp);
-  void Release(bool csharp);
-  void RunOnce(ByteSource& source, Run run, bool csharp, int& huge_calls);
+  void SetAllImages(ByteSource& source, bool csharp);
+  void ClearImage(ByteSource& source, bool csharp);
+  void Release(ByteSource& source, bool csharp);
+  template <Run run>
+  void RunOnce(ByteSource& source, bool csharp);
 
  private:
   void Check() const {
@@ -135,6 +136,7 @@ class Session {
   UnCalibrationTool* tool_ = nullptr;
   ToolModel model_;
   std::vector<void*> forgotten_;
+  int& huge_calls_;
 };
 
 void Session::SetParam(ByteSource& source, bool csharp) {
@@ -195,11 +197,11 @@ void Session::ClearRegion(ByteSource& source, bool csharp) {
   Check();
 }
 
-void Session::Initial(bool csharp, int& huge_calls) {
+void Session::Initial(ByteSource&, bool csharp) {
   ToolModel next = model_;
   const bool allocates = next.TakeScaledSize();
   const int64_t pixels = allocates ? next.rows * next.row_step : 0;
-  if (!IsAffordable(pixels, kMostPixels, huge_calls)) return;
+  if (!IsAffordable(pixels, kMostPixels, huge_calls_)) return;
   if (allocates) {
     ForgetBuffers();
     next.TakeBuffers(pixels <= kMostPixels);
@@ -275,21 +277,21 @@ void Session::SetImage(ByteSource& source, bool csharp) {
   Store(image, source, csharp);
 }
 
-void Session::SetAllImages(ByteSource& source) {
+void Session::SetAllImages(ByteSource& source, bool) {
   for (int64_t k = model_.images_set; k < std::min<int64_t>(model_.image_count, 9); ++k) {
     HostImage image(source, model_);
     Store(image, source, source.Below(2) == 0);
   }
 }
 
-void Session::ClearImage(bool csharp) {
+void Session::ClearImage(ByteSource&, bool csharp) {
   (csharp ? ClearVelostrixUnCalibrationToolImage_CPU_csharp
           : ClearVelostrixUnCalibrationToolImage_CPU)(tool_);
   model_.images_set = 0;
   Check();
 }
 
-void Session::Release(bool csharp) {
+void Session::Release(ByteSource&, bool csharp) {
   (csharp ? ReleaseVelostrixUnCalibrationToolImage_CPU_csharp
           : ReleaseVelostrixUnCalibrationToolImage_CPU)(tool_);
   model_.DropBuffers();
@@ -318,7 +320,8 @@ void Session::CheckResults(const std::array<cv::Mat*, 8>& results) const {
   }
 }
 
-void Session::RunOnce(ByteSource& source, Run run, bool csharp, int& huge_calls) {
+template <Run run>
+void Session::RunOnce(ByteSource& source, bool csharp) {
   const uint8_t missing = source.Below(16) == 0 ? source.Byte() : uint8_t{0};
   const bool shared = source.Below(32) == 0;
   const int32_t band = source.Int();
@@ -333,7 +336,7 @@ void Session::RunOnce(ByteSource& source, Run run, bool csharp, int& huge_calls)
     const int64_t pixels = model_.rows * model_.cols;
     const int64_t iterations = model_.iteration_cap < 0 ? 2 * pixels : model_.iteration_cap;
     if (model_.downscale_on == 1 &&
-        !IsAffordable(model_.roi_width * model_.roi_height, kMostResultPixels, huge_calls)) {
+        !IsAffordable(model_.roi_width * model_.roi_height, kMostResultPixels, huge_calls_)) {
       return;
     }
     if (model_.blur_radius * std::max<int64_t>(pixels, 100) > kMostBlurredPixels) return;
@@ -347,25 +350,19 @@ void Session::RunOnce(ByteSource& source, Run run, bool csharp, int& huge_calls)
     done = entry(tool_, r[0], r[1], r[2], r[4], r[5], r[6], r[7], r[3], last...);
   };
   try {
-    switch (run) {
-      case Run::kUncalibrated:
-        call(csharp ? RunVelostrixUnCalibration_CPU_csharp_uncali
-                    : RunVelostrixUnCalibration_CPU_uncali);
-        break;
-      case Run::kCalibrated:
-        call(csharp ? RunVelostrixUnCalibration_CPU_csharp_cali
-                    : RunVelostrixUnCalibration_CPU_cali);
-        break;
-      case Run::kPartCols:
-        call(csharp ? RunVelostrixUnCalibration_CPU_partcols_csharp_uncali
-                    : RunVelostrixUnCalibration_CPU_partcols_uncali,
-             band);
-        break;
-      case Run::kPartRows:
-        call(csharp ? RunVelostrixUnCalibration_CPU_partrows_csharp_uncali
-                    : RunVelostrixUnCalibration_CPU_partrows_uncali,
-             band);
-        break;
+    if (run == Run::kUncalibrated) {
+      call(csharp ? RunVelostrixUnCalibration_CPU_csharp_uncali
+                  : RunVelostrixUnCalibration_CPU_uncali);
+    } else if (run == Run::kCalibrated) {
+      call(csharp ? RunVelostrixUnCalibration_CPU_csharp_cali : RunVelostrixUnCalibration_CPU_cali);
+    } else if (run == Run::kPartCols) {
+      call(csharp ? RunVelostrixUnCalibration_CPU_partcols_csharp_uncali
+                  : RunVelostrixUnCalibration_CPU_partcols_uncali,
+           band);
+    } else {
+      call(csharp ? RunVelostrixUnCalibration_CPU_partrows_csharp_uncali
+                  : RunVelostrixUnCalibration_CPU_partrows_uncali,
+           band);
     }
   } catch (const cv::Exception&) {
     threw = true;
@@ -411,6 +408,25 @@ void CallWithNulls(ByteSource& source) {
   DestroyImageArrayCPU(new cv::Mat[static_cast<size_t>(source.Below(5))]);
 }
 
+// What a byte chooses, the usual calls twice.
+constexpr void (Session::*kCalls[])(ByteSource&, bool) = {
+    &Session::SetParam,
+    &Session::SetParam,
+    &Session::SetRegion,
+    &Session::ClearRegion,
+    &Session::Initial,
+    &Session::Initial,
+    &Session::SetImage,
+    &Session::SetAllImages,
+    &Session::SetAllImages,
+    &Session::ClearImage,
+    &Session::Release,
+    &Session::RunOnce<Run::kUncalibrated>,
+    &Session::RunOnce<Run::kCalibrated>,
+    &Session::RunOnce<Run::kPartCols>,
+    &Session::RunOnce<Run::kPartRows>,
+};
+
 }  // namespace
 
 void RunCallSequence(const uint8_t* data, size_t size) {
@@ -422,52 +438,14 @@ void RunCallSequence(const uint8_t* data, size_t size) {
   for (int call = 0; call < kMostCalls && !source.empty(); ++call) {
     const uint8_t choice = source.Byte();
     auto& session = sessions[choice >= 240 ? 1 + choice % 2 : 0];
-    if (session == nullptr) session = std::make_unique<Session>();
+    if (session == nullptr) session = std::make_unique<Session>(huge_calls);
     const bool csharp = source.Below(2) != 0;
-    switch (choice % 16) {
-      case 0:
-      case 1:
-        session->SetParam(source, csharp);
-        break;
-      case 2:
-        session->SetRegion(source, csharp);
-        break;
-      case 3:
-        session->ClearRegion(source, csharp);
-        break;
-      case 4:
-      case 5:
-        session->Initial(csharp, huge_calls);
-        break;
-      case 6:
-        session->SetImage(source, csharp);
-        break;
-      case 7:
-      case 8:
-        session->SetAllImages(source);
-        break;
-      case 9:
-        session->ClearImage(csharp);
-        break;
-      case 10:
-        session->Release(csharp);
-        break;
-      case 11:
-        session->RunOnce(source, Run::kUncalibrated, csharp, huge_calls);
-        break;
-      case 12:
-        session->RunOnce(source, Run::kCalibrated, csharp, huge_calls);
-        break;
-      case 13:
-        session->RunOnce(source, Run::kPartCols, csharp, huge_calls);
-        break;
-      case 14:
-        session->RunOnce(source, Run::kPartRows, csharp, huge_calls);
-        break;
-      default:
-        CallWithNulls(source);
-        session.reset();
-        break;
+    const size_t kind = choice % 16;
+    if (kind < std::size(kCalls)) {
+      (session.get()->*kCalls[kind])(source, csharp);
+    } else {
+      CallWithNulls(source);
+      session.reset();
     }
   }
 }
