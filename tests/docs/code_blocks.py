@@ -19,50 +19,41 @@ import re
 import shutil
 import subprocess
 import sys
-from dataclasses import dataclass, field
 from pathlib import Path
-from typing import List
 
 from PIL import Image
 
 KINDS = ("sh", "cpp", "python", "csharp", "console", "text")
 
 
-@dataclass
-class Block:
-    line: int  # of the fence
-    kind: str
-    name: str = ""
-    code: List[str] = field(default_factory=list)
+def refuse(page: Path, line: int, reason: str) -> None:
+    raise SystemExit(f"{page}:{line}: {reason}")
 
 
-def read_blocks(page: Path) -> List[Block]:
-    def refuse(line: int, reason: str) -> None:
-        raise SystemExit(f"{page}:{line}: {reason}")
-
-    blocks: List[Block] = []
-    is_inside, previous = False, ""
+def read_blocks(page: Path) -> list:
+    """The blocks of a page: number of the first line, kind, name, text."""
+    blocks, code, previous = [], None, ""
     for number, line in enumerate(page.read_text().splitlines(), 1):
         if line.lstrip().startswith("```"):
-            is_inside = not is_inside
-            if is_inside:
+            if code is None:
                 kind, _, name = line.strip().strip("`").partition(" ")
-                blocks.append(Block(number, kind, name))
-                if kind not in KINDS:
-                    refuse(number, f"block of kind '{kind}'; expected one of {', '.join(KINDS)}")
-                if (kind == "cpp") != bool(name):
-                    refuse(number, "a cpp block, and no other, is given the name of its file")
-        elif is_inside:
-            blocks[-1].code.append(line)
+                if kind not in KINDS or (kind == "cpp") != bool(name):
+                    refuse(page, number, f"expected one of {KINDS}; cpp, and no other, with a name")
+                code = []
+            else:
+                blocks.append((number - len(code), kind, name, "\n".join(code) + "\n"))
+                code = None
+        elif code is not None:
+            code.append(line)
         elif line.startswith("    ") and not previous.strip():
-            refuse(number, "indented block; expected a fence that says what it is")
+            refuse(page, number, "indented block; expected a fence that says what it is")
         else:
             for target in re.findall(r"\]\(([^)#]+)[^)]*\)", line):
                 if "://" not in target and not (page.parent / target).exists():
-                    refuse(number, f"link to {target}, which does not exist")
+                    refuse(page, number, f"link to {target}, which does not exist")
         previous = line
-    if is_inside:
-        refuse(blocks[-1].line, "block without an end")
+    if code is not None:
+        refuse(page, number, "block without an end")
     return blocks
 
 
@@ -119,28 +110,26 @@ def main() -> None:
     for k in range(4):
         Image.open(options.work / f"image{k}.png").save(options.work / f"image{k}.pgm")
 
-    def code_of(kind: str) -> List[str]:
-        return ["\n".join(block.code) + "\n" for block in blocks if block.kind == kind]
+    def codes(kind: str) -> list:
+        return [code for _, block_kind, _, code in blocks if block_kind == kind]
 
-    commands = "".join(code_of("sh"))
-    for block in blocks:
-        if block.kind == "cpp":
-            if block.name not in commands:
-                sys.exit(f"{options.page}:{block.line}: no sh block builds {block.name}")
-            (options.work / block.name).write_text("\n".join(block.code) + "\n")
-        elif block.kind == "sh":
-            print(f"{options.page}:{block.line}", flush=True)
-            run("bash", "-euxo", "pipefail", "-c", "\n".join(block.code))
-    if code_of("python"):
-        (options.work / "page.py").write_text("\n".join(code_of("python")))
+    for line, kind, name, code in blocks:
+        if kind == "cpp":
+            if name not in "".join(codes("sh")):
+                refuse(options.page, line, f"no sh block builds {name}")
+            (options.work / name).write_text(code)
+        elif kind == "sh":
+            print(f"{options.page}:{line}", flush=True)
+            run("bash", "-euxo", "pipefail", "-c", code)
+    if codes("python"):
+        (options.work / "page.py").write_text("".join(codes("python")))
         run(sys.executable, "-W", "error", "page.py")
-    if code_of("csharp"):
+    if codes("csharp"):
+        steps = [f"static void Step{k}()\n{{\n{code}}}\n" for k, code in enumerate(codes("csharp"))]
+        calls = [f"Step{k}();" for k in range(len(steps))]
         context = Path(__file__).with_name("SnippetContext.cs").read_text()
-        steps = "".join(f"static void Step{k}()\n{{\n{code}}}\n"
-                        for k, code in enumerate(code_of("csharp")))
-        calls = " ".join(f"Step{k}();" for k in range(len(code_of("csharp"))))
         (options.work / "Page.cs").write_text(
-            context.replace("/* steps */", steps).replace("/* calls */", calls))
+            context.replace("/* steps */", "".join(steps)).replace("/* calls */", " ".join(calls)))
         library = sorted((options.work / "hosts/csharp").glob("*.cs"))
         run(options.mcs, "-langversion:7", "-out:page.exe", *library, "Page.cs")
         run(options.mono, "--debug", "page.exe")

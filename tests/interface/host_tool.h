@@ -1,4 +1,4 @@
-// A host of the loaded module: a tool that releases itself, runs by name, results by position.
+// A host of the exported functions: a tool that releases itself, runs by kind, results by position.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -6,9 +6,10 @@
 #include <array>
 #include <opencv2/core.hpp>
 #include <ostream>
+#include <utility>
 #include <vector>
 
-#include "interface/loaded_module.h"
+#include "velostrix/uncalibration.h"
 
 namespace velostrix {
 
@@ -16,10 +17,6 @@ enum class RunKind { kUncalibrated, kCalibrated, kPartRows, kPartCols };
 
 constexpr std::array<RunKind, 4> kAllRuns = {RunKind::kUncalibrated, RunKind::kCalibrated,
                                              RunKind::kPartRows, RunKind::kPartCols};
-
-inline bool IsPartial(RunKind kind) {
-  return kind == RunKind::kPartRows || kind == RunKind::kPartCols;
-}
 
 inline std::ostream& operator<<(std::ostream& out, RunKind kind) {
   constexpr const char* kNames[] = {"uncali", "cali", "partrows", "partcols"};
@@ -65,67 +62,55 @@ inline UnCalibrationParam EverythingOn(cv::Size size, size_t image_count) {
 
 class HostTool {
  public:
-  explicit HostTool(const UnCalibrationParam& param, Names names = Names::kPlain)
-      : module_(LoadModule(names)), names_(names) {
-    module_.create(&tool_);
+  explicit HostTool(const UnCalibrationParam& param)
+      : tool_(CreateVelostrixUnCalibrationToolPtr_CPU(nullptr)) {
     EXPECT_TRUE(SetParam(param));
   }
   // With buffers for the parameters.
-  static HostTool Ready(const UnCalibrationParam& param, Names names = Names::kPlain) {
-    HostTool tool(param, names);
+  static HostTool Ready(const UnCalibrationParam& param) {
+    HostTool tool(param);
     tool.InitialImage();
     return tool;
   }
-  HostTool(HostTool&& other) noexcept
-      : module_(other.module_), names_(other.names_), tool_(std::exchange(other.tool_, nullptr)) {}
-  HostTool(const HostTool&) = delete;
-  HostTool& operator=(const HostTool&) = delete;
-  HostTool& operator=(HostTool&&) = delete;
+  HostTool(HostTool&& other) noexcept : tool_(std::exchange(other.tool_, nullptr)) {}
   ~HostTool() {
-    module_.release_image(tool_);
-    module_.destroy(tool_);
+    ReleaseImage();
+    DestroyVelostrixUnCalibrationToolPtr_CPU(tool_);
   }
 
   UnCalibrationTool* get() const { return tool_; }
-  const LoadedModule& module() const { return module_; }
 
-  bool SetParam(const UnCalibrationParam& param) { return module_.set_param(tool_, &param); }
-  bool SetRegion(const cv::Rect& region) {
-    return module_.set_roi(tool_, region.x, region.y, region.x + region.width - 1,
-                           region.y + region.height - 1);
+  bool SetParam(const UnCalibrationParam& param) {
+    return SetVelostrixUnCalibrationToolParam_CPU(tool_, &param);
   }
-  void InitialImage() { module_.initial_image(tool_); }
-  void ReleaseImage() { module_.release_image(tool_); }
-  void ClearImage() { module_.clear_image(tool_); }
-
-  // By the setter of the tool's names; the image is 8-bit single-channel.
+  bool SetRegion(const cv::Rect& region) {
+    return SetVelostrixUnCalibrationToolROI_CPU(tool_, region.x, region.y, region.br().x - 1,
+                                                region.br().y - 1);
+  }
+  void InitialImage() { InitialVelostrixUnCalibrationToolImage_CPU(tool_); }
+  void ReleaseImage() { ReleaseVelostrixUnCalibrationToolImage_CPU(tool_); }
+  void ClearImage() { ClearVelostrixUnCalibrationToolImage_CPU(tool_); }
   bool SetImage(const cv::Mat& image) {
-    if (names_ == Names::kPlain) return module_.set_image(tool_, &image);
-    const ImageRecord record = {
-        image.data, image.cols, image.rows, static_cast<int32_t>(image.step[0]), 0, 1};
-    return module_.set_image_record(tool_, &record);
+    return SetVelostrixUnCalibrationToolImage_CPU(tool_, &image);
   }
   void SetImages(const std::vector<cv::Mat>& images) {
     for (const cv::Mat& image : images) EXPECT_TRUE(SetImage(image));
   }
 
   int32_t Run(RunKind kind, const std::array<cv::Mat*, kResultCount>& r, int32_t band) {
-    const auto full = [&](auto run) {
-      return run(tool_, r[0], r[1], r[2], r[3], r[4], r[5], r[6], r[7]);
-    };
-    const auto partial = [&](auto run) {
-      return run(tool_, r[0], r[1], r[2], r[3], r[4], r[5], r[6], r[7], band);
+    const auto run = [&](auto function, auto... last) {
+      return function(tool_, r[0], r[1], r[2], r[3], r[4], r[5], r[6], r[7], last...);
     };
     switch (kind) {
       case RunKind::kUncalibrated:
-        return full(module_.run_uncali);
+        return run(RunVelostrixUnCalibration_CPU_uncali);
       case RunKind::kCalibrated:
-        return full(module_.run_cali);
+        return run(RunVelostrixUnCalibration_CPU_cali);
       case RunKind::kPartRows:
-        return partial(module_.run_partrows);
+        return run(RunVelostrixUnCalibration_CPU_partrows_uncali, band);
       case RunKind::kPartCols:
       default:
-        return partial(module_.run_partcols);
+        return run(RunVelostrixUnCalibration_CPU_partcols_uncali, band);
     }
   }
   int32_t Run(RunKind kind, Results& results, int32_t band = 10) {
@@ -144,9 +129,7 @@ class HostTool {
   }
 
  private:
-  LoadedModule module_;
-  Names names_;
-  UnCalibrationTool* tool_ = nullptr;
+  UnCalibrationTool* tool_;
 };
 
 // Images of the same size and type that differ by at most so many levels; or two empty ones.
@@ -162,10 +145,9 @@ inline testing::AssertionResult AgreeWithin(int levels, const cv::Mat& a, const 
   cv::Point at;
   cv::minMaxLoc(difference, nullptr, &most, nullptr, &at);
   if (most <= levels) return testing::AssertionSuccess();
-  cv::Mat beyond = difference > levels;
   return testing::AssertionFailure()
-         << cv::countNonZero(beyond) << " of " << beyond.total() << " values differ by more than "
-         << levels << ", most by " << most << " at " << at;
+         << cv::countNonZero(difference > levels) << " values differ by more than " << levels
+         << ", most by " << most << " at " << at;
 }
 
 inline void ExpectSame(const Results& actual, const Results& expected) {

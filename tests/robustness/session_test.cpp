@@ -1,0 +1,289 @@
+// Whole sessions: every allocation fails in turn, many one after another, many beside each other.
+// VELOSTRIX_ENDURANCE_RUNS sets the number of those one after another.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <malloc.h>
+#include <omp.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <new>
+#include <random>
+#include <thread>
+
+#include "interface/host_tool.h"
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kMemoryIsTheSanitizers = true;  // which keeps what is freed, and finds leaks itself
+#else
+constexpr bool kMemoryIsTheSanitizers = false;
+#endif
+
+namespace velostrix {
+namespace {
+
+// Which allocation fails, from 0.
+constexpr int64_t kNever = -1;
+int64_t until_failure = kNever;
+bool has_failed = false;
+
+bool FailsNow() {
+  if (until_failure == kNever || --until_failure != kNever) return false;
+  has_failed = true;
+  return true;
+}
+
+// Images are allocated in OpenCV's own libraries.
+class FailingMatAllocator : public cv::MatAllocator {
+ public:
+  cv::UMatData* allocate(int dims, const int* sizes, int type, void* data, size_t* step,
+                         cv::AccessFlag flags, cv::UMatUsageFlags usage) const override {
+    if (FailsNow()) CV_Error(cv::Error::StsNoMem, "no memory, says the test");
+    return cv::Mat::getStdAllocator()->allocate(dims, sizes, type, data, step, flags, usage);
+  }
+  bool allocate(cv::UMatData* data, cv::AccessFlag flags, cv::UMatUsageFlags usage) const override {
+    return cv::Mat::getStdAllocator()->allocate(data, flags, usage);
+  }
+  void deallocate(cv::UMatData* data) const override {
+    cv::Mat::getStdAllocator()->deallocate(data);
+  }
+};
+
+}  // namespace
+}  // namespace velostrix
+
+// The linker turns the library's references to the allocators to these.
+// NOLINTBEGIN(bugprone-reserved-identifier)
+extern "C" {
+void* __real_malloc(size_t size);
+void* __real_calloc(size_t count, size_t size);
+void* __real__Znwm(size_t size);
+void* __real__Znam(size_t size);
+void* __real__ZnwmSt11align_val_t(size_t size, std::align_val_t alignment);
+
+void* __wrap_malloc(size_t size) { return velostrix::FailsNow() ? nullptr : __real_malloc(size); }
+void* __wrap_calloc(size_t count, size_t size) {
+  return velostrix::FailsNow() ? nullptr : __real_calloc(count, size);
+}
+void* __wrap__Znwm(size_t size) {
+  if (velostrix::FailsNow()) throw std::bad_alloc();
+  return __real__Znwm(size);
+}
+void* __wrap__Znam(size_t size) {
+  if (velostrix::FailsNow()) throw std::bad_alloc();
+  return __real__Znam(size);
+}
+void* __wrap__ZnwmSt11align_val_t(size_t size, std::align_val_t alignment) {
+  if (velostrix::FailsNow()) throw std::bad_alloc();
+  return __real__ZnwmSt11align_val_t(size, alignment);
+}
+}  // extern "C"
+// NOLINTEND(bugprone-reserved-identifier)
+
+namespace velostrix {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+struct Session {
+  RunKind run = RunKind::kUncalibrated;
+  cv::Size size;
+  size_t image_count = 3;
+  double scale = 1.0;
+  bool has_region = false;
+
+  UnCalibrationParam Param() const {
+    UnCalibrationParam param = EverythingOn(size, image_count);
+    param.scale = scale;
+    param.blur_radius = 1;
+    param.iteration_cap = 20;
+    param.equalise_on = 1;
+    return param;
+  }
+
+  std::vector<cv::Mat> Images() const {
+    std::mt19937 random(static_cast<unsigned>(size.width * 100) + image_count);
+    std::vector<cv::Mat> images;
+    for (size_t k = 0; k < image_count; ++k) {
+      images.emplace_back(size, CV_8UC1);
+      for (uint8_t& level : cv::Mat1b(images.back())) level = static_cast<uint8_t>(random());
+    }
+    return images;
+  }
+
+  void Prepare(HostTool& tool) const {
+    tool.ReleaseImage();
+    tool.SetParam(Param());
+    if (has_region) tool.SetRegion({1, 1, size.width - 2, size.height - 2});
+    tool.InitialImage();
+  }
+
+  // Sets the images, runs, and puts the results together; nothing when something was refused.
+  Bytes Run(HostTool& tool, const std::vector<cv::Mat>& images) const {
+    tool.ClearImage();
+    for (const cv::Mat& image : images) {
+      if (!tool.SetImage(image)) return {};
+    }
+    Results results;
+    if (tool.Run(run, results, 16) != 1) return {};
+    Bytes bytes;
+    for (const cv::Mat& image : results) {
+      const cv::Mat packed = image.clone().reshape(1, 1);
+      bytes.insert(bytes.end(), packed.datastart, packed.dataend);
+    }
+    return bytes;
+  }
+
+  Bytes RunAlone() const {
+    HostTool tool(Param());
+    Prepare(tool);
+    return Run(tool, Images());
+  }
+};
+
+struct Case {
+  const char* name;
+  Session session;
+};
+
+class AllocationFailure : public testing::TestWithParam<Case> {};
+
+TEST_P(AllocationFailure, LeavesAToolThatRefusesOrWorksAndCanBeReleased) {
+  const Session& session = GetParam().session;
+  const Session earlier = {RunKind::kUncalibrated, {5, 4}};
+  const std::vector<cv::Mat> images = session.Images();
+  const Bytes expected = session.RunAlone();
+  ASSERT_FALSE(expected.empty());
+  FailingMatAllocator allocator;
+
+  size_t bytes_in_use = 0;
+  int64_t failing = 0;
+  for (has_failed = true; has_failed; ++failing) {
+    SCOPED_TRACE(testing::Message() << "allocation " << failing);
+    {
+      HostTool tool(earlier.Param());
+      // What an earlier session has left must survive, too.
+      earlier.Prepare(tool);
+      ASSERT_FALSE(earlier.Run(tool, earlier.Images()).empty());
+      bool is_done = false;
+      cv::Mat::setDefaultAllocator(&allocator);
+      has_failed = false;
+      until_failure = failing;
+      try {
+        session.Prepare(tool);
+        is_done = !session.Run(tool, images).empty();
+      } catch (const std::bad_alloc&) {
+      } catch (const cv::Exception& error) {
+        EXPECT_EQ(error.code, cv::Error::StsNoMem) << error.what();
+      }
+      until_failure = kNever;
+      cv::Mat::setDefaultAllocator(cv::Mat::getStdAllocator());
+      EXPECT_EQ(is_done, !has_failed);
+
+      // The session is repeated as it stands: after a failed InitialImage it is refused.
+      const Bytes repeated = session.Run(tool, images);
+      EXPECT_TRUE(repeated.empty() || repeated == expected);
+      session.Prepare(tool);
+      EXPECT_EQ(session.Run(tool, images), expected);
+    }
+    // The first sessions fill what the dependencies keep. Sanitizers count leaks by themselves.
+    if (failing == 20) bytes_in_use = mallinfo2().uordblks;
+    EXPECT_TRUE(failing <= 20 || mallinfo2().uordblks <= bytes_in_use + 16384);
+  }
+  // The buffers, the images and their equalisation, the decomposition, the results.
+  EXPECT_GT(failing, 70);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Sessions, AllocationFailure,
+    testing::Values(Case{"Uncali", {RunKind::kUncalibrated, {40, 30}}},
+                    Case{"Region", {RunKind::kUncalibrated, {24, 20}, 4, 1.0, true}},
+                    Case{"Cali", {RunKind::kCalibrated, {44, 40}, 3, 0.9, true}},
+                    Case{"PartCols", {RunKind::kPartCols, {40, 60}, 4}},
+                    Case{"ScaledPartCols", {RunKind::kPartCols, {24, 20}, 3, 0.8}},
+                    Case{"PartRows", {RunKind::kPartRows, {110, 26}, 4}},
+                    Case{"NarrowPartRows", {RunKind::kPartRows, {80, 33}}}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+const std::vector<Session> kSessions = {{RunKind::kUncalibrated, {40, 30}, 3},
+                                        {RunKind::kCalibrated, {65, 41}, 5, 1.0, true},
+                                        {RunKind::kPartCols, {90, 33}, 4, 0.7},
+                                        {RunKind::kPartRows, {33, 64}, 8, 1.0, true},
+                                        {RunKind::kUncalibrated, {200, 150}, 4, 0.5, true},
+                                        {RunKind::kPartCols, {7, 9}, 3},
+                                        {RunKind::kCalibrated, {128, 96}, 7}};
+
+std::vector<Bytes> BytesOfAllSessions() {
+  std::vector<Bytes> bytes;
+  for (const Session& session : kSessions) bytes.push_back(session.RunAlone());
+  return bytes;
+}
+
+int64_t ResidentBytes() {
+  int64_t pages_of_program = 0;
+  int64_t resident_pages = 0;
+  std::ifstream("/proc/self/statm") >> pages_of_program >> resident_pages;
+  return resident_pages * sysconf(_SC_PAGESIZE);
+}
+
+int64_t OpenFiles() {
+  const std::filesystem::directory_iterator files("/proc/self/fd");
+  return std::distance(begin(files), end(files));
+}
+
+TEST(Endurance, ManyRunsOnOneToolGiveTheFirstBytesAndTakeNoMoreMemory) {
+  const char* asked = std::getenv("VELOSTRIX_ENDURANCE_RUNS");
+  const int runs = asked != nullptr ? std::atoi(asked) : 160;
+  const std::vector<Bytes> expected = BytesOfAllSessions();
+  HostTool tool({});
+  int64_t resident = 0;
+  int64_t files = 0;
+  for (int run = 0; run < runs; ++run) {
+    const size_t k = static_cast<size_t>(run) % kSessions.size();
+    const Session& session = kSessions[k];
+    // Once on, scaling goes off only with a region that is too small for it.
+    UnCalibrationParam tiny = session.Param();
+    tiny.scale = 1e-6;
+    tool.SetParam(tiny);
+    tool.SetRegion({0, 0, 6, 6});
+    const cv::Size& size = session.size;
+    ClearVelostrixUnCalibrationToolROI_CPU(tool.get(), size.height, size.width, size.width);
+    session.Prepare(tool);
+    ASSERT_EQ(session.Run(tool, session.Images()), expected[k]) << "run " << run;
+    if (run == runs / 4) {
+      resident = ResidentBytes();
+      files = OpenFiles();
+    }
+  }
+  constexpr int64_t kNoise = 1 << 20;
+  EXPECT_TRUE(kMemoryIsTheSanitizers || ResidentBytes() <= resident + kNoise);
+  EXPECT_EQ(OpenFiles(), files);
+}
+
+TEST(Endurance, ToolsOnSeveralThreadsGiveTheBytesOfOneAlone) {
+  const std::vector<Bytes> expected = BytesOfAllSessions();
+  std::atomic<int> different = 0;
+  std::vector<std::thread> threads;
+  for (int k = 0; k < 4; ++k) {
+    threads.emplace_back([&] {
+      omp_set_num_threads(1);  // the threads under test are these
+      for (int round = 0; round < 10; ++round) different += BytesOfAllSessions() != expected;
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(different, 0);
+}
+
+// OpenMP threads may still be in the module when a host, such as Mono, unloads it.
+TEST(Endurance, AnUnloadedModuleKeepsItsCode) {
+  void* const module = dlopen(VELOSTRIX_MODULE, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(module, nullptr) << dlerror();
+  ASSERT_EQ(dlclose(module), 0);
+  EXPECT_NE(dlopen(VELOSTRIX_MODULE, RTLD_NOW | RTLD_NOLOAD), nullptr);
+}
+
+}  // namespace
+}  // namespace velostrix

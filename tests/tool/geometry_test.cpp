@@ -1,0 +1,216 @@
+// A new tool, parameters, region and working frame, and the buffers for it.
+#include <gtest/gtest.h>
+#include <malloc.h>
+
+#include <algorithm>
+#include <limits>
+#include <opencv2/core.hpp>
+#include <random>
+
+#include "fuzz/tool_model.h"
+#include "tool/image_input.h"
+#include "tool/region.h"
+#include "tool_under_test.h"
+
+namespace velostrix {
+namespace {
+
+constexpr int32_t kMin = std::numeric_limits<int32_t>::min();
+constexpr int32_t kMax = std::numeric_limits<int32_t>::max();
+constexpr double kInfinity = std::numeric_limits<double>::infinity();
+constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
+
+using Numbers = std::vector<int64_t>;
+
+// The record is laid out as a host lays it out: byte by byte, every number that of its place.
+TEST(Geometry, EveryFieldOfTheRecordGoesToItsPlace) {
+  UnCalibrationParam param;
+  auto* const bytes = reinterpret_cast<uint8_t*>(&param);
+  for (int32_t offset = 0; offset < 200; offset += 4) {
+    std::memcpy(bytes + offset, &offset, sizeof offset);
+  }
+  for (const int offset : {48, 72, 88, 104, 120, 136, 152, 168, 184}) {
+    const double value = offset + 0.5;
+    std::memcpy(bytes + offset, &value, sizeof value);
+  }
+  const ToolPtr tool = NewTool(param);
+  EXPECT_EQ((Numbers{tool->image_count, tool->cols, tool->roi_width, tool->rows, tool->roi_height,
+                     tool->row_step, tool->difference_mode, tool->blur_radius, tool->iteration_cap,
+                     tool->factor_offset, tool->equalise_on, tool->plane_size}),
+            (Numbers{0, 4, 4, 8, 8, 12, 56, 60, 64, 68, 192, 12 * 8}));
+  for (int i = 0; i < VELOSTRIX_OUTPUT_COUNT; ++i) EXPECT_EQ(tool->output_enable[i], 16 + 4 * i);
+  EXPECT_EQ(tool->scale, 48.5);
+  EXPECT_EQ(tool->factor_gain, 72.5);
+  int offset = 80;
+  for (const OutputScaling& scaling :
+       {tool->curvature, tool->magnitude, tool->channel[0], tool->channel[1], tool->channel[2],
+        tool->reserved[0], tool->reserved[1]}) {
+    EXPECT_EQ(scaling.offset, offset);
+    EXPECT_EQ(scaling.gain, offset + 8.5);
+    offset += 16;
+  }
+}
+
+// Whatever is set after whatever else, against the rules written a second time.
+TEST(Geometry, FollowsItsModel) {
+  std::mt19937 random(1);
+  const auto size = [&] {
+    constexpr int32_t kSizes[] = {kMin, -300, -1, 0,  1,   2,   3,   9,   10,
+                                  11,   19,   20, 21, 100, 300, 301, 640, kMax};
+    return kSizes[random() % std::size(kSizes)];
+  };
+  const ToolPtr tool = NewTool();
+  fuzz::ToolModel model;
+  ASSERT_EQ(fuzz::ComparedFields(*tool), fuzz::ComparedFields(model));
+  for (int step = 0; step < 100000; ++step) {
+    const auto action = random() % 6;
+    SCOPED_TRACE(testing::Message() << "step " << step << ", action " << action);
+    if (action < 2) {
+      constexpr double kScales[] = {
+          1.0, 0.99,  0.98999999999999988, 0.5,        0.34, 0.645, 0.0, -1.0, 1e-300,
+          4e6, 1e300, kInfinity,           -kInfinity, kNan};
+      UnCalibrationParam param = FrameParam(size(), size(), static_cast<int32_t>(random() % 10));
+      param.equalise_on = static_cast<int32_t>(random() % 2);
+      if (random() % 4 == 0) param.row_step = size();
+      param.scale = kScales[random() % std::size(kScales)];
+      EXPECT_TRUE(SetParam(*tool, param));
+      model.SetParam(param);
+    } else if (action == 2) {
+      const int32_t c[] = {size(), size(), size(), size()};
+      EXPECT_EQ(SetRegion(*tool, c[0], c[1], c[2], c[3]), model.SetRegion(c[0], c[1], c[2], c[3]));
+    } else if (action == 3) {
+      const int32_t c[] = {size(), size(), size()};
+      EXPECT_EQ(ClearRegion(*tool, c[0], c[1], c[2]), model.ClearRegion(c[0], c[1], c[2]));
+    } else if (action == 4) {
+      constexpr int kTypes[] = {CV_8UC1, CV_8UC1, CV_8UC2, CV_16UC1};
+      cv::Size frame(size() % 1000, size() % 1000);
+      if (random() % 2 == 0 && model.allocated_pixels > 0) {
+        const bool has_region = model.roi_set != 0;
+        frame.width = has_region ? model.roi.x + model.roi.width : static_cast<int>(model.cols);
+        frame.height = has_region ? model.roi.y + model.roi.height : static_cast<int>(model.rows);
+      }
+      if (frame.width < 0 || frame.height < 0 || frame.width > 1000 || frame.height > 1000)
+        continue;
+      const cv::Mat image(frame, kTypes[random() % std::size(kTypes)], cv::Scalar::all(9));
+      for (auto repetitions = random() % 10; repetitions > 0; --repetitions) {
+        const fuzz::Outcome outcome = model.ImageOutcome(image);
+        fuzz::Outcome actual = fuzz::Outcome::kThrows;
+        try {
+          actual = SetImage(*tool, image) ? fuzz::Outcome::kDone : fuzz::Outcome::kRefused;
+        } catch (const cv::Exception&) {
+        }
+        ASSERT_TRUE(actual == outcome || outcome > fuzz::Outcome::kThrows) << frame;
+        model.images_set += actual == fuzz::Outcome::kDone ? 1 : 0;
+      }
+    } else {
+      fuzz::ToolModel next = model;
+      const bool allocates = next.TakeScaledSize();
+      if (allocates && next.rows * next.row_step > 100000) continue;
+      ReleaseImage(*tool);
+      InitialImage(*tool);
+      next.DropBuffers();
+      if (allocates) next.TakeBuffers(true);
+      EXPECT_EQ(tool->image_stack != nullptr, allocates);
+      model = next;
+    }
+    ASSERT_EQ(fuzz::ComparedFields(*tool), fuzz::ComparedFields(model));
+    ASSERT_EQ(CanRun(*tool), model.image_count >= 3 && model.image_count <= 8 &&
+                                 model.HoldsImages(model.image_count));
+  }
+}
+
+struct Buffer {
+  void* data;
+  int64_t pixel_bytes;  // in all its planes
+};
+
+std::vector<Buffer> Buffers(const UnCalibrationTool& tool) {
+  std::vector<Buffer> buffers = {{tool.image_stack, tool.image_count},
+                                 {tool.height_plane, 2},
+                                 {tool.spare_stack, 4 * tool.image_count}};
+  for (float* map : {tool.factor_map, tool.slope_p, tool.slope_q, tool.gated_factor_map,
+                     tool.deriv_p, tool.deriv_q, tool.blurred_deriv_p, tool.blurred_deriv_q,
+                     tool.height_map, tool.spare_map}) {
+    buffers.push_back({map, 4});
+  }
+  for (uint8_t* plane :
+       {tool.factor_plane, tool.channel_plane[0], tool.channel_plane[1], tool.channel_plane[2],
+        tool.derivative_half[0], tool.derivative_half[1], tool.curvature_plane,
+        tool.magnitude_plane, tool.spare_plane[0], tool.spare_plane[1]}) {
+    buffers.push_back({plane, 1});
+  }
+  return buffers;
+}
+
+void ExpectNoBuffers(const UnCalibrationTool& tool) {
+  for (const Buffer& buffer : Buffers(tool)) EXPECT_EQ(buffer.data, nullptr);
+  EXPECT_FALSE(CanRun(tool));
+  EXPECT_FALSE(PlanesHoldFrame(tool));
+  EXPECT_FALSE(StackHoldsImages(tool, 1));
+}
+
+TEST(Buffers, ANewToolHoldsConstantsDefaultsAndZeros) {
+  UnCalibrationTool* stored = nullptr;
+  const ToolPtr tool(CreateTool(&stored));
+  ASSERT_EQ(stored, tool.get());
+  const std::string zero(32, '0');
+  const std::string shuffles = "00ff01ff02ff03ff04ff05ff06ff07ff00020406080a0c0effffffffffffffff";
+  const std::string words = "ff00ff00ff00ff00ff00ff00ff00ff00";
+  std::string constants;
+  for (const ConstantVector& vector : tool->constant_vectors) {
+    for (const uint8_t byte : vector) {
+      constants += "0123456789abcdef"[byte / 16];
+      constants += "0123456789abcdef"[byte % 16];
+    }
+  }
+  EXPECT_EQ(constants, zero + words + shuffles +
+                           "00ffffff01ffffff02ffffff03ffffff0004080cffffffffffffffffffffffff" +
+                           zero + "ff000000ff000000ff000000ff000000" + words + zero + shuffles +
+                           "000080bf000080bf000080bf000080bf");
+  EXPECT_EQ(tool->smoothing, 1.0F);
+  EXPECT_EQ(tool->iteration_cap, 50);
+  EXPECT_EQ(tool->scale, 1.0);
+  tool->smoothing = 0;
+  tool->iteration_cap = 0;
+  tool->scale = 0;
+  tool->constant_vectors = {};
+  EXPECT_EQ(ToolState(*tool).object, std::vector<uint8_t>(sizeof(UnCalibrationTool)));
+}
+
+TEST(Buffers, AllocatedZeroedAndReleased) {
+  for (int32_t image_count = 3; image_count <= 8; ++image_count) {
+    SCOPED_TRACE(image_count);
+    const ToolPtr tool = NewTool(FrameParam(90, 50, image_count));
+    InitialImage(*tool);
+    for (const Buffer& buffer : Buffers(*tool)) {
+      auto* const bytes = static_cast<uint8_t*>(buffer.data);
+      const int64_t size = 50 * 90 * buffer.pixel_bytes;
+      ASSERT_GE(static_cast<int64_t>(malloc_usable_size(bytes)), size);
+      EXPECT_EQ(std::count(bytes, bytes + size, 0), size);
+      std::fill_n(bytes, size, uint8_t{0xA5});  // seen where two share a place
+    }
+    tool->images_set = 3;
+    for (int repetition = 0; repetition < 2; ++repetition) {
+      ReleaseImage(*tool);
+      ExpectNoBuffers(*tool);
+      EXPECT_EQ(tool->images_set, 0);
+    }
+  }
+}
+
+TEST(Buffers, MemoryThatCannotBeHad) {
+  // A plane of 8 images has as many bytes as fit in 64 bits, a stack of them has not.
+  for (const int32_t image_count : {3, 8}) {
+    const ToolPtr tool = NewTool(FrameParam(kMax, kMax, image_count));
+    InitialImage(*tool);
+    ExpectNoBuffers(*tool);
+    SetParam(*tool, FrameParam(8, 6));  // a frame that would fit does not bring buffers
+    EXPECT_FALSE(CanRun(*tool));
+    ReleaseImage(*tool);
+    InitialImage(*tool);
+    EXPECT_TRUE(CanRun(*tool));
+  }
+}
+
+}  // namespace
+}  // namespace velostrix
