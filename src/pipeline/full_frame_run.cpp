@@ -29,11 +29,10 @@ int32_t NegatedOffset(int32_t offset) { return static_cast<int32_t>(-int64_t{off
 class DerivativeRows {
  public:
   explicit DerivativeRows(UnCalibrationTool& tool) : tool_(tool), smooth_(tool.blur_radius >= 1) {
-    if (!smooth_) {
-      // Flat where the frame is too small to derive.
-      for (float* row : {tool.deriv_p, tool.deriv_q}) std::fill_n(row, tool.cols, 0.0F);
-      return;
-    }
+    // Flat where the frame is too small to derive.
+    const int64_t written = smooth_ ? tool.rows * tool.row_step : tool.cols;
+    for (float* map : {tool.deriv_p, tool.deriv_q}) std::fill_n(map, written, 0.0F);
+    if (!smooth_) return;
     DeriveSlopeMaps(tool, tool.slope_p, tool.slope_q, tool.deriv_p, tool.deriv_q);
     cv::Mat blurred_p = PlaneHeader(tool, tool.blurred_deriv_p, CV_32FC1);
     cv::Mat blurred_q = PlaneHeader(tool, tool.blurred_deriv_q, CV_32FC1);

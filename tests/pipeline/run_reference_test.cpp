@@ -1,15 +1,16 @@
 // Whole runs of the loaded module against the plain implementation.
 //
 // Where both decompose the same matrices, which is so for pieces below about a thousand pixels and
-// in the calibrated run, every 8-bit result is the same to the byte. Larger pieces are decomposed
-// by way of a small matrix: the maps then differ in the round-off of single precision, which can
-// carry a value over the border between two levels. The height is solved in another order of
-// additions in any case.
+// in the calibrated run, every 8-bit result is the same to the byte. The height is solved in
+// another order of additions: it differs by a few parts in a million of its range, less than one of
+// its 16 bits, so that rounding makes one level of it.
 #include <gtest/gtest.h>
 
-#include <functional>
+#include <opencv2/imgproc.hpp>
+#include <optional>
 
-#include "pipeline/expected_run.h"
+#include "interface/host_tool.h"
+#include "reference/reference_runs.h"
 #include "scene/sample_scene.h"
 
 namespace velostrix {
@@ -18,28 +19,81 @@ namespace {
 // Pieces of these frames have fewer than a thousand pixels, for bands of 10 too.
 const cv::Size kFrame(34, 28);
 
-std::vector<cv::Mat> SceneImages(cv::Size size, int count) {
-  scene::SceneOptions options;
-  options.width = size.width;
-  options.height = size.height;
-  options.images = count;
-  options.lamps = scene::Lamps::kRandom;
-  return scene::Render(options).images;
+struct RunSetup {
+  RunSetup(RunKind run, int count)
+      : kind(run),
+        param(EverythingOn(kFrame, static_cast<size_t>(count))),
+        images(scene::Render({kFrame.width, kFrame.height, count, scene::Lamps::kRandom}).images) {}
+
+  RunKind kind;
+  UnCalibrationParam param;
+  std::vector<cv::Mat> images;
+  std::optional<cv::Rect> region;  // above 10 pixels each way after scaling
+  int32_t band = 10;
+};
+
+Results ActualResults(const RunSetup& setup) {
+  HostTool tool(setup.param);
+  if (setup.region) {
+    EXPECT_TRUE(tool.SetRegion(*setup.region));
+  }
+  tool.InitialImage();
+  // A run leaves nothing behind that the next one could see.
+  tool.Reconstruct(setup.kind, {setup.images.rbegin(), setup.images.rend()}, setup.band);
+  return tool.Reconstruct(setup.kind, setup.images, setup.band);
+}
+
+Results ExpectedResults(const RunSetup& setup) {
+  const UnCalibrationParam& param = setup.param;
+  const cv::Rect region = setup.region.value_or(cv::Rect(0, 0, param.width, param.height));
+  const bool scales = param.scale < 0.99;
+  const double scale = scales ? param.scale : 1.0;
+
+  reference::RunRequest request;
+  reference::Frame& frame = request.frame;
+  frame.rows = static_cast<int64_t>(region.height * scale);
+  frame.cols = static_cast<int64_t>(region.width * scale);
+  frame.row_step = setup.region || scales ? frame.cols : param.row_step;
+  frame.plane_size = frame.rows * frame.row_step;
+  frame.image_count = param.image_count;
+  const cv::Size size(static_cast<int>(frame.cols), static_cast<int>(frame.rows));
+  const auto row_step = static_cast<size_t>(frame.row_step);
+  const auto plane_size = static_cast<size_t>(frame.plane_size);
+  std::vector<uint8_t> stack(setup.images.size() * plane_size);
+  frame.stack = stack.data();
+  for (size_t k = 0; k < setup.images.size(); ++k) {
+    cv::Mat working = setup.images[k](region).clone();
+    if (scales) cv::resize(working, working, size, 0, 0, cv::INTER_LINEAR);
+    std::vector<double> levels;
+    if (param.equalise_on != 0) working = reference::EqualiseBrightness(levels, working, -1.0);
+    working.copyTo(cv::Mat(size, CV_8UC1, &stack[k * plane_size], row_step));
+  }
+
+  request.light_stage = static_cast<reference::LightStage>(setup.kind);  // in the same order
+  request.param = param;
+  request.resizes_back = scales;
+  request.result_size = region.size();
+  request.band = std::max(setup.band, 10);
+  reference::Workspace workspace(frame);
+  reference::RunResults r;
+  reference::Run(request, workspace, r);
+  Results results = {r.factor,     r.curvature,  r.magnitude, r.channel[0],
+                     r.channel[1], r.channel[2], r.normal,    r.height};
+  for (cv::Mat& image : results) image = image.clone();
+  return results;
 }
 
 struct Variation {
   const char* name;
-  std::function<void(RunSetup&)> apply;
+  void (*apply)(RunSetup& setup);
 };
 
 const Variation kVariations[] = {
     {"plain", [](RunSetup&) {}},
     {"forward differences", [](RunSetup& s) { s.param.difference_mode = 1; }},
-    {"other difference mode", [](RunSetup& s) { s.param.difference_mode = -7; }},
     {"negative blur", [](RunSetup& s) { s.param.blur_radius = -3; }},
-    {"blur 1", [](RunSetup& s) { s.param.blur_radius = 1; }},
     {"blur 3", [](RunSetup& s) { s.param.blur_radius = 3; }},
-    {"no iteration", [](RunSetup& s) { s.param.iteration_cap = 0; }},
+    {"blur wider than the frame", [](RunSetup& s) { s.param.blur_radius = 200; }},
     {"one iteration", [](RunSetup& s) { s.param.iteration_cap = 1; }},
     {"all iterations", [](RunSetup& s) { s.param.iteration_cap = -1; }},
     {"equalised", [](RunSetup& s) { s.param.equalise_on = -1; }},
@@ -52,10 +106,9 @@ const Variation kVariations[] = {
        s.param.equalise_on = 1;
        s.param.blur_radius = 2;
      }},
-    {"rows apart", [](RunSetup& s) { s.param.row_step = kFrame.width + 5; }},
     {"rows apart, blur 1",
      [](RunSetup& s) {
-       s.param.row_step = kFrame.width + 1;
+       s.param.row_step = kFrame.width + 5;
        s.param.blur_radius = 1;
      }},
     {"saturating",
@@ -66,25 +119,14 @@ const Variation kVariations[] = {
        s.param.channel[0] = {-100000, 1e6};
        s.param.channel[2] = {300, -1000.0};
      }},
-    {"wide band", [](RunSetup& s) { s.band = 24; }},
-    {"band beyond the frame", [](RunSetup& s) { s.band = kFrame.width; }},
+    {"lowest band", [](RunSetup& s) { s.band = INT32_MIN; }},
+    {"band 9", [](RunSetup& s) { s.band = 9; }},
+    {"largest band", [](RunSetup& s) { s.band = INT32_MAX; }},
     {"band one short of the frame", [](RunSetup& s) { s.band = kFrame.width - 1; }},
+    {"black", [](RunSetup& s) { s.images.assign(s.images.size(), s.images[0] * 0); }},
+    {"flat", [](RunSetup& s) { s.images.assign(s.images.size(), s.images[0] * 0 + 140); }},
+    {"equal images", [](RunSetup& s) { s.images.assign(s.images.size(), s.images[0]); }},
 };
-
-void ExpectAgreement(const RunSetup& setup, const std::vector<cv::Mat>& images, int levels,
-                     int derivative_levels, int height_levels) {
-  const Results actual = ActualResults(setup, images);
-  const Results expected = ExpectedResults(setup, images);
-  for (size_t i = 0; i < kResultCount; ++i) {
-    const bool is_derivative = i == kCurvature || i == kMagnitude;
-    const int allowed = i == kHeight ? height_levels : is_derivative ? derivative_levels : levels;
-    EXPECT_TRUE(AgreeWithin(allowed, actual[i], expected[i])) << kResultNames[i];
-  }
-}
-
-// Heights differ by a few parts in a million of their range, at most: less than a level of 16 bits,
-// so that rounding makes one level of it.
-constexpr int kHeightLevels = 1;
 
 TEST(RunReference, EqualInEveryVariation) {
   for (const RunKind kind : kAllRuns) {
@@ -92,45 +134,14 @@ TEST(RunReference, EqualInEveryVariation) {
       for (const int image_count : {3, 4, 8}) {
         SCOPED_TRACE(testing::Message()
                      << kind << ", " << variation.name << ", " << image_count << " images");
-
-        RunSetup setup;
-        setup.kind = kind;
-        setup.param = EverythingOn(kFrame, static_cast<size_t>(image_count));
+        RunSetup setup(kind, image_count);
         variation.apply(setup);
-        ExpectAgreement(setup, SceneImages(kFrame, image_count), 0, 0, kHeightLevels);
+        const Results actual = ActualResults(setup);
+        const Results expected = ExpectedResults(setup);
+        for (size_t i = 0; i < kResultCount; ++i) {
+          EXPECT_TRUE(AgreeWithin(i == kHeight ? 1 : 0, actual[i], expected[i])) << kResultNames[i];
+        }
       }
-    }
-  }
-}
-
-TEST(RunReference, EqualInEveryWidth) {
-  for (const RunKind kind : kAllRuns) {
-    for (int width = 3; width <= 26; ++width) {
-      SCOPED_TRACE(testing::Message() << kind << ", width " << width);
-      const cv::Size size(width, 23);
-      RunSetup setup;
-      setup.kind = kind;
-      setup.param = EverythingOn(size, 5);
-      setup.param.row_step = width + width % 3;
-      ExpectAgreement(setup, SceneImages(size, 5), 0, 0, kHeightLevels);
-    }
-  }
-}
-
-TEST(RunReference, LargeFramesDifferByRoundingOnly) {
-  const cv::Size size(90, 70);
-  const std::vector<cv::Mat> images = SceneImages(size, 6);
-  for (const RunKind kind : kAllRuns) {
-    for (const double scale : {1.0, 0.6}) {
-      SCOPED_TRACE(testing::Message() << kind << ", scale " << scale);
-      RunSetup setup;
-      setup.kind = kind;
-      setup.band = 40;
-      setup.param = EverythingOn(size, 6);
-      setup.param.scale = scale;
-      // One level for a value that is rounded once, two for a sum of two such values. The maps
-      // differ by a few parts in 100000, which is up to a level of height; rounding makes it two.
-      ExpectAgreement(setup, images, 1, 2, 2);
     }
   }
 }

@@ -1,0 +1,307 @@
+// The light stages against the plain decompositions and the plain solve. Where both work on the
+// same matrices, in small pieces and in those whose vectors are not determined, every bit is the
+// same, between the rows and behind the frame too.
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <limits>
+
+#include "orientation/calibrated_lights.h"
+#include "orientation/factorize_full_frame.h"
+#include "orientation/factorize_parts.h"
+#include "orientation/gram_matrix.h"
+#include "orientation/slope_maps.h"
+#include "support/frames_and_planes.h"
+
+namespace velostrix {
+namespace {
+
+using Maps = reference::WorkingMaps;
+
+// Factor, slopes p and q, gated factor.
+struct LightMaps {
+  explicit LightMaps(const UnCalibrationTool& tool) : maps(4, GuardedPlane<float>(tool)) {}
+
+  Maps pointers() { return {maps[0].data(), maps[1].data(), maps[2].data(), maps[3].data()}; }
+
+  std::vector<GuardedPlane<float>> maps;
+};
+
+void ExpectSame(const LightMaps& actual, const LightMaps& expected) {
+  for (size_t m = 0; m < 4; ++m)
+    EXPECT_TRUE(actual.maps[m].SameAs(expected.maps[m])) << "map " << m;
+}
+
+struct Stage {
+  const char* name;
+  int32_t (*run)(UnCalibrationTool& tool, const Maps& m, int32_t band);
+  void (*plain)(const reference::Frame& frame, const Maps& m, int32_t band,
+                Eigen::MatrixXf& intensities);
+};
+
+template <auto kRun>
+int32_t RunFrame(UnCalibrationTool& tool, const Maps& m, int32_t /*band*/) {
+  return kRun(tool, m.factor, m.slope_p, m.slope_q, m.gated_factor);
+}
+template <auto kRun>
+int32_t RunParts(UnCalibrationTool& tool, const Maps& m, int32_t band) {
+  return kRun(tool, m.factor, m.slope_p, m.slope_q, m.gated_factor, band);
+}
+template <auto kPlain>
+void PlainParts(const reference::Frame& frame, const Maps& m, int32_t band, Eigen::MatrixXf&) {
+  kPlain(frame, m, band);
+}
+
+constexpr Stage kCalibrated = {"calibrated", RunFrame<SolveCalibratedLights>,
+                               [](const auto& frame, const Maps& m, int32_t, Eigen::MatrixXf&) {
+                                 reference::SolveCalibratedLights(frame, m);
+                               }};
+constexpr Stage kFullFrame = {
+    "full frame", RunFrame<FactorizeIntensities>,
+    [](const auto& frame, const Maps& m, int32_t, Eigen::MatrixXf& intensities) {
+      reference::FactorizeIntensities(frame, m, intensities);
+    }};
+constexpr Stage kRows = {"rows", RunParts<FactorizeIntensitiesPartRows>,
+                         PlainParts<reference::FactorizeIntensitiesPartRows>};
+constexpr Stage kCols = {"columns", RunParts<FactorizeIntensitiesPartCols>,
+                         PlainParts<reference::FactorizeIntensitiesPartCols>};
+constexpr Stage kFactorisations[] = {kFullFrame, kRows, kCols};
+
+// Runs the stage and the plain one on the tool's images. Only the full frame keeps its matrix.
+void RunBoth(const Stage& stage, UnCalibrationTool& tool, int32_t band, LightMaps& actual,
+             LightMaps& expected) {
+  Eigen::MatrixXf intensities;
+  ASSERT_EQ(stage.run(tool, actual.pointers(), band), 1);
+  stage.plain(FrameOf(tool), expected.pointers(), band, intensities);
+  ASSERT_EQ(tool.intensity_matrix.size(), intensities.size());
+  EXPECT_EQ(tool.intensity_matrix, intensities);
+}
+
+void ExpectEveryBit(const Stage& stage, UnCalibrationTool& tool, int32_t band) {
+  LightMaps actual(tool), expected(tool);
+  RunBoth(stage, tool, band, actual, expected);
+  ExpectSame(actual, expected);
+}
+
+// Some strips meet at black pixels, which say nothing about their signs.
+TEST(LightStages, SmallPiecesEqualThePlainOnes) {
+  for (const Stage& stage : {kCalibrated, kFullFrame, kRows, kCols}) {
+    for (Geometry geometry : NarrowFrames()) {
+      if (geometry.rows * geometry.cols < 3) continue;
+      for (geometry.image_count = 3; geometry.image_count <= 8; ++geometry.image_count) {
+        SCOPED_TRACE(testing::Message() << stage.name << ", " << geometry);
+        ExpectEveryBit(stage, *NoisyTool(geometry, 29), 10);
+      }
+    }
+  }
+}
+
+// The pixel that strips share is zero in the second one's first vectors, and not in the first's.
+TEST(LightStages, StripsAreNotAlignedByZeros) {
+  for (uint32_t seed = 1; seed <= 4; ++seed) {
+    const ToolPtr tool = NoisyTool({30, 20, 20, 4}, seed);
+    for (int64_t row = 0; row < 30; ++row) std::fill_n(&PixelOf(*tool, 3, row, 9), 11, uint8_t{0});
+    for (int64_t k = 0; k < 4; ++k) PixelOf(*tool, k, 1, 9) = k == 3 ? 200 : 0;
+    ExpectEveryBit(kCols, *tool, 10);
+  }
+}
+
+// The last image is dark but for a pixel that the other lamps reach too, and one pixel of every
+// level that they do not: the first entries of those lie on both sides of the gate.
+TEST(LightStages, SlopesAndGatedFactorEndAtTheGate) {
+  for (const Stage& stage : kFactorisations) {
+    SCOPED_TRACE(stage.name);
+    const ToolPtr tool = NoisyTool({25, 40, 40, 4}, 5);
+    std::fill_n(&PixelOf(*tool, 3, 0, 0), tool->plane_size, uint8_t{0});
+    for (int64_t k = 0; k < 3; ++k) PixelOf(*tool, k, 24, 39) = 100;
+    PixelOf(*tool, 3, 24, 39) = stage.name == kFullFrame.name ? 10 : 1;
+    for (int64_t level = 0; level < 256; ++level) {
+      for (int64_t k = 0; k < 3; ++k) PixelOf(*tool, k, 2, level) = 0;
+      PixelOf(*tool, 3, 2, level) = static_cast<uint8_t>(level);
+    }
+    LightMaps actual(*tool), expected(*tool);
+    RunBoth(stage, *tool, 40, actual, expected);
+    ExpectSame(actual, expected);
+    const float* slopes = &actual.maps[1](2, 0);
+    const auto refused = std::count(slopes, slopes + 256, 0.0F);
+    EXPECT_TRUE(refused > 10 && refused < 246) << refused;
+  }
+}
+
+// Pieces of any size are decomposed whole where singular values are too close to tell their vectors
+// apart.
+TEST(LightStages, UndeterminedVectorsEqualThePlainOnes) {
+  struct Scene {
+    const char* name;
+    void (*change)(UnCalibrationTool& tool, int64_t bytes);
+  };
+  const Scene scenes[] = {
+      {"black", [](auto& t, int64_t bytes) { std::fill_n(t.image_stack, bytes, uint8_t{0}); }},
+      {"saturated",
+       [](auto& t, int64_t bytes) { std::fill_n(t.image_stack, bytes, uint8_t{255}); }},
+      {"two images, the others black",
+       [](auto& t, int64_t bytes) {
+         std::fill(&PixelOf(t, 2, 0, 0), t.image_stack + bytes, uint8_t{0});
+       }},
+      {"equal images",
+       [](auto& t, int64_t) {
+         for (int64_t k = 1; k < t.image_count; ++k) {
+           std::copy_n(t.image_stack, t.plane_size, &PixelOf(t, k, 0, 0));
+         }
+       }},
+      {"equal singular values",
+       [](auto& t, int64_t) {
+         for (int64_t o = 0; o < 4 * t.plane_size; ++o) {
+           const bool is_lit = o % t.plane_size / t.row_step % 4 == o / t.plane_size;
+           t.image_stack[o] = is_lit ? uint8_t{100} : uint8_t{0};
+         }
+       }},
+      {"third singular value 6e-6 of the first",
+       [](auto& t, int64_t bytes) {
+         std::fill_n(t.image_stack, bytes, uint8_t{255});
+         PixelOf(t, 0, 5, 7) = 0;
+         PixelOf(t, 1, 9, 9) = 254;
+       }},
+  };
+  for (const Scene& scene : scenes) {
+    for (const Stage& stage : kFactorisations) {
+      SCOPED_TRACE(testing::Message() << scene.name << ", " << stage.name);
+      const ToolPtr tool = NoisyTool({240, 260, 263, 4}, 41);
+      scene.change(*tool, 4 * tool->plane_size);
+      ExpectEveryBit(stage, *tool, 220);
+    }
+  }
+}
+
+struct StageCase {
+  Stage stage;
+  Geometry geometry;
+  int32_t band;
+  bool is_aligned = true;  // not: row 1, where strips are, is black
+};
+
+// Every addition over the pixels rounds; together they turn a vector by sqrt(pixels) roundings,
+// times the ratio of the first singular value to the gap that the vector's own has (Wedin 1972),
+// which is below 25 in these scenes.
+TEST(LightStages, LargePiecesHaveThePlainVectorsAndSigns) {
+  const StageCase cases[] = {{kFullFrame, {25, 41, 41}, 0},   {kFullFrame, {150, 80, 85}, 0},
+                             {kFullFrame, {2, 700, 700}, 0},  {kFullFrame, {1500, 1, 1}, 0},
+                             {kRows, {47, 70, 73}, 16},       {kRows, {40, 90, 90}, 1 << 30},
+                             {kRows, {2, 800, 800}, 10},      {kCols, {90, 48, 51}, 16},
+                             {kCols, {150, 90, 90}, 30},      {kCols, {2, 1500, 1500}, 700},
+                             {kCols, {60, 90, 90}, 30, false}};
+  for (StageCase c : cases) {
+    for (int64_t n = 3; n <= 8; ++n) {
+      c.geometry.image_count = n;
+      SCOPED_TRACE(testing::Message()
+                   << c.stage.name << ", " << c.geometry << ", band " << c.band << ", seed " << n);
+      const ToolPtr tool = NoisyTool(c.geometry, static_cast<uint32_t>(n));
+      for (int64_t k = 0; k < n && !c.is_aligned; ++k) {
+        std::fill_n(&PixelOf(*tool, k, 1, 0), tool->cols, uint8_t{0});
+      }
+      LightMaps actual(*tool), expected(*tool);
+      RunBoth(c.stage, *tool, c.band, actual, expected);
+      std::array<double, 4> squares = {};
+      for (int64_t i = 0; i < tool->rows; ++i) {
+        for (int64_t j = 0; j < tool->cols; ++j) {
+          const float x0 = actual.maps[3](i, j);
+          const float plain_x0 = expected.maps[3](i, j);
+          for (size_t m = 0; m < 4; ++m) {
+            // Slopes are quotients by x0.
+            const bool is_slope = m == 1 || m == 2;
+            const double value = actual.maps[m](i, j) * (is_slope ? x0 : 1.0F);
+            const double plain = expected.maps[m](i, j) * (is_slope ? plain_x0 : 1.0F);
+            squares[m] += std::pow(value - plain, 2);
+            actual.maps[m](i, j) = expected.maps[m](i, j);
+          }
+        }
+      }
+      const double turn = 25 * std::numeric_limits<float>::epsilon() *
+                          std::sqrt(static_cast<double>(tool->rows * tool->cols));
+      for (const double difference : squares) EXPECT_LT(std::sqrt(difference), turn);
+      ExpectSame(actual, expected);  // nothing else is written
+    }
+  }
+}
+
+TEST(LightStages, RefusePiecesOfFewerThanThreePixels) {
+  for (const StageCase& c :
+       {StageCase{kFullFrame, {1, 2, 2}, 0}, StageCase{kRows, {20, 20, 20}, 0},
+        StageCase{kRows, {11, 2, 2}, 10}, StageCase{kRows, {30, 2, 2}, 1},
+        StageCase{kCols, {20, 20, 20}, 0}, StageCase{kCols, {20, 20, 20}, -5},
+        StageCase{kCols, {1, 600, 600}, 10}, StageCase{kCols, {2, 20, 20}, 1}}) {
+    SCOPED_TRACE(testing::Message() << c.stage.name << ", " << c.geometry << ", band " << c.band);
+    const ToolPtr tool = NoisyTool(c.geometry, 1);
+    LightMaps maps(*tool);
+    EXPECT_EQ(c.stage.run(*tool, maps.pointers(), c.band), 0);
+    ExpectSame(maps, LightMaps(*tool));
+  }
+}
+
+// Exact also where 32 bits would not hold the sums.
+TEST(GramMatrix, HoldsTheInnerProducts) {
+  struct Case {
+    int64_t rows, cols, first_col;
+    bool white;
+  };
+  for (const Case& c :
+       {Case{1, 1, 0, false}, Case{1, 7, 0, true}, Case{2, 11, 3, false}, Case{5, 66, 1, false},
+        Case{700, 97, 0, true}, Case{3, 70000, 0, true}, Case{4, 65542, 5, false}}) {
+    for (int64_t n = 3; n <= 8; ++n) {
+      SCOPED_TRACE(testing::Message() << c.cols << " x " << c.rows << ", " << n << " images");
+      const ToolPtr tool = NoisyTool({c.rows, c.cols, c.cols + 2, n}, 3);
+      if (c.white) std::fill_n(tool->image_stack, n * tool->plane_size, uint8_t{255});
+      const ImagePiece piece = PieceOfFrame(*tool, 0, c.rows, c.first_col, c.cols);
+      GramAccumulator gram(piece);
+      for (int64_t row = 0; row < c.rows; ++row) gram.AddRow(row);
+      const auto intensities = IntensityRows<Eigen::MatrixXd>(piece, piece.pixels());
+      EXPECT_EQ(gram.Products(), intensities.transpose() * intensities);
+    }
+  }
+}
+
+TEST(SlopeMaps, DivideAboveTheGateOnly) {
+  const float limit = 1e-6F;
+  const float above = std::nextafter(limit, 1.0F);
+  const float entries[] = {0.0F, -0.0F, limit, -limit, above, -above, 0.25F, -0.25F};
+  for (const bool zeroes_gated : {false, true}) {
+    for (int64_t cols = 1; cols <= 20; ++cols) {  // rotated, so that every entry meets every lane
+      const ToolPtr tool = UnallocatedTool({1, cols, cols});
+      LightMaps maps(*tool);
+      Eigen::MatrixXf vectors(cols, 3);
+      for (int64_t j = 0; j < cols; ++j) vectors.row(j) << entries[(j + cols) % 8], 0.5F, -2.0F;
+      const Maps m = maps.pointers();
+      WriteMaps(LeadingVectors(PieceOfFrame(*tool, 0, 1, 0, cols), vectors), {limit, zeroes_gated},
+                cols, {m.factor, m.slope_p, m.slope_q, m.gated_factor});
+      for (int64_t j = 0; j < cols; ++j) {
+        const float x0 = vectors(j, 0);
+        const bool divisible = std::fabs(x0) > limit;
+        EXPECT_EQ(m.factor[j], x0);
+        EXPECT_EQ(m.slope_p[j], divisible ? 0.5F / x0 : 0.0F) << x0;
+        EXPECT_EQ(m.slope_q[j], divisible ? 2.0F / x0 : 0.0F) << x0;
+        EXPECT_EQ(m.gated_factor[j], divisible || !zeroes_gated ? x0 : 0.0F) << x0;
+      }
+    }
+  }
+}
+
+// Worked out by hand.
+TEST(CalibratedLights, LampsStandAtWholeRadians) {
+  struct Case {
+    int count;
+    size_t lamp;
+    float x, y;
+  };
+  for (const Case& c :
+       {Case{3, 0, 0.5675F, -0.6340F}, Case{3, 1, 0.3126F, 0.7914F}, Case{3, 2, -0.8476F, -0.0752F},
+        Case{7, 1, 0.6315F, -0.5703F}, Case{7, 6, -0.2558F, 0.8116F}}) {
+    SCOPED_TRACE(testing::Message() << "lamp " << c.lamp << " of " << c.count);
+    const std::array<float, 3> lamp = LampRing(c.count)[c.lamp];
+    EXPECT_NEAR(lamp[0], c.x, 0.00005F);
+    EXPECT_NEAR(lamp[1], c.y, 0.00005F);
+    EXPECT_NEAR(lamp[2], 0.5253F, 0.00005F);
+  }
+}
+
+}  // namespace
+}  // namespace velostrix
