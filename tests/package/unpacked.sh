@@ -1,0 +1,25 @@
+#!/bin/sh
+# Makes the packages of a build and runs the command out of each: unpacked.sh BUILD FOLDER.
+set -eu
+build=$1
+folder=$2
+rm -rf "$build/packages" "$folder"
+mkdir -p "$folder/tarball" "$folder/debian"
+
+cpack --config "$build/CPackConfig.cmake" >"$folder/cpack.log" 2>&1 || {
+  cat "$folder/cpack.log" >&2
+  exit 1
+}
+tar -xzf "$build"/packages/velostrix-*.tar.gz -C "$folder/tarball" --strip-components=1
+"$folder/tarball/bin/velostrix" info
+test -f "$folder/tarball/include/velostrix/uncalibration.h"
+
+runtime=$(echo "$build"/packages/velostrix_*.deb)
+development=$(echo "$build"/packages/velostrix-dev_*.deb)
+dpkg-deb --extract "$runtime" "$folder/debian"
+"$folder/debian/usr/bin/velostrix" info
+test ! -e "$folder/debian/usr/include"
+dpkg-deb --extract "$development" "$folder/debian"
+test -f "$folder/debian/usr/include/velostrix/uncalibration.h"
+dpkg-deb --field "$runtime" Depends | grep -q libopencv-core
+dpkg-deb --field "$development" Depends | grep -q "velostrix (= "
