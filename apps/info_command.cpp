@@ -22,7 +22,7 @@ void PrintInfo() {
   for (const auto& [feature, name] : kFeatures) {
     if (cv::checkHardwareSupport(feature)) std::cout << ' ' << name;
   }
-  std::cout << "\nthreads    " << omp_get_max_threads() << " (set by OMP_NUM_THREADS)\n";
+  std::cout << "\nthreads    " << omp_get_max_threads() << " (OMP_NUM_THREADS changes it)\n";
 }
 
 }  // namespace

@@ -50,6 +50,9 @@ static void UseTool(void) {
   param.scale = 1.0;
   EXPECT(SetVelostrixUnCalibrationToolParam_CPU(tool, &param));
   EXPECT(!SetVelostrixUnCalibrationToolParam_CPU(tool, NULL));
+  EXPECT(SetVelostrixUnCalibrationToolROI_CPU(tool, 5, 4, 30, 20));
+  EXPECT(!SetVelostrixUnCalibrationToolROI_CPU(tool, 26, 0, 30, 3)); /* beyond the region before */
+  EXPECT(ClearVelostrixUnCalibrationToolROI_CPU(tool, kHeight, kWidth, kWidth) == kHeight * kWidth);
   InitialVelostrixUnCalibrationToolImage_CPU(tool);
   EXPECT(!SetVelostrixUnCalibrationToolImage_CPU(tool, NULL));
   EXPECT(!SetVelostrixUnCalibrationToolImage_CPU_csharp(tool, NULL));
