@@ -76,6 +76,8 @@ def main() -> None:
             done += 1
         elif ended.returncode not in (1, 2) or not last_line.startswith("velostrix: "):
             sys.exit(f"seed {seed}: exit code {ended.returncode}, {ended.stderr!r}\n  {call}")
+    if done == 0:
+        sys.exit("every call was refused: the image files are not what they are meant to be")
     print(f"{options.runs} calls from seed {options.seed}, {done} done, the others refused")
 
 

@@ -37,19 +37,17 @@
  *   SetParam  the record is null
  *   SetROI    the rectangle, clamped to the working size, is empty: no region is in force then
  *             scaling is on and makes a size of it that no image can have
- *   Initial   (does nothing then) image count outside 3..8; no pixels; row_step < cols; scaling is
- *             on and makes a size that no image can have
- *   SetImage  the image is null, empty or of more than two dimensions
- *             all N images are set
- *             no buffers, or a geometry or an image count that they do not hold
- *             with a region: what was cut and resized is not of the working size, a byte a pixel
- *             without one: the image holds fewer bytes than the working size
- *             equalisation is on and the image has more than one channel
- *   SetImage  (_csharp, besides) type code outside 1..12; no data; width or height below 1; a row
- *             stride that is negative, shorter than a row or not a multiple of the sample
+ *   Initial   (allocates nothing then) image count outside 3..8; no pixels; row_step < cols;
+ * scaling is on and makes a size that no image can have SetImage  the image is null, empty or of
+ * more than two dimensions all N images are set no buffers, a geometry that they do not hold, or no
+ * room for one more image with a region: what was cut and resized is not of the working size, or
+ * its rows are not row_step bytes (after new parameters the region wants to be set again) without
+ * one: the image holds fewer bytes than the working size equalisation is on and the image has more
+ * than one channel SetImage  (_csharp, besides) type code outside 1..12; no data; width or height
+ * below 1; a row stride, other than 0, that is shorter than a row or not a multiple of the sample
  *   runs      image count outside 3..8
  *             no buffers, or a geometry or an image count that they do not hold
- *             an enabled result is null
+ *             an enabled result is null; normal enables channels 0, 1 and 2
  *             a blur radius above 32767
  *             scaling is on and the result size has no pixels
  *             uncalibrated runs: a frame or a piece of fewer than three pixels
@@ -144,7 +142,8 @@ VELOSTRIX_API void InitialVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibrati
 /* Copies the next image into the tool: cut to the region if one is set, resized to the working size
  * when scaling is on, equalised when the parameters ask for it. The image must be 8-bit
  * single-channel and, without scaling, of the region's or working size. True: stored, the count of
- * set images has grown by one. An image that does not contain the region raises cv::Exception. */
+ * set images has grown by one. cv::Exception: the image does not contain the region; scaling or
+ * equalisation of a pixel type that OpenCV cannot resize or average. */
 VELOSTRIX_API bool SetVelostrixUnCalibrationToolImage_CPU(UnCalibrationTool* tool,
                                                           const VelostrixMat* image);
 
@@ -160,12 +159,13 @@ VELOSTRIX_API void ClearVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibration
  */
 
 /* Each run turns the N stored images into the result images that output_enable asks for. A result
- * whose switch is off is not touched and may be null. All are 8-bit single-channel but normal
- * (three 8-bit channels: channels 0, 1, 2; owns its memory) and height (16-bit single-channel).
- * They have the working size, or the region's when scaling is on (then resized, and owning their
- * memory). 1: done; the count of set images is 0 again. The run does not ask whether all N images
- * were set. 0: refused, results untouched; the count of set images stays: ClearImage before setting
- * images again.
+ * whose switch is off is not touched and may be null; normal switches channels 0, 1 and 2 on. All
+ * are 8-bit single-channel but normal (three 8-bit channels: channels 0, 1, 2; owns its memory) and
+ * height (16-bit single-channel). They have the working size, or the region's when scaling is on
+ * (then resized, and owning their memory). 1: done; the count of set images is 0 again. The run
+ * does not ask whether all N images were set. 0: refused, results untouched; the count of set
+ * images stays: ClearImage before setting images again. An exception may leave some results
+ * replaced.
  *
  *   result     content                                                     uncalibrated calibrated
  *   factor     factor map, normalised to 0..255, times factor_gain         brightness      albedo

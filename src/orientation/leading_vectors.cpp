@@ -16,7 +16,7 @@
 #include <optional>
 #include <utility>
 
-#include "orientation/thin_svd.h"
+#include "orientation/exception_safe_svd.h"
 #include "orientation/whole_decomposition.h"
 
 namespace velostrix {

@@ -2,7 +2,7 @@
 // to round-off.
 #include "orientation/whole_decomposition.h"
 
-#include "orientation/thin_svd.h"
+#include "orientation/exception_safe_svd.h"
 
 namespace velostrix {
 namespace {

@@ -8,9 +8,9 @@ struct UnCalibrationTool;
 namespace velostrix {
 
 // Allocates every working buffer for the tool's geometry and image count, zero-filled; with scaling
-// on and no region, takes the working size from the result size first. Does nothing when the image
-// count is outside 3..8 or the geometry is not that of an image. A buffer that cannot be had stays
-// null.
+// on and no region, takes the working size from the result size first. Allocates nothing when the
+// image count is outside 3..8 or the geometry is not that of an image. A buffer that cannot be had
+// stays null.
 void InitialImage(UnCalibrationTool& tool);
 
 // Frees the working buffers and forgets the images. Harmless to repeat.

@@ -48,6 +48,36 @@ constexpr Content kContents[] = {
 constexpr double kGains[] = {0.0, 1.0, -1.0, 0.1, 127.3, 1e30, -1e300, kInf, kNaN};
 constexpr int32_t kOffsets[] = {0, 128, -3, 40000, INT32_MAX, INT32_MIN};
 
+// In the block of four, ties go to even; behind it, levels are cut off, normalised ones rounded.
+TEST(ByteMaps, ByHand) {
+  const ToolPtr tool = UnallocatedTool({1, 5, 5});
+  GuardedPlane<float> map(*tool);
+  GuardedPlane<uint8_t> bytes(*tool);
+  GuardedPlane<uint16_t> words(*tool);
+  const struct {
+    float value;
+    double gain;
+    int32_t offset;
+    int in_block, in_tail;
+  } cases[] = {{2.5F, 1, 0, 2, 2},       {3.5F, 1, 0, 4, 3},  {2.7F, 1, 0, 3, 2},
+               {254.7F, 1, 0, 255, 254}, {-7.0F, 1, 0, 0, 0}, {300.0F, 1, 0, 255, 255},
+               {1e10F, 1, 0, 0, 0},      {0.7F, 10, 0, 7, 6}, {1.0F, 10, 128, 138, 138}};
+  for (const auto& c : cases) {
+    map.Fill([&](int64_t, int64_t) { return c.value; });
+    MapToByteLinear(*tool, map.data(), bytes.data(), c.gain, c.offset);
+    EXPECT_EQ(bytes(0, 3), c.in_block) << c.value;
+    EXPECT_EQ(bytes(0, 4), c.in_tail) << c.value;
+  }
+  const float values[] = {0, 255, 1.5F, 2.5F, 2.5F};
+  map.Fill([&](int64_t, int64_t j) { return values[j]; });
+  MapToByteNormalized(*tool, map.data(), bytes.data(), 1.0);
+  MapToWordNormalized(*tool, map.data(), words.data());
+  for (const auto& [j, byte, word] : {std::array{1, 255, 65535}, {2, 2, 386}, {4, 3, 643}}) {
+    EXPECT_EQ(bytes(0, j), byte);
+    EXPECT_EQ(words(0, j), word);
+  }
+}
+
 TEST(ByteMaps, EqualTheScalarRules) {
   std::mt19937 random(17);
   for (const Geometry& geometry : NarrowFrames()) {
@@ -249,6 +279,16 @@ TEST(Height, OneBadSlopeSpoilsAllAndEnds) {
       }
     }
   }
+}
+
+// A ramp down to zero beyond the right edge. Beyond the lower edge there is zero as well.
+TEST(Height, RampsByHand) {
+  const ToolPtr tool = UnallocatedTool({6, 7, 7});
+  tool->iteration_cap = -1;
+  Slopes slopes(*tool, -1, 0);
+  slopes.q.Fill([](int64_t i, int64_t j) { return i < 5 ? 0 : 7 - j; });
+  const GuardedPlane<float> height = Integrate(*tool, slopes);
+  for (int j = 0; j < 7; ++j) EXPECT_NEAR(height.data()[j], 7 - j, 0.05) << j;
 }
 
 TEST(Height, EmptyFramesWriteNothing) {

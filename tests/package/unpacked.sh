@@ -3,19 +3,19 @@
 set -eu
 build=$1
 folder=$2
-rm -rf "$build/packages" "$folder"
+rm -rf "$folder"
 mkdir -p "$folder/tarball" "$folder/debian"
 
-cpack --config "$build/CPackConfig.cmake" >"$folder/cpack.log" 2>&1 || {
+cpack --config "$build/CPackConfig.cmake" -B "$folder/packages" >"$folder/cpack.log" 2>&1 || {
   cat "$folder/cpack.log" >&2
   exit 1
 }
-tar -xzf "$build"/packages/velostrix-*.tar.gz -C "$folder/tarball" --strip-components=1
+tar -xzf "$folder"/packages/velostrix-*.tar.gz -C "$folder/tarball" --strip-components=1
 "$folder/tarball/bin/velostrix" info
 test -f "$folder/tarball/include/velostrix/uncalibration.h"
 
-runtime=$(echo "$build"/packages/velostrix_*.deb)
-development=$(echo "$build"/packages/velostrix-dev_*.deb)
+runtime=$(echo "$folder"/packages/velostrix_*.deb)
+development=$(echo "$folder"/packages/velostrix-dev_*.deb)
 dpkg-deb --extract "$runtime" "$folder/debian"
 "$folder/debian/usr/bin/velostrix" info
 test ! -e "$folder/debian/usr/include"

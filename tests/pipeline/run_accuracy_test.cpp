@@ -1,4 +1,4 @@
-// Runs of the loaded module on the sample scene against its ground truth: the results show the
+// Runs of the module on the sample scene against its ground truth: the results show the
 // relief and not the print, and the calibrated run finds normals and albedo as well as the lamps
 // and the grey levels allow.
 #include <gtest/gtest.h>
@@ -9,6 +9,7 @@
 
 #include "interface/host_tool.h"
 #include "scene/sample_scene.h"
+#include "tool/uncalibration_tool.h"
 
 namespace velostrix {
 namespace {
@@ -85,7 +86,7 @@ double Correlation(const cv::Mat& image, const cv::Mat& map) {
 }
 
 // With known lamps nothing is left open, not even the sign.
-TEST(RunAccuracy, TheCalibratedRunFindsHeightNormalsAndAlbedo) {
+TEST(RunAccuracy, TheCalibratedRunFindsHeightAndCurvature) {
   const cv::Size size(160, 120);
   for (int image_count = 3; image_count <= 8; ++image_count) {
     SCOPED_TRACE(image_count);
@@ -94,29 +95,45 @@ TEST(RunAccuracy, TheCalibratedRunFindsHeightNormalsAndAlbedo) {
     const Truth truth(s);
     UnCalibrationParam param = EverythingOn(size, s.images.size());
     param.iteration_cap = -1;
-    param.factor_gain = 1.0;
     param.curvature = {128, 120.0};
-    for (OutputScaling& channel : param.channel) channel = {128, 127.0};
     const Results r = HostTool::Ready(param).Reconstruct(RunKind::kCalibrated, s.images);
     EXPECT_GT(Correlation(r[kHeight], s.height), 0.9);
     EXPECT_GT(Correlation(r[kCurvature], truth.relief[0] + truth.relief[3]), 0.9);
     EXPECT_LT(ExplainedShare(r[kCurvature], truth.print), 0.05);
+  }
+}
 
-    double dark = 0;
-    double bright = 0;
-    cv::minMaxLoc(s.albedo, &dark, &bright);
-    double angle = 0;
-    double albedo_error = 0;
-    for (int i = 0; i < size.area(); ++i) {
-      const cv::Point at(i % size.width, i / size.width);
-      const cv::Vec3d n = cv::Vec3d(r[kNormal].at<cv::Vec3b>(at)) - cv::Vec3d::all(128);
-      const cv::Vec3d true_n = s.normals.at<cv::Vec3f>(at);
-      angle += std::atan2(cv::norm(n.cross(true_n)), n.dot(true_n)) * 180.0 / CV_PI;
-      const double albedo = dark + (bright - dark) * r[kFactor].at<uint8_t>(at) / 255.0;
-      albedo_error += std::abs(albedo / double{s.albedo.at<float>(at)} - 1.0);
+// The means that README.md tells of the maps, in degrees and per cent; 3 lamps first. Mostly they
+// come from the rounding and the noise of the images, so that little can be added unseen.
+TEST(RunAccuracy, TheCalibratedMapsAreAsExactAsTheImages) {
+  const struct {
+    double noise;
+    double normal[6], albedo[6];
+  } known[] = {
+      {0.0, {0.040, 0.037, 0.045, 0.033, 0.028, 0.025}, {0.29, 0.29, 0.28, 0.28, 0.27, 0.27}},
+      {2.0, {0.77, 0.70, 0.86, 0.64, 0.53, 0.48}, {0.98, 0.88, 0.77, 0.71, 0.67, 0.61}}};
+  const cv::Size size(320, 240);
+  for (const auto& expected : known) {
+    for (int image_count = 3; image_count <= 8; ++image_count) {
+      SCOPED_TRACE(testing::Message() << image_count << " lamps, noise " << expected.noise);
+      const scene::Scene s = scene::Render(
+          {size.width, size.height, image_count, scene::Lamps::kRing, 1, expected.noise});
+      HostTool host = HostTool::Ready(EverythingOn(size, s.images.size()));
+      host.Reconstruct(RunKind::kCalibrated, s.images);
+      const UnCalibrationTool& tool = *host.get();
+      double angle = 0;
+      double albedo_error = 0;
+      for (int i = 0; i < size.area(); ++i) {
+        const cv::Point at(i % size.width, i / size.width);
+        const cv::Vec3d truth = s.normals.at<cv::Vec3f>(at);
+        const cv::Vec3d normal(tool.slope_p[i], tool.slope_q[i], tool.gated_factor_map[i]);
+        const double albedo = double{s.albedo.at<float>(at)};
+        angle += std::atan2(cv::norm(normal.cross(truth)), normal.dot(truth));
+        albedo_error += std::abs(tool.factor_map[i] - albedo) / albedo;
+      }
+      EXPECT_LT(angle / size.area() * 180.0 / CV_PI, 1.05 * expected.normal[image_count - 3]);
+      EXPECT_LT(100.0 * albedo_error / size.area(), 1.05 * expected.albedo[image_count - 3]);
     }
-    EXPECT_LT(angle / size.area(), 0.5) << "degrees";
-    EXPECT_LT(albedo_error / size.area(), 0.01);
   }
 }
 

@@ -74,9 +74,12 @@ TEST(ExtremeNumbers, TheLargestBlurRadiusRunsAndOneMoreIsRefused) {
   for (const int32_t radius : {32767, 32768, kMax}) {
     param.blur_radius = radius;
     HostTool tool = HostTool::Ready(param);
-    tool.SetImages(images);
-    Results results;
-    EXPECT_EQ(tool.Run(RunKind::kCalibrated, results), radius <= 32767 ? 1 : 0) << radius;
+    for (const RunKind run : kAllRuns) {
+      tool.ClearImage();
+      tool.SetImages(images);
+      Results results;
+      EXPECT_EQ(tool.Run(run, results), radius <= 32767 ? 1 : 0) << run << ", " << radius;
+    }
   }
 }
 

@@ -202,7 +202,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(Case{"Uncali", {RunKind::kUncalibrated, {40, 30}}},
                     Case{"Region", {RunKind::kUncalibrated, {24, 20}, 4, 1.0, true}},
                     Case{"Cali", {RunKind::kCalibrated, {44, 40}, 3, 0.9, true}},
-                    Case{"PartCols", {RunKind::kPartCols, {40, 60}, 4}},
+                    Case{"PartCols", {RunKind::kPartCols, {40, 64}, 4}},
                     Case{"ScaledPartCols", {RunKind::kPartCols, {24, 20}, 3, 0.8}},
                     Case{"PartRows", {RunKind::kPartRows, {110, 26}, 4}},
                     Case{"NarrowPartRows", {RunKind::kPartRows, {80, 33}}}),

@@ -51,6 +51,29 @@ TEST(Geometry, EveryFieldOfTheRecordGoesToItsPlace) {
   }
 }
 
+TEST(Geometry, RegionsByHand) {
+  const struct {
+    double scale;
+    int32_t corners[4];
+    RegionOfInterest roi;
+    int64_t cols, rows;
+  } cases[] = {{1.0, {10, 10, 109, 59}, {10, 10, 100, 50}, 100, 50},
+               {1.0, {639, 479, 639, 479}, {639, 479, 1, 1}, 1, 1},
+               {1.0, {-5, -5, 10000, 10000}, {0, 0, 640, 480}, 640, 480},
+               {0.5, {0, 0, 99, 39}, {0, 0, 100, 40}, 50, 20},
+               {0.5, {0, 0, 19, 99}, {0, 0, 20, 100}, 20, 100},   // 10 is too narrow to scale
+               {0.645, {0, 0, 39, 19}, {0, 0, 40, 20}, 25, 12}};  // 25.8 x 12.9
+  for (const auto& c : cases) {
+    UnCalibrationParam param = FrameParam(640, 480);
+    param.scale = c.scale;
+    const ToolPtr tool = NewTool(param);
+    EXPECT_TRUE(SetRegion(*tool, c.corners[0], c.corners[1], c.corners[2], c.corners[3]));
+    EXPECT_EQ((Numbers{tool->roi.x, tool->roi.y, tool->roi.width, tool->roi.height, tool->cols,
+                       tool->rows, tool->row_step}),
+              (Numbers{c.roi.x, c.roi.y, c.roi.width, c.roi.height, c.cols, c.rows, c.cols}));
+  }
+}
+
 // Whatever is set after whatever else, against the rules written a second time.
 TEST(Geometry, FollowsItsModel) {
   std::mt19937 random(1);

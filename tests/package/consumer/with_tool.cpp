@@ -6,6 +6,7 @@
 #include <vector>
 #include <velostrix/auto_gain.hpp>
 #include <velostrix/tool.hpp>
+#include <velostrix/velostrix_mat.h>
 
 int main() {
   std::vector<cv::Mat> images;

@@ -10,7 +10,10 @@
 
 namespace velostrix {
 
+// Chooses the QR below. None of Eigen's own choices.
 constexpr int kLocalPivotingQr = 0x1000;
+static_assert(EIGEN_WORLD_VERSION == 3 && EIGEN_MAJOR_VERSION == 4,
+              "what stands here follows the insides of Eigen 3.4");
 
 template <typename Matrix>
 using JacobiSvd = Eigen::JacobiSVD<Matrix, kLocalPivotingQr>;
@@ -53,7 +56,8 @@ class Eigen::internal::qr_preconditioner_impl<MatrixType, velostrix::kLocalPivot
 
 namespace velostrix {
 
-// BDCSVD of the transpose of a matrix of fewer than 16 columns and more rows, both sides thin.
+// BDCSVD of the transpose of a tall matrix with fewer than 16 columns, both sides thin. Eigen takes
+// this way, a bidiagonal matrix and its Jacobi decomposition, from 16 rows on; so can fewer.
 template <typename Matrix>
 struct BlockwiseSvd {
   explicit BlockwiseSvd(const Matrix& tall) {
