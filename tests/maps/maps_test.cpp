@@ -303,7 +303,7 @@ TEST(Height, EmptyFramesWriteNothing) {
 
 TEST(Height, DoesNotDependOnThreads) {
   const int threads_before = omp_get_max_threads();
-  for (const Geometry& geometry : {Geometry{130, 170, 170}, Geometry{301, 703, 710}}) {
+  for (const Geometry& geometry : {Geometry{130, 170, 170}, Geometry{1501, 703, 710}}) {
     const ToolPtr tool = UnallocatedTool(geometry);
     const Slopes slopes(*tool, 0.5F, 1);
     omp_set_num_threads(1);
