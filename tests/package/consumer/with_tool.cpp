@@ -1,4 +1,5 @@
 // A C++ host on an installed copy.
+#include <velostrix/velostrix_mat.h>
 #include <velostrix/version.h>
 
 #include <cstdio>
@@ -6,7 +7,6 @@
 #include <vector>
 #include <velostrix/auto_gain.hpp>
 #include <velostrix/tool.hpp>
-#include <velostrix/velostrix_mat.h>
 
 int main() {
   std::vector<cv::Mat> images;
