@@ -30,8 +30,8 @@ class DerivativeRows {
  public:
   explicit DerivativeRows(UnCalibrationTool& tool) : tool_(tool), smooth_(tool.blur_radius >= 1) {
     // Flat where the frame is too small to derive.
-    const int64_t written = smooth_ ? tool.rows * tool.row_step : tool.cols;
-    for (float* map : {tool.deriv_p, tool.deriv_q}) std::fill_n(map, written, 0.0F);
+    const int64_t floats = smooth_ ? tool.rows * tool.row_step : tool.cols;
+    for (float* map : {tool.deriv_p, tool.deriv_q}) std::fill_n(map, floats, 0.0F);
     if (!smooth_) return;
     DeriveSlopeMaps(tool, tool.slope_p, tool.slope_q, tool.deriv_p, tool.deriv_q);
     cv::Mat blurred_p = PlaneHeader(tool, tool.blurred_deriv_p, CV_32FC1);

@@ -9,7 +9,7 @@ using Run = int32_t(Tool, Mat, Mat, Mat, Mat, Mat, Mat, Mat, Mat);
 using PartialRun = int32_t(Tool, Mat, Mat, Mat, Mat, Mat, Mat, Mat, Mat, int32_t);
 
 template <typename Type>
-constexpr bool AreOf(Type*, Type*) {
+constexpr bool AreOf(Type*, Type* = nullptr) {
   return true;
 }
 
@@ -21,10 +21,8 @@ static_assert(AreOf<bool(Tool, int32_t, int32_t, int32_t, int32_t)>(
     SetVelostrixUnCalibrationToolROI_CPU, SetVelostrixUnCalibrationToolROI_CPU_csharp));
 static_assert(AreOf<int64_t(Tool, int32_t, int32_t, int32_t)>(
     ClearVelostrixUnCalibrationToolROI_CPU, ClearVelostrixUnCalibrationToolROI_CPU_csharp));
-static_assert(AreOf<bool(Tool, const VelostrixMat*)>(SetVelostrixUnCalibrationToolImage_CPU,
-                                                     SetVelostrixUnCalibrationToolImage_CPU));
-static_assert(AreOf<bool(Tool, const ImageRecord*)>(SetVelostrixUnCalibrationToolImage_CPU_csharp,
-                                                    SetVelostrixUnCalibrationToolImage_CPU_csharp));
+static_assert(AreOf<bool(Tool, const VelostrixMat*)>(SetVelostrixUnCalibrationToolImage_CPU));
+static_assert(AreOf<bool(Tool, const ImageRecord*)>(SetVelostrixUnCalibrationToolImage_CPU_csharp));
 static_assert(AreOf<Run>(RunVelostrixUnCalibration_CPU_uncali, RunVelostrixUnCalibration_CPU_cali));
 static_assert(AreOf<Run>(RunVelostrixUnCalibration_CPU_csharp_uncali,
                          RunVelostrixUnCalibration_CPU_csharp_cali));

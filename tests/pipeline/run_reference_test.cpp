@@ -1,4 +1,4 @@
-// Whole runs of the loaded module against the plain implementation.
+// Whole runs of the module against the plain implementation.
 //
 // Where both decompose the same matrices, which is so for pieces below about a thousand pixels and
 // in the calibrated run, every 8-bit result is the same to the byte. The height is solved in

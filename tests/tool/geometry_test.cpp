@@ -5,20 +5,14 @@
 #include <algorithm>
 #include <limits>
 #include <opencv2/core.hpp>
-#include <random>
 
-#include "fuzz/tool_model.h"
-#include "tool/image_input.h"
 #include "tool/region.h"
 #include "tool_under_test.h"
 
 namespace velostrix {
 namespace {
 
-constexpr int32_t kMin = std::numeric_limits<int32_t>::min();
 constexpr int32_t kMax = std::numeric_limits<int32_t>::max();
-constexpr double kInfinity = std::numeric_limits<double>::infinity();
-constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
 
 using Numbers = std::vector<int64_t>;
 
@@ -71,74 +65,6 @@ TEST(Geometry, RegionsByHand) {
     EXPECT_EQ((Numbers{tool->roi.x, tool->roi.y, tool->roi.width, tool->roi.height, tool->cols,
                        tool->rows, tool->row_step}),
               (Numbers{c.roi.x, c.roi.y, c.roi.width, c.roi.height, c.cols, c.rows, c.cols}));
-  }
-}
-
-// Whatever is set after whatever else, against the rules written a second time.
-TEST(Geometry, FollowsItsModel) {
-  std::mt19937 random(1);
-  const auto size = [&] {
-    constexpr int32_t kSizes[] = {kMin, -300, -1, 0,  1,   2,   3,   9,   10,
-                                  11,   19,   20, 21, 100, 300, 301, 640, kMax};
-    return kSizes[random() % std::size(kSizes)];
-  };
-  const ToolPtr tool = NewTool();
-  fuzz::ToolModel model;
-  ASSERT_EQ(fuzz::ComparedFields(*tool), fuzz::ComparedFields(model));
-  for (int step = 0; step < 100000; ++step) {
-    const auto action = random() % 6;
-    SCOPED_TRACE(testing::Message() << "step " << step << ", action " << action);
-    if (action < 2) {
-      constexpr double kScales[] = {
-          1.0, 0.99,  0.98999999999999988, 0.5,        0.34, 0.645, 0.0, -1.0, 1e-300,
-          4e6, 1e300, kInfinity,           -kInfinity, kNan};
-      UnCalibrationParam param = FrameParam(size(), size(), static_cast<int32_t>(random() % 10));
-      param.equalise_on = static_cast<int32_t>(random() % 2);
-      if (random() % 4 == 0) param.row_step = size();
-      param.scale = kScales[random() % std::size(kScales)];
-      EXPECT_TRUE(SetParam(*tool, param));
-      model.SetParam(param);
-    } else if (action == 2) {
-      const int32_t c[] = {size(), size(), size(), size()};
-      EXPECT_EQ(SetRegion(*tool, c[0], c[1], c[2], c[3]), model.SetRegion(c[0], c[1], c[2], c[3]));
-    } else if (action == 3) {
-      const int32_t c[] = {size(), size(), size()};
-      EXPECT_EQ(ClearRegion(*tool, c[0], c[1], c[2]), model.ClearRegion(c[0], c[1], c[2]));
-    } else if (action == 4) {
-      constexpr int kTypes[] = {CV_8UC1, CV_8UC1, CV_8UC2, CV_16UC1};
-      cv::Size frame(size() % 1000, size() % 1000);
-      if (random() % 2 == 0 && model.allocated_pixels > 0) {
-        const bool has_region = model.roi_set != 0;
-        frame.width = has_region ? model.roi.x + model.roi.width : static_cast<int>(model.cols);
-        frame.height = has_region ? model.roi.y + model.roi.height : static_cast<int>(model.rows);
-      }
-      if (frame.width < 0 || frame.height < 0 || frame.width > 1000 || frame.height > 1000)
-        continue;
-      const cv::Mat image(frame, kTypes[random() % std::size(kTypes)], cv::Scalar::all(9));
-      for (auto repetitions = random() % 10; repetitions > 0; --repetitions) {
-        const fuzz::Outcome outcome = model.ImageOutcome(image);
-        fuzz::Outcome actual = fuzz::Outcome::kThrows;
-        try {
-          actual = SetImage(*tool, image) ? fuzz::Outcome::kDone : fuzz::Outcome::kRefused;
-        } catch (const cv::Exception&) {
-        }
-        ASSERT_TRUE(actual == outcome || outcome > fuzz::Outcome::kThrows) << frame;
-        model.images_set += actual == fuzz::Outcome::kDone ? 1 : 0;
-      }
-    } else {
-      fuzz::ToolModel next = model;
-      const bool allocates = next.TakeScaledSize();
-      if (allocates && next.rows * next.row_step > 100000) continue;
-      ReleaseImage(*tool);
-      InitialImage(*tool);
-      next.DropBuffers();
-      if (allocates) next.TakeBuffers(true);
-      EXPECT_EQ(tool->image_stack != nullptr, allocates);
-      model = next;
-    }
-    ASSERT_EQ(fuzz::ComparedFields(*tool), fuzz::ComparedFields(model));
-    ASSERT_EQ(CanRun(*tool), model.image_count >= 3 && model.image_count <= 8 &&
-                                 model.HoldsImages(model.image_count));
   }
 }
 

@@ -7,6 +7,7 @@
 
 #include "reference/reference_stages.h"
 #include "tool/equalisation.h"
+#include "tool/region.h"
 #include "tool_under_test.h"
 
 namespace velostrix {
@@ -139,6 +140,11 @@ TEST(ImageInput, RefusesWhatHoldsNoPlane) {
     EXPECT_FALSE(SetImage(*tool, image)) << image.size();
     EXPECT_TRUE(ToolState(*tool) == before);
   }
+  // As many bytes a row as the frame, in half as many pixels: a region that outlives new
+  // parameters.
+  EXPECT_TRUE(SetRegion(*tool, 0, 0, kWidth / 2 - 1, kHeight - 1));
+  SetParam(*tool, FrameParam(kWidth, kHeight));
+  EXPECT_FALSE(SetImage(*tool, RandomImage(kWidth, kHeight, CV_16UC1)));
 }
 
 // A record is taken as the image that it describes; sizes other than the frame's are told apart by
