@@ -1,8 +1,6 @@
 // A sequence of exported calls that bytes choose, each checked against a model of the tool.
 #include "call_sequence.h"
 
-#include <omp.h>
-
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -23,7 +21,7 @@ constexpr int kMostCalls = 20;
 constexpr size_t kTools = 3;
 
 // What one input may cost. Sizes from kNoMemoryHolds on are let through: they fail at once.
-constexpr int64_t kMostPixels = 4200;  // of a working plane: the parallel solve starts at 4001
+constexpr int64_t kMostPixels = 4200;  // of a working plane
 constexpr int64_t kMostResultPixels = 1 << 14;
 constexpr int64_t kNoMemoryHolds = int64_t{1} << 48;
 constexpr int64_t kMostBlurredPixels = 100000;  // times the radius
@@ -430,7 +428,6 @@ constexpr void (Session::*kCalls[])(ByteSource&, bool) = {
 }  // namespace
 
 void RunCallSequence(const uint8_t* data, size_t size) {
-  omp_set_num_threads(1);
   cv::setNumThreads(1);
   ByteSource source(data, size);
   std::array<std::unique_ptr<Session>, kTools> sessions;

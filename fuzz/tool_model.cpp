@@ -147,8 +147,12 @@ Outcome ToolModel::RunOutcome(Run run, int32_t band, const std::array<cv::Mat*, 
   for (int output = 0; output < VELOSTRIX_OUTPUT_COUNT; ++output) {
     if (IsOn(output) && results[static_cast<size_t>(output)] == nullptr) return Outcome::kRefused;
   }
-  if (blur_radius > 32767) return Outcome::kRefused;
-  if (downscale_on == 1 && (roi_width < 1 || roi_height < 1)) return Outcome::kRefused;
+  const bool blurs = IsOn(VELOSTRIX_OUTPUT_CURVATURE) || IsOn(VELOSTRIX_OUTPUT_MAGNITUDE);
+  if (blurs && blur_radius > 32767) return Outcome::kRefused;
+  const bool delivers = std::any_of(std::begin(output_enable), std::end(output_enable),
+                                    [](int32_t output) { return output != 0; });
+  const bool resizes = delivers && downscale_on == 1;
+  if (resizes && (roi_width < 1 || roi_height < 1)) return Outcome::kRefused;
   if (!IsImageCount(image_count) || !HoldsImages(image_count)) return Outcome::kRefused;
 
   const int64_t pieces = std::max(band, 10);
@@ -158,8 +162,7 @@ Outcome ToolModel::RunOutcome(Run run, int32_t band, const std::array<cv::Mat*, 
                        (run == Run::kPartCols && (rows < 2 || rows * std::min(cols, pieces) < 3));
   if (refused) return Outcome::kRefused;
   // Results of a size that no memory holds: OpenCV says so.
-  const bool is_huge =
-      downscale_on == 1 && static_cast<double>(roi_width * roi_height) > kLargestSize;
+  const bool is_huge = resizes && static_cast<double>(roi_width * roi_height) > kLargestSize;
   return is_huge ? Outcome::kDoneOrThrows : Outcome::kDone;
 }
 

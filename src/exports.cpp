@@ -1,4 +1,6 @@
-// Every exported name of the module: a refusal of null pointers and one call, under both its names.
+// Every exported name of the module: the floating-point state, a refusal of null pointers and one
+// call, under both its names.
+#include "base/floating_point_scope.h"
 #include "pipeline/full_frame_run.h"
 #include "pipeline/partial_run.h"
 #include "tool/buffers.h"
@@ -8,15 +10,19 @@
 #include "tool/tool_object.h"
 #include "velostrix/uncalibration.h"
 
+using velostrix::FloatingPointScope;
+
 UnCalibrationTool* CreateVelostrixUnCalibrationToolPtr_CPU(UnCalibrationTool** out) {
+  const FloatingPointScope scope;
   return velostrix::CreateTool(out);
 }
 UnCalibrationTool* CreateVelostrixUnCalibrationToolPtr_CPU_csharp(UnCalibrationTool** out) {
-  return velostrix::CreateTool(out);
+  return CreateVelostrixUnCalibrationToolPtr_CPU(out);
 }
 
 bool SetVelostrixUnCalibrationToolParam_CPU(UnCalibrationTool* tool,
                                             const UnCalibrationParam* param) {
+  const FloatingPointScope scope;
   return tool != nullptr && param != nullptr && velostrix::SetParam(*tool, *param);
 }
 bool SetVelostrixUnCalibrationToolParam_CPU_csharp(UnCalibrationTool* tool,
@@ -26,6 +32,7 @@ bool SetVelostrixUnCalibrationToolParam_CPU_csharp(UnCalibrationTool* tool,
 
 bool SetVelostrixUnCalibrationToolROI_CPU(UnCalibrationTool* tool, int32_t x1, int32_t y1,
                                           int32_t x2, int32_t y2) {
+  const FloatingPointScope scope;
   return tool != nullptr && velostrix::SetRegion(*tool, x1, y1, x2, y2);
 }
 bool SetVelostrixUnCalibrationToolROI_CPU_csharp(UnCalibrationTool* tool, int32_t x1, int32_t y1,
@@ -35,6 +42,7 @@ bool SetVelostrixUnCalibrationToolROI_CPU_csharp(UnCalibrationTool* tool, int32_
 
 int64_t ClearVelostrixUnCalibrationToolROI_CPU(UnCalibrationTool* tool, int32_t rows, int32_t cols,
                                                int32_t row_step) {
+  const FloatingPointScope scope;
   return tool != nullptr ? velostrix::ClearRegion(*tool, rows, cols, row_step) : 0;
 }
 int64_t ClearVelostrixUnCalibrationToolROI_CPU_csharp(UnCalibrationTool* tool, int32_t rows,
@@ -43,6 +51,7 @@ int64_t ClearVelostrixUnCalibrationToolROI_CPU_csharp(UnCalibrationTool* tool, i
 }
 
 void InitialVelostrixUnCalibrationToolImage_CPU(UnCalibrationTool* tool) {
+  const FloatingPointScope scope;
   if (tool != nullptr) velostrix::InitialImage(*tool);
 }
 void InitialVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibrationTool* tool) {
@@ -50,14 +59,17 @@ void InitialVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibrationTool* tool) 
 }
 
 bool SetVelostrixUnCalibrationToolImage_CPU(UnCalibrationTool* tool, const cv::Mat* image) {
+  const FloatingPointScope scope;
   return tool != nullptr && image != nullptr && velostrix::SetImage(*tool, *image);
 }
 bool SetVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibrationTool* tool,
                                                    const ImageRecord* image) {
+  const FloatingPointScope scope;
   return tool != nullptr && image != nullptr && velostrix::SetImage(*tool, *image);
 }
 
 void ClearVelostrixUnCalibrationToolImage_CPU(UnCalibrationTool* tool) {
+  const FloatingPointScope scope;
   if (tool != nullptr) velostrix::ClearImage(*tool);
 }
 void ClearVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibrationTool* tool) {
@@ -68,6 +80,7 @@ int32_t RunVelostrixUnCalibration_CPU_uncali(UnCalibrationTool* tool, cv::Mat* f
                                              cv::Mat* curvature, cv::Mat* magnitude,
                                              cv::Mat* channel0, cv::Mat* channel1,
                                              cv::Mat* channel2, cv::Mat* normal, cv::Mat* height) {
+  const FloatingPointScope scope;
   if (tool == nullptr) return 0;
   return velostrix::RunUncalibrated(
       *tool, {factor, curvature, magnitude, {channel0, channel1, channel2}, normal, height});
@@ -85,6 +98,7 @@ int32_t RunVelostrixUnCalibration_CPU_cali(UnCalibrationTool* tool, cv::Mat* fac
                                            cv::Mat* curvature, cv::Mat* magnitude,
                                            cv::Mat* channel0, cv::Mat* channel1, cv::Mat* channel2,
                                            cv::Mat* normal, cv::Mat* height) {
+  const FloatingPointScope scope;
   if (tool == nullptr) return 0;
   return velostrix::RunCalibrated(
       *tool, {factor, curvature, magnitude, {channel0, channel1, channel2}, normal, height});
@@ -103,6 +117,7 @@ int32_t RunVelostrixUnCalibration_CPU_partcols_uncali(UnCalibrationTool* tool, c
                                                       cv::Mat* channel0, cv::Mat* channel1,
                                                       cv::Mat* channel2, cv::Mat* normal,
                                                       cv::Mat* height, int32_t band) {
+  const FloatingPointScope scope;
   if (tool == nullptr) return 0;
   return velostrix::RunPartCols(
       *tool, {factor, curvature, magnitude, {channel0, channel1, channel2}, normal, height}, band);
@@ -122,6 +137,7 @@ int32_t RunVelostrixUnCalibration_CPU_partrows_uncali(UnCalibrationTool* tool, c
                                                       cv::Mat* channel0, cv::Mat* channel1,
                                                       cv::Mat* channel2, cv::Mat* normal,
                                                       cv::Mat* height, int32_t band) {
+  const FloatingPointScope scope;
   if (tool == nullptr) return 0;
   return velostrix::RunPartRows(
       *tool, {factor, curvature, magnitude, {channel0, channel1, channel2}, normal, height}, band);
@@ -137,18 +153,23 @@ int32_t RunVelostrixUnCalibration_CPU_partrows_csharp_uncali(UnCalibrationTool* 
 }
 
 void ReleaseVelostrixUnCalibrationToolImage_CPU(UnCalibrationTool* tool) {
+  const FloatingPointScope scope;
   if (tool != nullptr) velostrix::ReleaseImage(*tool);
 }
 void ReleaseVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibrationTool* tool) {
   ReleaseVelostrixUnCalibrationToolImage_CPU(tool);
 }
 
-void DestroyImageArrayCPU(cv::Mat* first) { velostrix::DestroyImageArray(first); }
-void DestroyImageArrayCPU_csharp(cv::Mat* first) { velostrix::DestroyImageArray(first); }
+void DestroyImageArrayCPU(cv::Mat* first) {
+  const FloatingPointScope scope;
+  velostrix::DestroyImageArray(first);
+}
+void DestroyImageArrayCPU_csharp(cv::Mat* first) { DestroyImageArrayCPU(first); }
 
 void DestroyVelostrixUnCalibrationToolPtr_CPU(UnCalibrationTool* tool) {
+  const FloatingPointScope scope;
   velostrix::DestroyTool(tool);
 }
 void DestroyVelostrixUnCalibrationToolPtr_CPU_csharp(UnCalibrationTool* tool) {
-  velostrix::DestroyTool(tool);
+  DestroyVelostrixUnCalibrationToolPtr_CPU(tool);
 }

@@ -18,8 +18,14 @@
  * they are valid until the next run or Release, whichever comes first; clone what must live longer.
  *
  * Threads. One tool is used by one thread at a time; separate tools are independent. Everything
- * runs on the caller's thread, except that products inside the solvers may use OpenMP threads.
- * Results do not depend on their number.
+ * runs on the caller's thread, except that the height of larger frames is shared with threads that
+ * end before the call does: cv::getNumThreads() of them, the caller included. A host sets their
+ * number by cv::setNumThreads(n), 1 for none. The bytes of the results do not depend on it. A
+ * process that may start no thread, or that has been forked between two calls, goes on alone.
+ *
+ * Floating point. Every call computes in the default state and restores that of the host.
+ *
+ * OpenCV. Images are cv::Mat objects: the host must use the same OpenCV as the module.
  *
  * Pixels and axes. Images are 8-bit single-channel. x runs along a row (columns), y down the rows.
  * Slope P is the change of height from one column to the next, slope Q the change from one row to
@@ -30,28 +36,8 @@
  * allocator (std::bad_alloc, cv::Exception) pass to the host; a run or setter that ended so may be
  * repeated.
  *
- * Refusals, all there are:
- *
- *   call      refused when
- *   all       the tool is null (calls without a result then do nothing)
- *   SetParam  the record is null
- *   SetROI    the rectangle, clamped to the working size, is empty: no region is in force then
- *             scaling is on and makes a size of it that no image can have
- *   Initial   (allocates nothing then) image count outside 3..8; no pixels; row_step < cols;
- * scaling is on and makes a size that no image can have SetImage  the image is null, empty or of
- * more than two dimensions all N images are set no buffers, a geometry that they do not hold, or no
- * room for one more image with a region: what was cut and resized is not of the working size, or
- * its rows are not row_step bytes (after new parameters the region wants to be set again) without
- * one: the image holds fewer bytes than the working size equalisation is on and the image has more
- * than one channel SetImage  (_csharp, besides) type code outside 1..12; no data; width or height
- * below 1; a row stride, other than 0, that is shorter than a row or not a multiple of the sample
- *   runs      image count outside 3..8
- *             no buffers, or a geometry or an image count that they do not hold
- *             an enabled result is null; normal enables channels 0, 1 and 2
- *             a blur radius above 32767
- *             scaling is on and the result size has no pixels
- *             uncalibrated runs: a frame or a piece of fewer than three pixels
- *             part columns: fewer than two rows
+ * A null tool is refused by every call (those without a result do nothing); what else is refused
+ * stands with each function.
  *
  * Every function has a second name with _csharp for managed hosts: the same entry point, except for
  * the image setter, whose _csharp form takes an ImageRecord.
@@ -92,7 +78,8 @@ typedef struct VelostrixMat VelostrixMat;
  */
 
 /* Makes a tool with no geometry, no buffers, every output off, scale 1 and iteration cap 50. Stores
- * it in *out (when out is not null) and returns it. Out of memory: std::bad_alloc. */
+ * it in *out (when out is not null) and returns it. Refuses nothing. Out of memory: std::bad_alloc.
+ */
 VELOSTRIX_API UnCalibrationTool* CreateVelostrixUnCalibrationToolPtr_CPU(UnCalibrationTool** out);
 VELOSTRIX_API UnCalibrationTool* CreateVelostrixUnCalibrationToolPtr_CPU_csharp(
     UnCalibrationTool** out);
@@ -100,12 +87,12 @@ VELOSTRIX_API UnCalibrationTool* CreateVelostrixUnCalibrationToolPtr_CPU_csharp(
 /* ---- parameters and region ---------------------------------------------------------------------
  */
 
-/* Copies the record into the tool; always true. Sets image count, geometry (working and result
- * size: width x height, row stride row_step), switches, gains and offsets. Leaves the region, the
- * buffers and the count of set images alone: a change of geometry or image count wants Release and
- * Initial. A scale below 0.99 switches scaling on. A later scale of 0.99 or more does not switch it
- * off again: only a call of SetROI whose scaled region would be too small does. A NaN counts as not
- * below 0.99. */
+/* Copies the record into the tool. Refused: a null record. Sets image count, geometry (working and
+ * result size: width x height, row stride row_step), switches, gains and offsets. Leaves the
+ * region, the buffers and the count of set images alone: a change of geometry or image count wants
+ * Release and Initial. A scale below 0.99 switches scaling on. A later scale of 0.99 or more does
+ * not switch it off again: only a call of SetROI whose scaled region would be too small does. A NaN
+ * counts as not below 0.99. */
 VELOSTRIX_API bool SetVelostrixUnCalibrationToolParam_CPU(UnCalibrationTool* tool,
                                                           const UnCalibrationParam* param);
 VELOSTRIX_API bool SetVelostrixUnCalibrationToolParam_CPU_csharp(UnCalibrationTool* tool,
@@ -115,7 +102,9 @@ VELOSTRIX_API bool SetVelostrixUnCalibrationToolParam_CPU_csharp(UnCalibrationTo
  * of the input images, clamped to the current working size (so a second region is clamped by the
  * first; set the parameters again to start afresh). With scaling on and more than 10 scaled pixels
  * each way the working size becomes region x scale, truncated; otherwise scaling is switched off
- * and it is the region's. False leaves the geometry unchanged. */
+ * and it is the region's. False leaves the geometry unchanged. Refused:
+ * - a rectangle that is empty once it is clamped; no region is in force then
+ * - with scaling on, one of which the scale makes a size that no image can have */
 VELOSTRIX_API bool SetVelostrixUnCalibrationToolROI_CPU(UnCalibrationTool* tool, int32_t x1,
                                                         int32_t y1, int32_t x2, int32_t y2);
 VELOSTRIX_API bool SetVelostrixUnCalibrationToolROI_CPU_csharp(UnCalibrationTool* tool, int32_t x1,
@@ -135,19 +124,33 @@ VELOSTRIX_API int64_t ClearVelostrixUnCalibrationToolROI_CPU_csharp(UnCalibratio
 
 /* Allocates the working buffers for the current geometry and image count (about 52 + 5 N bytes a
  * pixel, zero-filled). When memory runs out, images and runs are refused until Release and Initial.
- * Does not free the buffers of an earlier call: Release first. */
+ * Does not free the buffers of an earlier call: Release first. Allocates nothing for
+ * - an image count outside 3 to 8
+ * - a frame without pixels, or a row_step below its width
+ * - with scaling on and no region, a scaled size that no image can have */
 VELOSTRIX_API void InitialVelostrixUnCalibrationToolImage_CPU(UnCalibrationTool* tool);
 VELOSTRIX_API void InitialVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibrationTool* tool);
 
 /* Copies the next image into the tool: cut to the region if one is set, resized to the working size
  * when scaling is on, equalised when the parameters ask for it. The image must be 8-bit
  * single-channel and, without scaling, of the region's or working size. True: stored, the count of
- * set images has grown by one. cv::Exception: the image does not contain the region; scaling or
- * equalisation of a pixel type that OpenCV cannot resize or average. */
+ * set images has grown by one. Refused:
+ * - a null or empty image, or one of more than two dimensions
+ * - one image more than the image count
+ * - no buffers, or buffers too small for the geometry or for one more image
+ * - with a region: an image that, cut and resized, is not of the working size with rows of row_step
+ *   bytes (after new parameters the region must be set again)
+ * - without one: an image of fewer bytes than the working size
+ * - with equalisation: an image of more than one channel
+ *
+ * cv::Exception: the image does not contain the region; scaling or equalisation of a pixel type
+ * that OpenCV cannot resize or average. */
 VELOSTRIX_API bool SetVelostrixUnCalibrationToolImage_CPU(UnCalibrationTool* tool,
                                                           const VelostrixMat* image);
 
-/* The same for an image in plain memory. */
+/* The same for an image in plain memory. Refused besides:
+ * - a null record, a type code outside 1 to 12, no data, a width or height below 1
+ * - a row stride, other than 0, shorter than a row or not a multiple of the sample's size */
 VELOSTRIX_API bool SetVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibrationTool* tool,
                                                                  const ImageRecord* image);
 
@@ -161,11 +164,20 @@ VELOSTRIX_API void ClearVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibration
 /* Each run turns the N stored images into the result images that output_enable asks for. A result
  * whose switch is off is not touched and may be null; normal switches channels 0, 1 and 2 on. All
  * are 8-bit single-channel but normal (three 8-bit channels: channels 0, 1, 2; owns its memory) and
- * height (16-bit single-channel). They have the working size, or the region's when scaling is on
- * (then resized, and owning their memory). 1: done; the count of set images is 0 again. The run
- * does not ask whether all N images were set. 0: refused, results untouched; the count of set
- * images stays: ClearImage before setting images again. An exception may leave some results
- * replaced.
+ * height (16-bit single-channel). They have the working size, or the region's when scaling is on:
+ * then they are resized and own their memory, unless both sizes are equal. 1: done; the count of
+ * set images is 0 again. The run does not ask whether all N images were set. An exception may leave
+ * some results replaced.
+ *
+ * 0: refused, results untouched; the count of set images stays: ClearImage before setting images
+ * again. Refused:
+ * - an image count outside 3 to 8
+ * - no buffers, or a geometry or an image count that they do not hold
+ * - an enabled result that is null; normal enables channels 0, 1 and 2
+ * - curvature or magnitude with a blur radius above 32767
+ * - any result with scaling on and a result size without pixels
+ * - uncalibrated runs: a frame or a piece of fewer than three pixels
+ * - part columns: fewer than two rows
  *
  *   result     content                                                     uncalibrated calibrated
  *   factor     factor map, normalised to 0..255, times factor_gain         brightness      albedo

@@ -14,8 +14,6 @@ void ClampSmoothing(UnCalibrationTool& tool) {
   if (tool.smoothing > 50.0F) tool.smoothing = 50.0F;
 }
 
-bool IsDifferentiable(const UnCalibrationTool& tool) { return tool.rows >= 2 && tool.cols >= 3; }
-
 // dp[j] = p[j + 1] - p[j] in the first forward_cols columns, p[j + 1] - p[j - 1] in the rest.
 void DifferentiateAlongRow(const float* p, float* dp, int64_t forward_cols, int64_t cols) {
   for (int64_t j = 0; j < forward_cols; ++j) dp[j] = p[j + 1] - p[j];
@@ -37,6 +35,8 @@ struct RowNeighbours {
 };
 
 }  // namespace
+
+bool IsDifferentiable(const UnCalibrationTool& tool) { return tool.rows >= 2 && tool.cols >= 3; }
 
 int32_t DeriveSlopeMaps(UnCalibrationTool& tool, const float* p, const float* q, float* dp,
                         float* dq, RowRange range) {

@@ -25,9 +25,11 @@
 #include <iterator>
 #include <limits>
 #include <numeric>
+#include <opencv2/core/utility.hpp>
 #include <optional>
 #include <vector>
 
+#include "base/thread_team.h"
 #include "maps/large_array.h"
 #include "tool/lanes.h"
 
@@ -81,8 +83,7 @@ class ConjugateGradients {
         r_(AllocateLargeArray(rows_ * cols_)),
         p_(AllocateLargeArray((rows_ + 2) * (cols_ + 2))),
         row_sums_(static_cast<size_t>(rows_)),
-        // Where a sparse product over five entries a row becomes worth its threads.
-        parallel_(rows_ * cols_ * 5 > 20000) {}
+        team_(Threads(problem)) {}
 
   int64_t Solve();
 
@@ -103,15 +104,25 @@ class ConjugateGradients {
   void UpdateDirectionRow(int64_t i, float beta);
   void MeasureRow(int64_t i, bool fetches_solution);
 
-  // Calls work(first_row, end_row) for every band, on all threads. Bands are dealt out as threads
-  // become free: a thread that the machine holds up costs the others one band at most.
+  static int Threads(const HeightProblem& problem) {
+    // Below, a thread has begun when the solve ends.
+    constexpr int64_t kSmallestShared = 30000;
+    return problem.rows * problem.cols < kSmallestShared ? 1 : cv::getNumThreads();
+  }
+
+  // Calls work(first_row, end_row) for every band.
   template <typename Work>
-  void ForEachBand(Work work) {
-    const int64_t bands = (rows_ + kBandRows - 1) / kBandRows;
-#pragma omp parallel for schedule(dynamic) if (parallel_)
-    for (int64_t band = 0; band < bands; ++band) {
-      work(band * kBandRows, std::min((band + 1) * kBandRows, rows_));
+  void ForEachBand(const Work& work) {
+    for (int64_t first = 0; first < rows_; first += kBandRows) {
+      work(first, std::min(first + kBandRows, rows_));
     }
+  }
+  // The same, on all threads.
+  template <typename Work>
+  void ShareBands(const Work& work) {
+    team_.ForEach((rows_ + kBandRows - 1) / kBandRows, [&](int64_t band) {
+      work(band * kBandRows, std::min((band + 1) * kBandRows, rows_));
+    });
   }
 
   void Start();
@@ -128,7 +139,7 @@ class ConjugateGradients {
   const LargeArray r_;
   const LargeArray p_;
   std::vector<Sums> row_sums_;
-  const bool parallel_;
+  ThreadTeam team_;
 };
 
 // z = 0, r = A^T b
@@ -234,14 +245,14 @@ void ConjugateGradients::MeasureRow(int64_t i, bool fetches_solution) {
 }
 
 void ConjugateGradients::Start() {
-  ForEachBand([&](int64_t first, int64_t end) {
+  ShareBands([&](int64_t first, int64_t end) {
     for (int64_t i = first; i < end; ++i) {
       StartRow(i);
       UpdateResidualRow(i, 0.0F);  // p is zero: for the sums only
       UpdateDirectionRow(i, 0.0F);
     }
   });
-  ForEachBand([&](int64_t first, int64_t end) {
+  ShareBands([&](int64_t first, int64_t end) {
     for (int64_t i = first; i < end; ++i) MeasureRow(i, false);
   });
 }
@@ -252,12 +263,12 @@ void ConjugateGradients::Sweep(float alpha, float beta, const std::optional<Solu
     UpdateResidualRow(i, alpha);
   };
   // The outer rows of a band need the p of its neighbours as well, before and after: they are
-  // updated ahead of all others and measured behind them.
+  // updated ahead of all others and measured behind them. They are too few to be shared.
   ForEachBand([&](int64_t first, int64_t end) {
     update(first);
     if (end - 1 > first) update(end - 1);
   });
-  ForEachBand([&](int64_t first, int64_t end) {
+  ShareBands([&](int64_t first, int64_t end) {
     for (int64_t i = first + 1; i <= end; ++i) {
       if (i < end - 1) update(i);
       UpdateDirectionRow(i - 1, beta);
@@ -271,7 +282,7 @@ void ConjugateGradients::Sweep(float alpha, float beta, const std::optional<Solu
 }
 
 void ConjugateGradients::AdvanceSolution(const SolutionStep& step) {
-  ForEachBand([&](int64_t first, int64_t end) {
+  ShareBands([&](int64_t first, int64_t end) {
     for (int64_t i = first; i < end; ++i) UpdateSolutionRow(i, step);
   });
 }

@@ -29,9 +29,11 @@ int32_t NegatedOffset(int32_t offset) { return static_cast<int32_t>(-int64_t{off
 class DerivativeRows {
  public:
   explicit DerivativeRows(UnCalibrationTool& tool) : tool_(tool), smooth_(tool.blur_radius >= 1) {
-    // Flat where the frame is too small to derive.
-    const int64_t floats = smooth_ ? tool.rows * tool.row_step : tool.cols;
-    for (float* map : {tool.deriv_p, tool.deriv_q}) std::fill_n(map, floats, 0.0F);
+    if (!IsDifferentiable(tool)) {
+      for (float* map : {tool.deriv_p, tool.deriv_q}) {
+        std::fill_n(map, tool.rows * tool.row_step, 0.0F);
+      }
+    }
     if (!smooth_) return;
     DeriveSlopeMaps(tool, tool.slope_p, tool.slope_q, tool.deriv_p, tool.deriv_q);
     cv::Mat blurred_p = PlaneHeader(tool, tool.blurred_deriv_p, CV_32FC1);

@@ -26,10 +26,9 @@ void DeliverDerivativeImages(UnCalibrationTool& tool, const ResultImages& result
   const bool magnitude = IsOn(tool, VELOSTRIX_OUTPUT_MAGNITUDE);
   if (!curvature && !magnitude) return;
 
-  // A row at a time, which stays in the cache: the first row of the derivative map is its place. It
-  // is flat where the frame is too small to derive.
+  // A row at a time, which stays in the cache: the first row of the derivative map is its place.
   float* divergence = tool.deriv_p;
-  std::fill_n(divergence, tool.cols, 0.0F);
+  if (!IsDifferentiable(tool)) std::fill_n(divergence, tool.cols, 0.0F);
   const FrameExtent one_row(1, tool.cols, tool.row_step);
   for (int64_t i = 0; i < tool.rows; ++i) {
     SlopeDivergence(tool, tool.slope_p, tool.slope_q, divergence, {i, i + 1});

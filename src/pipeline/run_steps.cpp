@@ -2,10 +2,12 @@
 // stage's maps, the height image.
 #include "pipeline/run_steps.h"
 
+#include <algorithm>
 #include <cmath>
 #include <opencv2/imgproc.hpp>
 #include <vector>
 
+#include "base/serial_opencv.h"
 #include "maps/byte_maps.h"
 #include "maps/height.h"
 #include "tool/uncalibration_tool.h"
@@ -34,8 +36,13 @@ bool CanDeliver(const UnCalibrationTool& tool, const ResultImages& results) {
   for (int channel = 0; channel < 3; ++channel) {
     if (IsChannelOn(tool, channel) && results.channel[channel] == nullptr) return false;
   }
-  const bool resizes = tool.downscale_on == 1;
-  return has_places && tool.blur_radius <= kLargestBlurRadius &&
+  const int32_t* const outputs = tool.output_enable;
+  const bool delivers = std::any_of(outputs, outputs + VELOSTRIX_OUTPUT_COUNT,
+                                    [](int32_t output) { return output != 0; });
+  const bool resizes = delivers && tool.downscale_on == 1;
+  const bool blurs =
+      IsOn(tool, VELOSTRIX_OUTPUT_CURVATURE) || IsOn(tool, VELOSTRIX_OUTPUT_MAGNITUDE);
+  return has_places && !(blurs && tool.blur_radius > kLargestBlurRadius) &&
          !(resizes && (tool.roi_width < 1 || tool.roi_height < 1));
 }
 
@@ -47,7 +54,7 @@ cv::Mat PlaneHeader(const UnCalibrationTool& tool, void* plane, int type) {
 void ResizeBack(const UnCalibrationTool& tool, cv::Mat& result) {
   if (tool.downscale_on != 1) return;
   const cv::Size size(static_cast<int>(tool.roi_width), static_cast<int>(tool.roi_height));
-  cv::resize(result, result, size, 0, 0, cv::INTER_LINEAR);
+  OnThisThread([&] { cv::resize(result, result, size, 0, 0, cv::INTER_LINEAR); });
 }
 
 void DeliverPlane(const UnCalibrationTool& tool, void* plane, int type, cv::Mat& result) {
@@ -59,8 +66,9 @@ void Blur(const UnCalibrationTool& tool, const cv::Mat& source, cv::Mat& destina
   const int32_t diameter = 2 * tool.blur_radius;
   const double s = diameter / 3.0;
   const double sigma = 0.5 * std::sqrt((s + 2.0) * s);
-  cv::GaussianBlur(source, destination, cv::Size(diameter + 1, diameter + 1), sigma, sigma,
-                   cv::BORDER_DEFAULT);
+  const cv::Size size(diameter + 1, diameter + 1);
+  OnThisThread(
+      [&] { cv::GaussianBlur(source, destination, size, sigma, sigma, cv::BORDER_DEFAULT); });
 }
 
 bool DeliverMapImages(UnCalibrationTool& tool, const ResultImages& results) {

@@ -11,7 +11,7 @@ struct FrameExtent {
   FrameExtent(int64_t rows, int64_t cols, int64_t stride)
       : rows(rows), cols(cols), stride(stride) {}
   // The working frame of a tool; implicit, because that is what most kernels work on.
-  FrameExtent(const UnCalibrationTool& tool);
+  inline FrameExtent(const UnCalibrationTool& tool);
 
   int64_t rows;
   int64_t cols;

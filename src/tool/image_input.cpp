@@ -4,6 +4,7 @@
 #include <cstring>
 #include <opencv2/imgproc.hpp>
 
+#include "base/serial_opencv.h"
 #include "tool/buffers.h"
 #include "tool/equalisation.h"
 #include "tool/uncalibration_tool.h"
@@ -70,7 +71,7 @@ bool SetImage(UnCalibrationTool& tool, const cv::Mat& image) {
   }
   if (tool.downscale_on == 1) {
     const cv::Size size(static_cast<int>(tool.cols), static_cast<int>(tool.rows));
-    cv::resize(working, working, size, 0, 0, cv::INTER_LINEAR);
+    OnThisThread([&] { cv::resize(working, working, size, 0, 0, cv::INTER_LINEAR); });
   }
   if (tool.roi_set != 0 && (working.rows != tool.rows || working.cols != tool.cols ||
                             static_cast<int64_t>(working.step[0]) != tool.row_step)) {
@@ -88,7 +89,7 @@ bool SetImage(UnCalibrationTool& tool, const ImageRecord& image) {
   const int channels = (image.type_code - 1) % 4 + 1;
   const int type = CV_MAKETYPE(depth, channels);
 
-  // OpenCV takes a step as unsigned and believes it: a negative one would send it anywhere.
+  // cv::Mat takes the step as size_t: a negative stride would wrap.
   const int64_t row_bytes = int64_t{CV_ELEM_SIZE(type)} * image.width;
   const bool rows_are_apart =
       image.row_stride == 0 ||

@@ -17,6 +17,26 @@ struct RegionOfInterest {
 // Sixteen bytes of a constant vector register.
 using ConstantVector = std::array<uint8_t, 16>;
 
+namespace velostrix {
+
+inline constexpr ConstantVector kZero = {};
+inline constexpr ConstantVector kWords255 = {255, 0, 255, 0, 255, 0, 255, 0,
+                                             255, 0, 255, 0, 255, 0, 255, 0};
+inline constexpr ConstantVector kInts255 = {255, 0, 0, 0, 255, 0, 0, 0, 255, 0, 0, 0, 255, 0, 0, 0};
+// Byte shuffles; an index of 0xFF writes a zero byte.
+inline constexpr ConstantVector kWidenBytesToWords = {0, 255, 1, 255, 2, 255, 3, 255,
+                                                      4, 255, 5, 255, 6, 255, 7, 255};
+inline constexpr ConstantVector kPackWordsToBytes = {0,   2,   4,   6,   8,   10,  12,  14,
+                                                     255, 255, 255, 255, 255, 255, 255, 255};
+inline constexpr ConstantVector kWidenBytesToInts = {0, 255, 255, 255, 1, 255, 255, 255,
+                                                     2, 255, 255, 255, 3, 255, 255, 255};
+inline constexpr ConstantVector kPackIntsToBytes = {0,   4,   8,   12,  255, 255, 255, 255,
+                                                    255, 255, 255, 255, 255, 255, 255, 255};
+inline constexpr ConstantVector kFloatsMinusOne = {0, 0, 0x80, 0xBF, 0, 0, 0x80, 0xBF,
+                                                   0, 0, 0x80, 0xBF, 0, 0, 0x80, 0xBF};
+
+}  // namespace velostrix
+
 // The fields stand in a fixed order; what this library adds for its own safety stands at the end.
 // Sizes are 64-bit although hosts set them with 32 bits, so that their products cannot overflow.
 struct UnCalibrationTool {
@@ -75,7 +95,19 @@ struct UnCalibrationTool {
 
   std::vector<double> column_levels;  // of the last equalised image
 
-  std::array<ConstantVector, 13> constant_vectors;
+  std::array<ConstantVector, 13> constant_vectors = {velostrix::kZero,
+                                                     velostrix::kWords255,
+                                                     velostrix::kWidenBytesToWords,
+                                                     velostrix::kPackWordsToBytes,
+                                                     velostrix::kWidenBytesToInts,
+                                                     velostrix::kPackIntsToBytes,
+                                                     velostrix::kZero,
+                                                     velostrix::kInts255,
+                                                     velostrix::kWords255,
+                                                     velostrix::kZero,
+                                                     velostrix::kWidenBytesToWords,
+                                                     velostrix::kPackWordsToBytes,
+                                                     velostrix::kFloatsMinusOne};
 
   Eigen::MatrixXf light_matrix;      // matrix storage of light estimation; spare
   Eigen::MatrixXf intensity_matrix;  // pixels x images, from the last uncalibrated full-frame run
