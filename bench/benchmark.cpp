@@ -5,6 +5,7 @@
 #include <fstream>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <opencv2/core/utility.hpp>
 #include <string>
 #include <thread>
 #include <vector>
@@ -108,6 +109,34 @@ json MeasureTask(const Task& task, int repeats) {
           {"rows", rows}};
 }
 
+// The height on idle and on busy cores, by one thread and by all.
+json MeasureBusyHeight(const Task& task, int repeats) {
+  const auto session = velostrix::bench::MakeSession(task);
+  const Workload run = velostrix::bench::Runs(session).back();  // with height
+  constexpr int kAll = -1;
+  const auto measure = [&](int threads) {
+    cv::setNumThreads(threads);
+    const double ms = velostrix::bench::MedianMs(run.product, repeats);
+    cv::setNumThreads(kAll);
+    return ms;
+  };
+  json row = {{"width", task.size.width}, {"height", task.size.height}};
+  row["idle_one_thread_ms"] = measure(1);
+  row["idle_ms"] = measure(kAll);
+  {
+    const velostrix::bench::BusyCores busy;
+    row["busy_one_thread_ms"] = measure(1);
+    row["busy_ms"] = measure(kAll);
+  }
+  std::printf(
+      "%5dx%-5d run with height, median: idle %7.1f ms, one thread %7.1f ms; "
+      "busy %7.1f ms, one thread %7.1f ms\n",
+      task.size.width, task.size.height, row["idle_ms"].get<double>(),
+      row["idle_one_thread_ms"].get<double>(), row["busy_ms"].get<double>(),
+      row["busy_one_thread_ms"].get<double>());
+  return row;
+}
+
 void Run(const Options& options) {
   std::vector<Task> tasks;
   for (const std::string& size : options.sizes) {
@@ -120,9 +149,15 @@ void Run(const Options& options) {
   json report = {{"processor", ProcessorName()},
                  {"threads", std::thread::hardware_concurrency()},
                  {"memory", json::array()},
+                 {"busy", json::array()},
                  {"scenes", json::array()}};
-  // Memory first: the child processes must not inherit a thread pool.
+  // Memory first: the peak of a child counts from what its parent has.
   for (const Task& task : tasks) report["memory"].push_back(MeasurePeakMemory(task));
+  for (const Task& task : tasks) {
+    if (task.images == options.images.front()) {
+      report["busy"].push_back(MeasureBusyHeight(task, 3 * options.repeats));
+    }
+  }
   for (const Task& task : tasks) report["scenes"].push_back(MeasureTask(task, options.repeats));
   if (options.json_file.empty()) return;
   std::ofstream file(options.json_file);

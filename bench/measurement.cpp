@@ -1,14 +1,17 @@
 // Timing of two implementations in turn, memory bandwidth, peak memory.
 #include "measurement.h"
 
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <limits>
 #include <stdexcept>
+#include <thread>
 #include <vector>
 
 namespace velostrix::bench {
@@ -42,6 +45,33 @@ Comparison Compare(const std::function<void()>& product, const std::function<voi
     }
   }
   return best;
+}
+
+double MedianMs(const std::function<void()>& work, int repeats) {
+  std::vector<double> times;
+  for (int i = 0; i < repeats; ++i) times.push_back(TimeMs(work));
+  std::sort(times.begin(), times.end());
+  return times[times.size() / 2];
+}
+
+BusyCores::BusyCores() {
+  for (unsigned k = 0; k < std::thread::hardware_concurrency(); ++k) {
+    const pid_t child = fork();
+    if (child < 0) throw std::runtime_error("fork failed");
+    if (child == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      for (volatile int forever = 1; forever != 0;) {
+      }
+    }
+    processes_.push_back(child);
+  }
+}
+
+BusyCores::~BusyCores() {
+  for (const pid_t child : processes_) {
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+  }
 }
 
 double TriadBandwidth(int64_t count, bool all_threads) {
