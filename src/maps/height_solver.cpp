@@ -249,8 +249,10 @@ void ConjugateGradients::Start() {
     for (int64_t i = first; i < end; ++i) {
       StartRow(i);
       UpdateResidualRow(i, 0.0F);  // p is zero: for the sums only
-      UpdateDirectionRow(i, 0.0F);
     }
+  });
+  ShareBands([&](int64_t first, int64_t end) {
+    for (int64_t i = first; i < end; ++i) UpdateDirectionRow(i, 0.0F);
   });
   ShareBands([&](int64_t first, int64_t end) {
     for (int64_t i = first; i < end; ++i) MeasureRow(i, false);
