@@ -62,13 +62,11 @@ int32_t FactorizeIntensities(UnCalibrationTool& tool, float* factor_map, float* 
   Stopwatch stopwatch;
   const ImagePiece frame = PieceOfFrame(tool, 0, tool.rows, 0, tool.cols);
   ResizeMatrix(tool.intensity_matrix, frame.pixels(), frame.image_count);
-  GramAccumulator gram(frame);
-  for (int64_t row = 0; row < tool.rows; ++row) {
-    FillMatrixRow(frame, row, tool.intensity_matrix);
-    gram.AddRow(row);
-  }
+  for (int64_t row = 0; row < tool.rows; ++row) FillMatrixRow(frame, row, tool.intensity_matrix);
   tool.time_fill_ms = stopwatch.Lap();
 
+  GramAccumulator gram(frame);
+  for (int64_t row = 0; row < tool.rows; ++row) gram.AddRow(row);
   const LeadingVectors vectors =
       DecomposePiece(frame, gram.Products(), Decomposition::kPixelsByImages);
   tool.time_svd_ms = stopwatch.Lap();

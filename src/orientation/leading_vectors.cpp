@@ -10,14 +10,22 @@
 // the same signs, and
 //   u(pixel) = a(pixel) W,   W = V S^-1 (N x 3).
 // The same holds for A^T, whose right vectors are wanted then.
+//
+// Inner products are exact, and double. Their eigenvalues s^2 come out with errors of about
+// N eps s1^2 (Weyl 1912), so u of a singular value s has unit length and right angles to within
+//   N eps (s1 / s)^2.
+// Where this nears 1, s cannot be told from 0 and u is free: any unit vectors orthogonal to the
+// others and to the images will do. A vector that lives in three pixels needs to be orthogonal to
+// those three entries of the others only; the others are two at most, so there is one.
 #include "orientation/leading_vectors.h"
 
 #include <Eigen/Eigenvalues>
-#include <optional>
+#include <Eigen/QR>
+#include <cmath>
+#include <limits>
 #include <utility>
 
 #include "orientation/exception_safe_svd.h"
-#include "orientation/whole_decomposition.h"
 
 namespace velostrix {
 namespace {
@@ -27,19 +35,18 @@ constexpr int kVectors = LeadingVectors::kVectors;
 // Pieces below this are decomposed whole: the small matrix gains nothing there.
 constexpr int64_t kSmallestReducedPiece = 1024;
 
-// Singular values closer than this, relative to the first, leave their vectors to the round-off of
-// single precision: the piece is decomposed whole then, so that the vectors are whatever that
-// decomposition returns.
-constexpr double kDeterminedGap = 1e-5;
+// Vectors are free from where their lengths may be wrong by a hundredth on.
+constexpr double kLargestError = 0.01;
 
-bool VectorsAreDetermined(const Eigen::VectorXd& singular_values) {
-  const double gap = kDeterminedGap * singular_values[0];
-  for (int v = 0; v < kVectors; ++v) {
-    const double next = v + 1 < singular_values.size() ? singular_values[v + 1] : 0.0;
-    if (!(singular_values[v] - next > gap)) return false;
-  }
-  return true;
-}
+// A vector's weights are to those of the first as s1 to s, but its entries are no larger: their sums
+// cancel to s / s1. From here on floats would leave a hundredth of round-off.
+constexpr double kDeepCancellation = 1e-5;
+
+// The singular values of a piece and its vectors on the side of the images.
+struct ImageSide {
+  Eigen::VectorXd singular_values;
+  Eigen::MatrixXd vectors;
+};
 
 Eigen::MatrixXd ReducedMatrix(const ImagePiece& piece, const Eigen::MatrixXd& products) {
   const int n = piece.image_count;
@@ -52,47 +59,78 @@ Eigen::MatrixXd ReducedMatrix(const ImagePiece& piece, const Eigen::MatrixXd& pr
   return reduced;
 }
 
-// W of a decomposition whose image side is given; nothing where the vectors are not determined.
-std::optional<Eigen::MatrixXd> Weights(const Eigen::VectorXd& singular_values,
-                                       const Eigen::MatrixXd& image_side) {
-  if (!VectorsAreDetermined(singular_values)) return std::nullopt;
-  return image_side.leftCols(kVectors) * singular_values.head(kVectors).cwiseInverse().asDiagonal();
-}
-
-std::optional<Eigen::MatrixXd> ReducedWeights(const ImagePiece& piece,
-                                              const Eigen::MatrixXd& products,
-                                              Decomposition decomposition) {
+ImageSide DecomposeReduced(const Eigen::MatrixXd& reduced, Decomposition decomposition) {
   constexpr int kBothSides = Eigen::ComputeThinU | Eigen::ComputeThinV;
   switch (decomposition) {
     case Decomposition::kPixelsByImages: {
-      const JacobiSvd<Eigen::MatrixXd> svd(ReducedMatrix(piece, products), kBothSides);
-      return Weights(svd.singularValues(), svd.matrixV());
+      const JacobiSvd<Eigen::MatrixXd> svd(reduced, kBothSides);
+      return {svd.singularValues(), svd.matrixV()};
     }
     case Decomposition::kImagesByPixels: {
-      const JacobiSvd<Eigen::MatrixXd> svd(ReducedMatrix(piece, products).transpose(), kBothSides);
-      return Weights(svd.singularValues(), svd.matrixU());
+      const JacobiSvd<Eigen::MatrixXd> svd(reduced.transpose(), kBothSides);
+      return {svd.singularValues(), svd.matrixU()};
     }
     case Decomposition::kImagesByPixelsBlockwise:
     default: {
-      const BlockwiseSvd<Eigen::MatrixXd> svd(ReducedMatrix(piece, products));
-      return Weights(svd.singular_values, svd.short_side);
+      const BlockwiseSvd<Eigen::MatrixXd> svd(reduced);
+      return {svd.singular_values, svd.short_side};
     }
   }
+}
+
+int CountDetermined(const Eigen::VectorXd& singular_values) {
+  const double squared_limit = static_cast<double>(singular_values.size()) *
+                               std::numeric_limits<double>::epsilon() / kLargestError;
+  const double limit = std::sqrt(squared_limit) * singular_values[0];
+  int count = 0;
+  while (count < kVectors && singular_values[count] > limit) ++count;
+  return count;
+}
+
+// The entries of all vectors at the first three pixels, where those that are free live.
+Eigen::MatrixXf EntriesWithFreeVectors(const ImagePiece& piece, const Eigen::MatrixXd& weights,
+                                       int determined) {
+  Eigen::Matrix3d entries = IntensityRows<Eigen::MatrixXd>(piece, kVectors) * weights;
+  const Eigen::Matrix3d basis = Eigen::HouseholderQR<Eigen::Matrix3d>(entries).householderQ();
+  entries.rightCols(kVectors - determined) = basis.rightCols(kVectors - determined);
+  return entries.cast<float>();
+}
+
+LeadingVectors ReducedVectors(const ImagePiece& piece, const ImageSide& side) {
+  const Eigen::VectorXd& s = side.singular_values;
+  const int determined = CountDetermined(s);
+  Eigen::MatrixXd weights = Eigen::MatrixXd::Zero(piece.image_count, kVectors);
+  weights.leftCols(determined) =
+      side.vectors.leftCols(determined) * s.head(determined).cwiseInverse().asDiagonal();
+  Eigen::MatrixXf entries;
+  if (determined < kVectors) entries = EntriesWithFreeVectors(piece, weights, determined);
+  const bool cancels = determined > 0 && s[determined - 1] <= kDeepCancellation * s[0];
+  return {piece, std::move(entries), weights, cancels};
 }
 
 }  // namespace
 
-LeadingVectors::LeadingVectors(const ImagePiece& piece, const Eigen::MatrixXd& weights)
-    : piece_(piece) {
+LeadingVectors::LeadingVectors(const ImagePiece& piece, Eigen::MatrixXf entries)
+    : piece_(piece), entries_(std::move(entries)) {}
+
+LeadingVectors::LeadingVectors(const ImagePiece& piece, Eigen::MatrixXf entries,
+                               const Eigen::MatrixXd& weights, bool in_two_parts)
+    : piece_(piece), entries_(std::move(entries)), in_two_parts_(in_two_parts) {
   for (int v = 0; v < kVectors; ++v) {
+    // First parts are multiples of a step, up to 2^13 of them: their products with 8 bytes add up
+    // to no more than 2^24, without rounding.
+    int exponent = 0;
+    std::frexp(weights.col(v).cwiseAbs().maxCoeff(), &exponent);
+    const double step = std::ldexp(1, exponent - 13);
     for (int k = 0; k < piece.image_count; ++k) {
-      weights_[static_cast<size_t>(v)][static_cast<size_t>(k)] = static_cast<float>(weights(k, v));
+      const double weight = weights(k, v);
+      const double first = in_two_parts ? std::nearbyint(weight / step) * step : weight;
+      float* const parts = weights_[static_cast<size_t>(v)].data() + k;
+      parts[0] = static_cast<float>(first);
+      parts[piece.image_count] = static_cast<float>(weight - first);
     }
   }
 }
-
-LeadingVectors::LeadingVectors(const ImagePiece& piece, Eigen::MatrixXf entries)
-    : piece_(piece), entries_(std::move(entries)) {}
 
 std::array<float, LeadingVectors::kVectors> LeadingVectors::At(int64_t row, int64_t col) const {
   std::array<float, kVectors> entries = {};
@@ -111,12 +149,9 @@ void LeadingVectors::Negate(int vector) {
 
 LeadingVectors DecomposePiece(const ImagePiece& piece, const Eigen::MatrixXd& intensity_products,
                               Decomposition decomposition) {
-  if (piece.pixels() >= kSmallestReducedPiece) {
-    if (const auto weights = ReducedWeights(piece, intensity_products, decomposition)) {
-      return {piece, *weights};
-    }
-  }
-  return {piece, WholeVectors(piece, decomposition)};
+  if (piece.pixels() < kSmallestReducedPiece) return {piece, WholeVectors(piece, decomposition)};
+  return ReducedVectors(piece,
+                        DecomposeReduced(ReducedMatrix(piece, intensity_products), decomposition));
 }
 
 }  // namespace velostrix

@@ -1,5 +1,4 @@
-// The decomposition of all pixels of a piece, for pieces that are small or that leave their vectors
-// to round-off.
+// The decomposition of all pixels of a piece, for small pieces.
 #pragma once
 
 #include <Eigen/Core>
