@@ -4,10 +4,15 @@
 # unversioned names of the libraries are runtime, as hosts in C# and Python load them by these names.
 include(CMakePackageConfigHelpers)
 
-set_target_properties(VelostrixUncalibration PROPERTIES
-  VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR} EXPORT_NAME Uncalibration)
-set_target_properties(velostrix_mat PROPERTIES
-  VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR} EXPORT_NAME Mat)
+# Before 1.0 a minor version may change what hosts see.
+set(soversion ${PROJECT_VERSION_MAJOR})
+if(soversion EQUAL 0)
+  string(APPEND soversion .${PROJECT_VERSION_MINOR})
+endif()
+set_target_properties(VelostrixUncalibration velostrix_mat PROPERTIES
+  VERSION ${PROJECT_VERSION} SOVERSION ${soversion})
+set_target_properties(VelostrixUncalibration PROPERTIES EXPORT_NAME Uncalibration)
+set_target_properties(velostrix_mat PROPERTIES EXPORT_NAME Mat)
 install(TARGETS VelostrixUncalibration velostrix_mat EXPORT VelostrixTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT runtime
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime
