@@ -25,14 +25,43 @@ install(FILES ${PROJECT_BINARY_DIR}/generated/velostrix/version.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/velostrix COMPONENT development)
 
 if(TARGET velostrix_cli)
-  # An unpacked tarball runs where it lies.
+  # An unpacked tarball runs where it lies; what is in /usr needs no path of its own.
   set_target_properties(velostrix_cli PROPERTIES INSTALL_RPATH
     "$<IF:$<PLATFORM_ID:Linux>,\$ORIGIN/../${CMAKE_INSTALL_LIBDIR},>")
   install(TARGETS velostrix_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
-  configure_file(${CMAKE_CURRENT_LIST_DIR}/velostrix.1.in ${PROJECT_BINARY_DIR}/velostrix.1 @ONLY)
-  install(FILES ${PROJECT_BINARY_DIR}/velostrix.1
-    DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime)
+  install(CODE "
+    if(CMAKE_INSTALL_PREFIX MATCHES /usr/?$)
+      file(RPATH_REMOVE FILE
+        \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}/velostrix\")
+    endif()" COMPONENT runtime)
+
+  find_program(VELOSTRIX_HELP2MAN help2man)
+  if(VELOSTRIX_HELP2MAN)
+    set(help_text ${CMAKE_CURRENT_LIST_DIR}/help_text.sh)
+    set(further_text ${CMAKE_CURRENT_LIST_DIR}/velostrix.h2m)
+    set(page ${PROJECT_BINARY_DIR}/velostrix.1)
+    add_custom_command(OUTPUT ${page}.gz
+      COMMAND ${VELOSTRIX_HELP2MAN} --no-info --include ${further_text} --output ${page}
+        "sh '${help_text}' '$<TARGET_FILE:velostrix_cli>'"
+      COMMAND gzip -9nf ${page}
+      DEPENDS velostrix_cli ${help_text} ${further_text} VERBATIM)
+    add_custom_target(velostrix_manual ALL DEPENDS ${page}.gz)
+    install(FILES ${page}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime)
+  elseif(VELOSTRIX_TESTS)
+    message(FATAL_ERROR "help2man is missing: apt-get install help2man")
+  endif()
 endif()
+
+# The reference is there once its target was built.
+set(documentation_folder ${CMAKE_INSTALL_DATAROOTDIR}/doc/velostrix)
+file(GLOB pages CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md)
+install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/CHANGELOG.md
+  DESTINATION ${documentation_folder} COMPONENT runtime)
+install(FILES ${pages} DESTINATION ${documentation_folder}/docs COMPONENT runtime)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/images
+  DESTINATION ${documentation_folder}/docs COMPONENT runtime)
+install(DIRECTORY ${PROJECT_BINARY_DIR}/reference
+  DESTINATION ${documentation_folder}-dev COMPONENT development OPTIONAL)
 
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/VelostrixUncalibration)
 install(EXPORT VelostrixTargets NAMESPACE Velostrix:: FILE VelostrixTargets.cmake

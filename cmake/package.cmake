@@ -1,5 +1,5 @@
-# cpack: a tarball that runs where it is unpacked, and Debian packages.
-set(CPACK_GENERATOR TGZ DEB)
+# cpack: a tarball that runs where it is unpacked, and on Debian a package for each component.
+set(CPACK_GENERATOR TGZ)
 set(CPACK_PACKAGE_NAME velostrix)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
@@ -9,19 +9,56 @@ set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
 set(CPACK_PACKAGE_FILE_NAME velostrix-${PROJECT_VERSION}-${CMAKE_SYSTEM_NAME}-${CMAKE_SYSTEM_PROCESSOR})
 set(CPACK_STRIP_FILES ON)
 set(CPACK_COMPONENTS_ALL runtime development)
-
-# The tarball holds both components, Debian has a package for each.
 set(CPACK_ARCHIVE_COMPONENT_INSTALL OFF)
-set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME velostrix)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION science)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME velostrix-dev)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "velostrix (= ${PROJECT_VERSION}), libopencv-dev")
-set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
-  "Module, image helper for other languages, and the command line.")
-set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "Headers, CMake package and pkg-config file.")
+
+if(EXISTS /etc/debian_version)
+  list(APPEND CPACK_GENERATOR DEB)
+  set(debian ${PROJECT_BINARY_DIR}/debian)
+  string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)
+  file(WRITE ${debian}/changelog
+    "velostrix (${PROJECT_VERSION}) unstable; urgency=medium\n\n"
+    "  * See /usr/share/doc/velostrix/CHANGELOG.md.\n\n"
+    " -- ${CPACK_PACKAGE_CONTACT}  ${date}\n")
+  execute_process(COMMAND gzip -9nf ${debian}/changelog COMMAND_ERROR_IS_FATAL ANY)
+  file(WRITE ${debian}/triggers "activate-noawait ldconfig\n")
+  # A package built on ours works with any version whose libraries have the same SONAME.
+  set(abi velostrix-abi-${soversion})
+  file(WRITE ${debian}/shlibs
+    "libVelostrixUncalibration ${soversion} ${abi}\nlibvelostrix_mat ${soversion} ${abi}\n")
+  file(WRITE ${debian}/velostrix
+    "# Hosts in C# and Python load the libraries by the names without a version.\n"
+    "link-to-shared-library-in-wrong-package\n"
+    "# The command line and both libraries are one package; others depend on ${abi}.\n"
+    "package-name-doesnt-match-sonames\n"
+    "# CPack adds these calls; beside the trigger they are needless, not wrong.\n"
+    "maintscript-calls-ldconfig\n")
+  install(FILES ${debian}/changelog.gz
+    DESTINATION ${documentation_folder} COMPONENT runtime EXCLUDE_FROM_ALL)
+  install(FILES ${debian}/changelog.gz
+    DESTINATION ${documentation_folder}-dev COMPONENT development EXCLUDE_FROM_ALL)
+  install(FILES ${debian}/velostrix
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides COMPONENT runtime EXCLUDE_FROM_ALL)
+
+  set(CPACK_DEB_COMPONENT_INSTALL ON)
+  set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+  set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+  set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME velostrix)
+  set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION science)
+  set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
+  set(CPACK_DEBIAN_RUNTIME_PACKAGE_PROVIDES ${abi})
+  set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${debian}/shlibs ${debian}/triggers)
+  set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME velostrix-dev)
+  set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+  set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "velostrix (= ${PROJECT_VERSION}), libopencv-dev")
+  set(purpose
+    "From 3 to 8 images of one part, each under another lamp, Velostrix makes\n"
+    "images in which print and stains fade, and dents, scratches and embossing\n"
+    "stand out.\n\n")
+  string(CONCAT CPACK_COMPONENT_RUNTIME_DESCRIPTION ${purpose}
+    "This package has the libraries that hosts in C, C++, C# and Python load,\n"
+    "and the command line.")
+  string(CONCAT CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION ${purpose}
+    "This package has what a program is built with: headers, CMake package and\n"
+    "pkg-config file.")
+endif()
 include(CPack)

@@ -17,7 +17,8 @@ test -f "$folder/tarball/include/velostrix/uncalibration.h"
 runtime=$(echo "$folder"/packages/velostrix_*.deb)
 development=$(echo "$folder"/packages/velostrix-dev_*.deb)
 dpkg-deb --extract "$runtime" "$folder/debian"
-"$folder/debian/usr/bin/velostrix" info
+module=$(echo "$folder"/debian/usr/lib/*/libVelostrixUncalibration.so)
+LD_LIBRARY_PATH=$(dirname "$module") "$folder/debian/usr/bin/velostrix" info
 test ! -e "$folder/debian/usr/include"
 dpkg-deb --extract "$development" "$folder/debian"
 test -f "$folder/debian/usr/include/velostrix/uncalibration.h"
