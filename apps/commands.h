@@ -33,4 +33,23 @@ bool ParseNumber(const std::string& text, T& number) {
   return stream >> number && stream.peek() == std::istringstream::traits_type::eof();
 }
 
+// Refuses NaN, which is in every range by the parser's own check.
+inline CLI::Validator IsNumber() {
+  return {[](std::string& text) {
+            double number = 0.0;
+            return ParseNumber(text, number) ? std::string() : text + ": expected a number";
+          },
+          ""};
+}
+
+// The folder or file to write to.
+inline CLI::Option* AddOut(CLI::App& command, std::string& out, const std::string& description) {
+  const auto is_named = [](std::string& text) {
+    return text.empty() ? std::string("expected a name") : std::string();
+  };
+  return command.add_option("--out", out, description)
+      ->required()
+      ->check(CLI::Validator(is_named, ""));
+}
+
 }  // namespace velostrix::cli

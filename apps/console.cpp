@@ -1,29 +1,40 @@
 // What a command says on stderr while it works: notes, warnings, progress.
 #include "apps/console.h"
 
-#include <iostream>
-
-#if defined(_WIN32)
-#include <io.h>
-#else
 #include <unistd.h>
-#endif
+
+#include <cstdio>
+#include <iostream>
+#include <system_error>
 
 namespace velostrix::cli {
-namespace {
 
-bool StderrIsTerminal() {
-#if defined(_WIN32)
-  return _isatty(2) != 0;
-#else
-  return isatty(STDERR_FILENO) == 1;
-#endif
+std::string Printable(const std::string& text) {
+  std::string printable;
+  for (const char character : text) {
+    const auto byte = static_cast<unsigned char>(character);
+    // U+0080 to U+009F are C2 80 to C2 9F.
+    const bool is_second =
+        byte >= 0x80 && byte < 0xA0 && !printable.empty() && printable.back() == '\xC2';
+    if (byte >= 0x20 && byte != 0x7F && !is_second) {
+      printable += character;
+      continue;
+    }
+    if (is_second) printable.pop_back();
+    char escaped[8];
+    std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
+    printable += escaped;
+  }
+  return printable;
 }
 
-}  // namespace
-
 Console::Console(bool quiet) : quiet_(quiet) {
-  if (!quiet && StderrIsTerminal()) shower_ = std::thread([this] { ShowProgress(); });
+  if (quiet || isatty(STDERR_FILENO) == 0) return;
+  try {
+    shower_ = std::thread([this] { ShowProgress(); });
+  } catch (const std::system_error&) {
+    return;  // no thread to be started: no progress
+  }
 }
 
 Console::~Console() {
@@ -40,7 +51,7 @@ void Console::Note(const std::string& text) {
   if (quiet_) return;
   const std::lock_guard lock(mutex_);
   EraseProgress();
-  std::cerr << text << '\n';
+  std::cerr << Printable(text) << '\n';
 }
 
 void Console::Step(const std::string& text) {

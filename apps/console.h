@@ -9,6 +9,9 @@
 
 namespace velostrix::cli {
 
+// The text with control characters as \x1b: it stays on its line and does not steer the terminal.
+std::string Printable(const std::string& text);
+
 class Console {
  public:
   // A quiet console says nothing.

@@ -1,8 +1,7 @@
-// `velostrix info`: version, build, processor, threads.
-#include <omp.h>
-
+// `velostrix info`: version, build, processor, cores.
 #include <iostream>
 #include <opencv2/core.hpp>
+#include <thread>
 #include <utility>
 
 #include "apps/commands.h"
@@ -22,13 +21,13 @@ void PrintInfo() {
   for (const auto& [feature, name] : kFeatures) {
     if (cv::checkHardwareSupport(feature)) std::cout << ' ' << name;
   }
-  std::cout << "\nthreads    " << omp_get_max_threads() << " (OMP_NUM_THREADS changes it)\n";
+  std::cout << "\ncores      " << std::thread::hardware_concurrency() << '\n';
 }
 
 }  // namespace
 
 void AddInfoCommand(CLI::App& app) {
-  app.add_subcommand("info", "Print version, build, processor features and number of threads")
+  app.add_subcommand("info", "Print version, build, processor features and number of cores")
       ->callback(PrintInfo);
 }
 

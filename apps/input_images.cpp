@@ -1,14 +1,17 @@
 // Image files as 8-bit grey images.
 #include "apps/input_images.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
+#include <sstream>
+#include <system_error>
 
 #include "apps/commands.h"
 #include "apps/stderr_capture.h"
@@ -16,14 +19,18 @@
 namespace velostrix::cli {
 namespace {
 
+namespace fs = std::filesystem;
+
 constexpr const char* kExpected = "; expected a PNG, BMP, TIFF or JPEG file";
 
+// Exactly as many as the file says to have: some that the system makes up never end.
 std::vector<char> ReadBytes(const std::string& file) {
-  if (!std::filesystem::exists(file)) throw Failure(file + ": no such file" + kExpected);
-  if (std::filesystem::is_directory(file)) throw Failure(file + ": is a folder" + kExpected);
+  const std::string refusal = WhyUnreadable(file);
+  if (!refusal.empty()) throw Failure(refusal + kExpected);
   errno = 0;
   std::ifstream stream(file, std::ios::binary);
-  std::vector<char> bytes{std::istreambuf_iterator<char>(stream), {}};
+  std::vector<char> bytes(fs::file_size(file));
+  stream.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
   if (!stream || bytes.empty()) {
     const std::string reason = errno == 0 ? "is empty" : std::strerror(errno);
     throw Failure(file + ": " + reason + kExpected);
@@ -38,17 +45,46 @@ std::string SizeText(const cv::Mat& image) {
 // Appends to a note.
 void Add(std::string& note, const std::string& text) { note += (note.empty() ? "" : ", ") + text; }
 
-// To 8 bits a sample.
-cv::Mat ReducedDepth(const std::string& file, const cv::Mat& image, std::string& note) {
-  if (image.depth() == CV_8U) return image;
-  if (image.depth() != CV_16U) {
-    throw Failure(file + ": pixels of type " + cv::typeToString(image.type()) +
-                  "; expected 8 or 16 bits a sample");
+std::vector<InputImage> Decode(const std::vector<std::string>& files) {
+  std::vector<InputImage> images;
+  for (const std::string& file : files) {
+    images.push_back({file, {}, {}});
+    images.back().pixels = DecodeFile(file, &images.back().note);
   }
-  Add(note, "16-bit samples divided by 257");
-  cv::Mat reduced;
-  image.convertTo(reduced, CV_8U, 1.0 / 257.0);
-  return reduced;
+  return images;
+}
+
+// To 8 bits a sample, by one scale for all images.
+void ReduceDepth(std::vector<InputImage>& images, int& bits) {
+  int largest = -1;  // no 16-bit image
+  for (const InputImage& image : images) {
+    if (image.pixels.depth() == CV_8U) continue;
+    if (image.pixels.depth() != CV_16U) {
+      throw Failure(image.file + ": pixels of type " + cv::typeToString(image.pixels.type()) +
+                    "; expected 8 or 16 bits a sample");
+    }
+    double most = 0.0;
+    cv::minMaxLoc(image.pixels.reshape(1), nullptr, &most);
+    if (bits != 0 && most >= 1 << bits) {
+      throw Failure(image.file + ": has the value " + std::to_string(std::lround(most)) +
+                    ", more than --bits " + std::to_string(bits) + " can hold");
+    }
+    largest = std::max(largest, static_cast<int>(most));
+  }
+  if (largest < 0) return;
+  if (bits == 0) {
+    for (bits = 10; largest >= 1 << bits;) bits += 2;
+  }
+  const double full = (1 << bits) - 1;
+  std::ostringstream note;
+  note << "16-bit samples";
+  if (bits < 16) note << " with " << bits << " bits in use";
+  note << " divided by " << full / 255.0;
+  for (InputImage& image : images) {
+    if (image.pixels.depth() == CV_8U) continue;
+    Add(image.note, note.str());
+    image.pixels.convertTo(image.pixels, CV_8U, 255.0 / full);
+  }
 }
 
 cv::Mat Grey(const cv::Mat& image, std::string& note) {
@@ -61,17 +97,23 @@ cv::Mat Grey(const cv::Mat& image, std::string& note) {
 
 }  // namespace
 
+std::string WhyUnreadable(const std::string& file) {
+  std::error_code error;
+  const fs::file_status status = fs::status(file, error);
+  if (fs::is_regular_file(status)) return {};
+  if (fs::is_directory(status)) {
+    return file + ": is a folder; give its images, as in " + (fs::path(file) / "*.png").string();
+  }
+  if (fs::exists(status)) return file + ": is not a regular file";
+  if (status.type() != fs::file_type::not_found) return file + ": " + error.message();
+  const bool is_pattern = file.find_first_of("*?[") != std::string::npos;
+  return file + (is_pattern ? ": no file matches this pattern" : ": no such file");
+}
+
 cv::Mat DecodeFile(const std::string& file, std::string* remark) {
   const std::vector<char> bytes = ReadBytes(file);
   cv::Mat image;
-  std::string said;
-  try {
-    StderrCapture capture;
-    image = cv::imdecode(bytes, cv::IMREAD_UNCHANGED);
-    said = capture.End();
-  } catch (const cv::Exception& e) {
-    said = e.err;
-  }
+  const std::string said = CodeQuietly([&] { image = cv::imdecode(bytes, cv::IMREAD_UNCHANGED); });
   if (image.empty()) {
     throw Failure(file + ": cannot be decoded" + (said.empty() ? "" : " (" + said + ")") +
                   kExpected);
@@ -80,22 +122,17 @@ cv::Mat DecodeFile(const std::string& file, std::string* remark) {
   return image;
 }
 
-std::vector<InputImage> LoadImages(const std::vector<std::string>& files) {
-  std::vector<InputImage> images;
-  for (const std::string& file : files) {
-    std::string note;
-    const cv::Mat decoded = DecodeFile(file, &note);
-    const cv::Mat reduced = ReducedDepth(file, decoded, note);
-    const cv::Mat grey = Grey(reduced, note);
-    images.push_back({file, note, grey});
-  }
+std::vector<InputImage> LoadImages(const std::vector<std::string>& files, int& bits) {
+  std::vector<InputImage> images = Decode(files);
+  ReduceDepth(images, bits);
+  for (InputImage& image : images) image.pixels = Grey(image.pixels, image.note);
   return images;
 }
 
-std::vector<InputImage> LoadChannels(const std::string& file) {
-  std::string note;
-  const cv::Mat decoded = DecodeFile(file, &note);
-  const cv::Mat image = ReducedDepth(file, decoded, note);
+std::vector<InputImage> LoadChannels(const std::string& file, int& bits) {
+  std::vector<InputImage> decoded = Decode({file});
+  ReduceDepth(decoded, bits);
+  const auto& [name, note, image] = decoded.front();
   if (image.channels() < 3) {
     throw Failure(file + ": one channel; expected a colour image, whose channels are three lamps");
   }
@@ -103,7 +140,7 @@ std::vector<InputImage> LoadChannels(const std::string& file) {
   std::vector<InputImage> images(3);
   for (int k = 0; k < 3; ++k) {
     const auto at = static_cast<size_t>(k);
-    images[at] = {file, note, {}};
+    images[at] = {name, note, {}};
     Add(images[at].note, std::string(kNames[at]) + " channel");
     cv::extractChannel(image, images[at].pixels, 2 - k);  // OpenCV keeps blue, green, red
   }

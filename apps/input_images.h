@@ -7,6 +7,9 @@
 
 namespace velostrix::cli {
 
+// Why the path cannot be an image file, and what to give; empty when it may be one.
+std::string WhyUnreadable(const std::string& file);
+
 // The pixels of a PNG, BMP, TIFF or JPEG file as they stand. Failure names the file and what is
 // wrong with it. Anything that the decoder had to remark is returned in *remark, if that is not
 // null.
@@ -18,11 +21,13 @@ struct InputImage {
   cv::Mat pixels;    // CV_8UC1
 };
 
-// Reads the files and converts colour and 16-bit pixels to 8-bit grey.
-std::vector<InputImage> LoadImages(const std::vector<std::string>& files);
+// Reads the files and converts colour and 16-bit pixels to 8-bit grey. Of 16-bit samples, `bits`
+// are in use, in all files alike; 0 stands for as many as the largest sample needs, and becomes
+// their number.
+std::vector<InputImage> LoadImages(const std::vector<std::string>& files, int& bits);
 
-// Reads one colour file as three images: its red, green and blue channel.
-std::vector<InputImage> LoadChannels(const std::string& file);
+// Reads one colour file as three images: its red, green and blue channel. Bits as above.
+std::vector<InputImage> LoadChannels(const std::string& file, int& bits);
 
 // Failure if the images differ in size.
 void RequireOneSize(const std::vector<InputImage>& images);

@@ -1,5 +1,7 @@
 // The command line `velostrix`: parses the arguments, runs a command, turns exceptions into exit
 // codes.
+#include <signal.h>
+
 #include <CLI/CLI.hpp>
 #include <iostream>
 #include <new>
@@ -7,15 +9,18 @@
 #include <opencv2/core/utils/logger.hpp>
 
 #include "apps/commands.h"
+#include "apps/console.h"
 #include "velostrix/version.h"
 
 namespace {
 
 constexpr int kFailed = 1;
 constexpr int kWrongUsage = 2;
+constexpr const char* kOutOfMemory =
+    "out of memory; work on fewer pixels (--roi, --scale, --size, --tile)";
 
 int Complain(int exit_code, const std::string& message) {
-  std::cerr << "velostrix: " << message << '\n';
+  std::cerr << "velostrix: " << velostrix::cli::Printable(message) << '\n';
   return exit_code;
 }
 
@@ -37,6 +42,9 @@ void RequireCommand(const CLI::App& app, int argc, char** argv) {
 
 int main(int argc, char** argv) {
   using namespace velostrix::cli;
+  signal(SIGXFSZ, SIG_IGN);  // a file that grows beyond the limit is a failed write
+  // OpenCV's own threads gain nothing here, and where none can be started they end the program.
+  cv::setNumThreads(0);
   // Of a file that cannot be read, our own line tells.
   cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
 
@@ -57,17 +65,18 @@ int main(int argc, char** argv) {
     RequireCommand(app, argc, argv);
     app.parse(argc, argv);
   } catch (const CLI::Success& e) {
-    return app.exit(e);  // --help, --version
+    app.exit(e);  // prints --help, --version
   } catch (const CLI::ParseError& e) {
     return Complain(kWrongUsage, std::string(e.what()) + "; see velostrix --help");
   } catch (const UsageError& e) {
     return Complain(kWrongUsage, e.what());
   } catch (const std::bad_alloc&) {
-    return Complain(kFailed, "out of memory; use --roi or --scale");
+    return Complain(kFailed, kOutOfMemory);
   } catch (const cv::Exception& e) {
-    return Complain(kFailed, e.err);
+    return Complain(kFailed, e.code == cv::Error::StsNoMem ? kOutOfMemory : e.err);
   } catch (const std::exception& e) {
     return Complain(kFailed, e.what());
   }
+  if (!std::cout.flush()) return Complain(kFailed, "standard output: cannot be written");
   return 0;
 }

@@ -1,69 +1,116 @@
 // Files of one command, written completely or not at all.
 #include "apps/output_files.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <opencv2/imgcodecs.hpp>
+#include <set>
 #include <system_error>
 
 #include "apps/commands.h"
+#include "apps/drafts.h"
+#include "apps/stderr_capture.h"
 
 namespace velostrix::cli {
 namespace {
 
 namespace fs = std::filesystem;
 
-// Files under names of their own, in the folders where they are to go; removed when not put in
-// place.
-class Drafts {
- public:
-  ~Drafts() {
-    std::error_code ignored;
-    for (const auto& [draft, place] : drafts_) fs::remove(draft, ignored);
-  }
+fs::file_status StatusOf(const fs::path& path) {
+  std::error_code ignored;  // what cannot be looked at counts as missing, and fails when written
+  return fs::symlink_status(path, ignored);
+}
 
-  void Write(const fs::path& place, const std::vector<uint8_t>& bytes) {
-    fs::path draft = place;
-    draft += ".part";
-    drafts_.emplace_back(draft, place);
-    errno = 0;
-    std::ofstream stream(draft, std::ios::binary);
-    stream.write(reinterpret_cast<const char*>(bytes.data()),
-                 static_cast<std::streamsize>(bytes.size()));
-    stream.close();
-    if (!stream) throw Failure(place.string() + ": cannot be written: " + std::strerror(errno));
+// The files that a record lists; none when it is not a record.
+std::set<std::string> ReadRecord(const fs::path& path) {
+  std::set<std::string> names;
+  if (!fs::is_regular_file(StatusOf(path))) return names;
+  std::ifstream stream(path);
+  const auto record = nlohmann::json::parse(stream, nullptr, false);
+  const auto outputs = record.is_object() ? record.find("outputs") : record.end();
+  if (outputs == record.end()) return names;
+  for (const auto& name : *outputs) {
+    if (name.is_string()) names.insert(name);
   }
+  return names;
+}
 
-  void PutInPlace() {
-    for (const auto& [draft, place] : drafts_) {
-      std::error_code error;
-      fs::rename(draft, place, error);
-      if (error) throw Failure(place.string() + ": cannot be written: " + error.message());
-    }
-    drafts_.clear();
+// Files can be made in the folder, or in that above it where it is yet to be made.
+void RequireWritable(fs::path folder) {
+  std::error_code ignored;
+  while (!folder.empty() && !fs::exists(fs::status(folder, ignored))) folder = folder.parent_path();
+  if (folder.empty()) folder = ".";
+  if (!fs::is_directory(fs::status(folder, ignored))) {
+    throw Failure(folder.string() + ": is a file; expected a folder to write to");
   }
-
- private:
-  std::vector<std::pair<fs::path, fs::path>> drafts_;
-};
+  if (access(folder.c_str(), W_OK | X_OK) != 0) {
+    throw Failure(folder.string() + ": cannot be written to: " + std::strerror(errno));
+  }
+}
 
 }  // namespace
 
-OutputFiles::OutputFiles(fs::path folder) : folder_(std::move(folder)) {
-  if (fs::exists(folder_) && !fs::is_directory(folder_)) {
-    throw Failure(folder_.string() + ": is a file; expected a folder to write to");
+OutputFiles::OutputFiles(OutputPlan plan) : plan_(std::move(plan)) {
+  {
+    const Descriptor lock = LockFolder(plan_.folder);  // another run may be putting its files there
+    CheckPlaces();
   }
+  // Loads the encoders while there is memory: one of their libraries aborts when it gets none.
+  cv::haveImageWriter(".png");
+}
+
+std::vector<fs::path> OutputFiles::CheckPlaces() const {
+  const std::set<std::string> listed = ReadRecord(plan_.folder / plan_.record);
+  const auto check = [&](const std::string& name) {
+    const fs::path place = plan_.folder / name;
+    const fs::file_status status = StatusOf(place);
+    if (!fs::exists(status)) return;
+    for (const std::string& input : plan_.inputs) {
+      std::error_code ignored;
+      if (!fs::equivalent(place, input, ignored)) continue;
+      throw Failure(input + ": is an input and would be replaced by the result " + place.string() +
+                    "; give another --out");
+    }
+    const bool is_ours =
+        plan_.record.empty() || (name == plan_.record ? !listed.empty() : listed.count(name) != 0);
+    if (is_ours && fs::is_regular_file(status)) return;
+    throw Failure(place.string() + ": is there already, " +
+                  (is_ours ? "and not a regular file" : "not from an earlier run") +
+                  "; move it away or give another --out");
+  };
+  for (const std::string& name : plan_.made) {
+    RequireWritable((plan_.folder / name).parent_path());
+    check(name);
+  }
+  std::vector<fs::path> outdated;
+  for (const std::string& name : plan_.others) {
+    const fs::path place = plan_.folder / name;
+    if (listed.count(name) == 0 || !fs::is_regular_file(StatusOf(place))) continue;
+    check(name);
+    outdated.push_back(place);
+  }
+  return outdated;
 }
 
 void OutputFiles::AddImage(const std::string& name, const cv::Mat& image) {
   // What OpenCV does with three channels of float, unless told otherwise, loses signs.
   constexpr int kDeflate = 8;
   const std::vector<int> lossless = {cv::IMWRITE_TIFF_COMPRESSION, kDeflate};
+  // Room for what cannot be compressed, with strips of one row: the encoder's stream grows by
+  // itself, and where it fails to, the TIFF library's own clean-up writes again and ends the
+  // program.
+  const size_t pixels = image.total() * image.elemSize();
   std::vector<uint8_t> bytes;
-  if (!cv::imencode(fs::path(name).extension().string(), image, bytes, lossless)) {
-    throw Failure(name + ": cannot be encoded");
-  }
+  bytes.reserve(pixels + pixels / 8 + 64 * static_cast<size_t>(image.rows) + (size_t{1} << 16));
+  bool is_done = false;
+  const std::string said = CodeQuietly(
+      [&] { is_done = cv::imencode(fs::path(name).extension().string(), image, bytes, lossless); });
+  if (!is_done) throw Failure(name + ": cannot be encoded (" + said + "); is memory short?");
+  bytes.shrink_to_fit();
   files_.emplace_back(name, std::move(bytes));
 }
 
@@ -72,15 +119,26 @@ void OutputFiles::AddText(const std::string& name, const std::string& text) {
 }
 
 void OutputFiles::Commit() {
+  const SignalHold signals;
   Drafts drafts;
   for (const auto& [name, bytes] : files_) {
-    const fs::path place = folder_ / name;
+    const fs::path place = plan_.folder / name;
     std::error_code error;
     if (place.has_parent_path()) fs::create_directories(place.parent_path(), error);
     if (error) {
       throw Failure(place.parent_path().string() + ": cannot be made a folder: " + error.message());
     }
     drafts.Write(place, bytes);
+  }
+  const Descriptor lock = LockFolder(plan_.folder);
+  std::vector<fs::path> outdated = CheckPlaces();
+  SignalHold::Check();
+  // First the record, last replaced: without it the folder is not complete.
+  if (!plan_.record.empty()) outdated.insert(outdated.begin(), plan_.folder / plan_.record);
+  for (const fs::path& file : outdated) {
+    std::error_code error;
+    fs::remove(file, error);
+    if (error) throw Failure(file.string() + ": cannot be removed: " + error.message());
   }
   drafts.PutInPlace();
 }

@@ -9,13 +9,25 @@
 
 namespace velostrix::cli {
 
+// What a command writes into a folder, and what it must not touch.
+struct OutputPlan {
+  std::filesystem::path folder;     // made on Commit when it is not there
+  std::vector<std::string> made;    // names of the files to be added
+  std::vector<std::string> others;  // that other runs of the command make
+  // One of those made, a JSON object whose member "outputs" lists the others: a file that is there
+  // already is replaced, and one of `others` removed, only where an earlier record lists it. Empty:
+  // files that are there are replaced.
+  std::string record;
+  std::vector<std::string> inputs;  // never replaced
+};
+
 // Files are encoded as they are added and appear in the folder on Commit, in that order; a reader
 // who finds the last one finds them all. Before Commit nothing is touched. Any trouble is a Failure
 // that names the file.
 class OutputFiles {
  public:
-  // The folder is made on Commit when it is not there.
-  explicit OutputFiles(std::filesystem::path folder);
+  // Failure when the plan cannot be carried out.
+  explicit OutputFiles(OutputPlan plan);
 
   // The extension of the name says the format.
   void AddImage(const std::string& name, const cv::Mat& image);
@@ -24,7 +36,9 @@ class OutputFiles {
   void Commit();
 
  private:
-  std::filesystem::path folder_;
+  std::vector<std::filesystem::path> CheckPlaces() const;  // returns the files to remove
+
+  OutputPlan plan_;
   std::vector<std::pair<std::string, std::vector<uint8_t>>> files_;
 };
 

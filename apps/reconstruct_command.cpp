@@ -24,10 +24,12 @@ std::string Format(double value) {
   return text.str();
 }
 
-std::vector<InputImage> LoadInputs(const ReconstructOptions& options,
-                                   const Parameters& parameters) {
-  std::vector<InputImage> inputs =
-      options.split_channels ? LoadChannels(options.files.front()) : LoadImages(options.files);
+// Bits as in LoadImages.
+std::vector<InputImage> LoadInputs(const ReconstructOptions& options, const Parameters& parameters,
+                                   int& bits) {
+  std::vector<InputImage> inputs = options.split_channels
+                                       ? LoadChannels(options.files.front(), bits)
+                                       : LoadImages(options.files, bits);
   RequireOneSize(inputs);
   const cv::Rect frame({0, 0}, inputs.front().pixels.size());
   if (parameters.region && (*parameters.region & frame) != *parameters.region) {
@@ -79,6 +81,15 @@ Parameters CompleteParameters(Tool& tool, const std::vector<cv::Mat>& images,
   return parameters;
 }
 
+OutputPlan PlanOutputs(const ReconstructOptions& options, const OutputSet& outputs) {
+  OutputPlan plan = {options.out, {}, {}, kRecordName, options.files};
+  for (const Output output : kAllOutputs) {
+    (outputs.Contains(output) ? plan.made : plan.others).push_back(FileName(output));
+  }
+  plan.made.emplace_back(kRecordName);
+  return plan;
+}
+
 double LapMs(int64_t& mark) {
   const int64_t now = cv::getTickCount();
   const double lap = static_cast<double>(now - mark) / cv::getTickFrequency() * 1000.0;
@@ -88,13 +99,14 @@ double LapMs(int64_t& mark) {
 
 void Reconstruct(const ReconstructOptions& options) {
   const Request request = ParseRequest(options);
-  OutputFiles files(options.out);
+  OutputFiles files(PlanOutputs(options, request.parameters.outputs));
   Console console(options.quiet);
   RunRecord record;
   int64_t mark = cv::getTickCount();
 
   console.Step("loading images");
-  record.inputs = LoadInputs(options, request.parameters);
+  record.bits = options.bits;
+  record.inputs = LoadInputs(options, request.parameters, record.bits);
   std::vector<cv::Mat> images;
   for (const InputImage& input : record.inputs) images.push_back(input.pixels);
   record.load_ms = LapMs(mark);
@@ -113,9 +125,9 @@ void Reconstruct(const ReconstructOptions& options) {
   console.Step("writing files");
   for (const Output output : kAllOutputs) {
     if (!record.parameters.outputs.Contains(output)) continue;
-    files.AddImage(std::string(Name(output)) + ".png", results[output]);
+    files.AddImage(FileName(output), results[output]);
   }
-  files.AddText("run.json", ToJson(record, options, request));
+  files.AddText(kRecordName, ToJson(record, options, request));
   files.Commit();
   console.Note("wrote " + std::string(options.out));
 }
@@ -131,7 +143,8 @@ void AddReconstructCommand(CLI::App& app) {
   command->footer(
       "Writes factor.png (brightness), curvature.png, magnitude.png, channel0.png, channel1.png "
       "(slopes), channel2.png (brightness), normal.png (the three channels), height.png (16-bit), "
-      "and run.json with all that was used, found and timed. Exit codes: 0 done, 1 failed, 2 wrong "
+      "and run.json with all that was used, found and timed. Replaces or removes the results that "
+      "an earlier run.json in DIR lists, and no other file. Exit codes: 0 done, 1 failed, 2 wrong "
       "arguments.");
 }
 

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "apps/commands.h"
+#include "apps/input_images.h"
 
 namespace velostrix::cli {
 namespace {
@@ -29,8 +30,13 @@ std::optional<Output> OutputNamed(const std::string& name) {
 void RequireFileCount(const ReconstructOptions& options) {
   const size_t count = options.files.size();
   if (options.split_channels ? count == 1 : (count >= 3 && count <= 8)) return;
+  std::string reason;
+  for (const std::string& file : options.files) {
+    if (reason.empty()) reason = WhyUnreadable(file);
+  }
   throw UsageError(
-      "IMAGE: " + std::to_string(count) + " files given; expected " +
+      "IMAGE: " + std::to_string(count) + (count == 1 ? " file given" : " files given") +
+      (reason.empty() ? "" : " (" + reason + ")") + "; expected " +
       (options.split_channels ? "1 colour file with --split-channels" : "3 to 8 of one scene"));
 }
 
@@ -64,10 +70,11 @@ cv::Rect ParseRegion(const std::string& text) {
   return {corners[0], corners[1], corners[2] - corners[0] + 1, corners[3] - corners[1] + 1};
 }
 
-// NAME=VALUE
+// NAME=VALUE; the name joins those given.
 template <typename T>
 std::pair<Output, T> ParseScaling(const std::string& option, const std::string& text,
-                                  const OutputSet& accepted) {
+                                  const OutputSet& accepted, const OutputSet& made,
+                                  OutputSet& given) {
   const size_t equals = text.find('=');
   const std::optional<Output> output = OutputNamed(text.substr(0, equals));
   T value = {};
@@ -79,6 +86,11 @@ std::pair<Output, T> ParseScaling(const std::string& option, const std::string& 
     }
     throw UsageError(option + ' ' + text + ": expected NAME=NUMBER with NAME one of " + names);
   }
+  if (!made.Contains(*output)) {
+    throw UsageError(option + ' ' + text + ": this image is not made; see --outputs");
+  }
+  if (given.Contains(*output)) throw UsageError(option + ' ' + text + ": given twice");
+  given.Add(*output);
   return {*output, value};
 }
 
@@ -91,9 +103,7 @@ void DeclareReconstructOptions(CLI::App& command, ReconstructOptions& options) {
       "IMAGE", options.files,
       "3 to 8 image files (PNG, BMP, TIFF, JPEG) of one part, each under another lamp; "
       "colour and 16-bit files are converted to 8-bit grey");
-  command.add_option("--out", options.out, "Folder to write to; made when it is not there")
-      ->required()
-      ->type_name("DIR");
+  AddOut(command, options.out, "Folder to write to; made when it is not there")->type_name("DIR");
   command.add_flag("--split-channels", options.split_channels,
                    "IMAGE is one colour file: its red, green and blue channel are three lamps");
   command
@@ -123,8 +133,15 @@ void DeclareReconstructOptions(CLI::App& command, ReconstructOptions& options) {
       .add_option("--scale", p.scale,
                   "Work on images scaled by this (below 0.99): faster and calmer, less detail")
       ->check(CLI::Range(0.001, 1.0))
+      ->check(IsNumber())
       ->capture_default_str()
       ->type_name("S");
+  command
+      .add_option("--bits", options.bits,
+                  "Bits in use of the samples of 16-bit files, 8 to 16; when not given, 10, 12, 14 "
+                  "or 16, as the largest sample of all files needs")
+      ->check(CLI::Range(8, 16))
+      ->type_name("B");
   command.add_flag("--equalise", p.equalise,
                    "Even out the brightness of the columns of every image first");
   command
@@ -174,16 +191,21 @@ Request ParseRequest(const ReconstructOptions& options) {
 
   OutputSet scaled = {Output::kCurvature, Output::kMagnitude, Output::kChannel0, Output::kChannel1,
                       Output::kChannel2};
+  OutputSet made = parameters.outputs;
+  if (made.Contains(Output::kNormal)) {
+    for (const Output channel : kChannels) made.Add(channel);
+  }
+  OutputSet given_offsets;
   for (const std::string& text : options.offsets) {
-    const auto [output, offset] = ParseScaling<int>("--offset", text, scaled);
+    const auto [output, offset] = ParseScaling<int>("--offset", text, scaled, made, given_offsets);
     request.given_offsets[output] = Scaling(parameters, output)->offset = offset;
   }
   scaled.Add(Output::kFactor);
   for (const std::string& text : options.gains) {
-    const auto [output, gain] = ParseScaling<double>("--gain", text, scaled);
+    const auto [output, gain] =
+        ParseScaling<double>("--gain", text, scaled, made, request.given_gains);
     OutputScaling* const scaling = Scaling(parameters, output);
     (scaling != nullptr ? scaling->gain : parameters.factor_gain) = gain;
-    request.given_gains.Add(output);
   }
   return request;
 }

@@ -14,6 +14,7 @@ namespace velostrix::cli {
 struct ReconstructOptions {
   std::vector<std::string> files;
   std::string out;
+  int bits = 0;  // 0: to be found
   bool split_channels = false;
   bool quiet = false;
   std::string run = "uncali";

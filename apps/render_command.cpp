@@ -12,6 +12,8 @@
 namespace velostrix::cli {
 namespace {
 
+constexpr int kMostImages = 8;
+
 struct RenderOptions {
   std::string out;
   std::string size;
@@ -34,7 +36,20 @@ cv::Size ParseSize(const std::string& text) {
   return size;
 }
 
-std::string Describe(const RenderOptions& options, const scene::Scene& scene) {
+OutputPlan PlanOutputs(const RenderOptions& options) {
+  OutputPlan plan = {options.out, {}, {}, "truth/scene.json", {}};
+  for (int k = 0; k < kMostImages; ++k) {
+    (k < options.scene.images ? plan.made : plan.others)
+        .push_back("image" + std::to_string(k) + ".png");
+  }
+  for (const char* name : {"height.tiff", "normals.tiff", "albedo.tiff", "scene.json"}) {
+    plan.made.push_back(std::string("truth/") + name);
+  }
+  return plan;
+}
+
+std::string Describe(const RenderOptions& options, const scene::Scene& scene,
+                     const OutputPlan& plan) {
   nlohmann::ordered_json lamps = nlohmann::ordered_json::array();
   for (const cv::Vec3f& lamp : scene.lamps) lamps.push_back({lamp[0], lamp[1], lamp[2]});
   const nlohmann::ordered_json description = {
@@ -46,13 +61,15 @@ std::string Describe(const RenderOptions& options, const scene::Scene& scene) {
       {"steepest_slope", options.scene.steepness},
       {"height", "height.tiff: float, pixels"},
       {"normals", "normals.tiff: 3 x float, unit vectors (x, y, z) as OpenCV reads them"},
-      {"albedo", "albedo.tiff: float, grey levels"}};
+      {"albedo", "albedo.tiff: float, grey levels"},
+      {"outputs", plan.made}};
   return description.dump(2) + '\n';
 }
 
 void RenderScene(RenderOptions& options) {
   const cv::Size size = ParseSize(options.size);
-  OutputFiles files(options.out);
+  const OutputPlan plan = PlanOutputs(options);
+  OutputFiles files(plan);
   Console console(options.quiet);
   options.scene.width = size.width;
   options.scene.height = size.height;
@@ -62,13 +79,11 @@ void RenderScene(RenderOptions& options) {
   const scene::Scene scene = scene::Render(options.scene);
 
   console.Step("writing files");
-  for (size_t k = 0; k < scene.images.size(); ++k) {
-    files.AddImage("image" + std::to_string(k) + ".png", scene.images[k]);
-  }
+  for (size_t k = 0; k < scene.images.size(); ++k) files.AddImage(plan.made[k], scene.images[k]);
   files.AddImage("truth/height.tiff", scene.height);
   files.AddImage("truth/normals.tiff", scene.normals);
   files.AddImage("truth/albedo.tiff", scene.albedo);
-  files.AddText("truth/scene.json", Describe(options, scene));
+  files.AddText("truth/scene.json", Describe(options, scene, plan));
   files.Commit();
   console.Note("wrote " + std::to_string(scene.images.size()) +
                " images and their ground truth to " + options.out);
@@ -84,11 +99,9 @@ void AddRenderCommand(CLI::App& app) {
       "render",
       "Render the sample scene: a part with relief and print, once for each lamp, as image0.png, "
       "image1.png ... and what is to be found, the ground truth, in the folder truth");
-  command->add_option("--out", options->out, "Folder to write to; made when it is not there")
-      ->required()
-      ->type_name("DIR");
+  AddOut(*command, options->out, "Folder to write to; made when it is not there")->type_name("DIR");
   command->add_option("--images", scene.images, "Number of images, that is, of lamps")
-      ->check(CLI::Range(3, 8))
+      ->check(CLI::Range(3, kMostImages))
       ->capture_default_str()
       ->type_name("N");
   command->add_option("--size", options->size, "Size of the images in pixels")
@@ -107,12 +120,14 @@ void AddRenderCommand(CLI::App& app) {
       ->type_name("S");
   command->add_option("--noise", scene.noise, "Noise of the camera in grey levels")
       ->check(CLI::Range(0.0, 50.0))
+      ->check(IsNumber())
       ->capture_default_str()
       ->type_name("SIGMA");
   command
       ->add_option("--steepness", scene.steepness,
                    "Steepest slope of the relief; above 0.43 a lamp of the ring may leave shadows")
       ->check(CLI::Range(0.0, 4.0))
+      ->check(IsNumber())
       ->capture_default_str()
       ->type_name("SLOPE");
   command->add_flag("--quiet", options->quiet, "Say nothing but errors");

@@ -44,6 +44,10 @@ Json ParametersOf(const RunRecord& record, const ReconstructOptions& options,
   if (p.run == Run::kPartRows || p.run == Run::kPartCols) json["band"] = p.band;
   if (p.region)
     json["roi"] = {p.region->x, p.region->y, p.region->br().x - 1, p.region->br().y - 1};
+  if (record.bits != 0) {
+    json["bits"] = record.bits;
+    json["bits_given"] = options.bits != 0;
+  }
   json["scale"] = p.scale;
   json["equalise"] = p.equalise;
   json["difference"] = options.difference;
@@ -55,13 +59,15 @@ Json ParametersOf(const RunRecord& record, const ReconstructOptions& options,
 
 }  // namespace
 
+std::string FileName(Output output) { return std::string(Name(output)) + ".png"; }
+
 std::string ToJson(const RunRecord& record, const ReconstructOptions& options,
                    const Request& request) {
   const Parameters& p = record.parameters;
   const cv::Size size = record.inputs.front().pixels.size();
   Json outputs = Json::array();
   for (const Output output : kAllOutputs) {
-    if (p.outputs.Contains(output)) outputs.push_back(std::string(Name(output)) + ".png");
+    if (p.outputs.Contains(output)) outputs.push_back(FileName(output));
   }
   const Json json = {{"version", VELOSTRIX_VERSION},
                      {"inputs", Inputs(record)},
@@ -80,7 +86,8 @@ std::string ToJson(const RunRecord& record, const ReconstructOptions& options,
                        {"set_images", record.calls.images},
                        {"run", record.calls.run}}},
                      {"outputs", outputs}};
-  return json.dump(2) + '\n';
+  // File names need not be UTF-8.
+  return json.dump(2, ' ', false, Json::error_handler_t::replace) + '\n';
 }
 
 }  // namespace velostrix::cli

@@ -40,7 +40,8 @@ size_t Rank(const fs::path& file) {
   return 0;
 }
 
-SheetRow ReadRow(const std::string& folder) {
+// The files are added to those that were read.
+SheetRow ReadRow(const std::string& folder, std::vector<std::string>& read) {
   if (!fs::is_directory(folder))
     throw Failure(folder + ": no such folder; expected one of pictures");
   std::vector<fs::path> files;
@@ -57,6 +58,7 @@ SheetRow ReadRow(const std::string& folder) {
       path.has_filename() ? path.filename().string() : path.parent_path().filename().string(), {}};
   for (const fs::path& file : files) {
     row.tiles.push_back({file.stem().string(), DecodeFile(file.string())});
+    read.push_back(file.string());
   }
   return row;
 }
@@ -66,9 +68,10 @@ void MakeSheet(const SheetOptions& options) {
   if (!IsPicture(out)) {
     throw UsageError("--out " + options.out + ": expected a name that ends in .png, .tiff or .jpg");
   }
-  OutputFiles files(out.parent_path());
+  OutputPlan plan = {out.parent_path(), {out.filename().string()}, {}, {}, {}};
   std::vector<SheetRow> rows;
-  for (const std::string& folder : options.folders) rows.push_back(ReadRow(folder));
+  for (const std::string& folder : options.folders) rows.push_back(ReadRow(folder, plan.inputs));
+  OutputFiles files(plan);
   files.AddImage(out.filename().string(), ComposeSheet(rows, options.tile_width));
   files.Commit();
 }
@@ -81,9 +84,7 @@ void AddSheetCommand(CLI::App& app) {
       "sheet", "Put the pictures of folders into one picture: a labelled row for each folder");
   command->add_option("FOLDER", options->folders, "Folders with pictures, from top to bottom")
       ->required();
-  command->add_option("--out", options->out, "The picture to write, such as overview.png")
-      ->required()
-      ->type_name("FILE");
+  AddOut(*command, options->out, "The picture to write, such as overview.png")->type_name("FILE");
   command->add_option("--tile", options->tile_width, "Width of each picture in pixels")
       ->check(CLI::Range(16, 4096))
       ->capture_default_str()

@@ -1,44 +1,25 @@
-// Keeps what image decoders print on stderr, so that it can be told in a line of our own.
+// Keeps what image codecs print on stderr, so that it can be said in a line of our own.
 #include "apps/stderr_capture.h"
 
-#if defined(_WIN32)
-#include <io.h>
-#else
 #include <unistd.h>
-#endif
+
+#include <opencv2/core.hpp>
 
 namespace velostrix::cli {
-namespace {
-
-constexpr int kStderr = 2;
-
-#if defined(_WIN32)
-int Duplicate(int descriptor) { return _dup(descriptor); }
-void Replace(int source, int target) { _dup2(source, target); }
-void Close(int descriptor) { _close(descriptor); }
-int DescriptorOf(std::FILE* file) { return _fileno(file); }
-#else
-int Duplicate(int descriptor) { return dup(descriptor); }
-void Replace(int source, int target) { dup2(source, target); }
-void Close(int descriptor) { close(descriptor); }
-int DescriptorOf(std::FILE* file) { return fileno(file); }
-#endif
-
-}  // namespace
 
 StderrCapture::StderrCapture() : file_(std::tmpfile()) {
   if (file_ == nullptr) return;  // no place to keep it: it is printed
   std::fflush(stderr);
-  saved_descriptor_ = Duplicate(kStderr);
-  if (saved_descriptor_ >= 0) Replace(DescriptorOf(file_), kStderr);
+  saved_descriptor_ = dup(STDERR_FILENO);
+  if (saved_descriptor_ >= 0) dup2(fileno(file_), STDERR_FILENO);
 }
 
 std::string StderrCapture::End() {
   if (file_ == nullptr) return {};
   if (saved_descriptor_ >= 0) {
     std::fflush(stderr);
-    Replace(saved_descriptor_, kStderr);
-    Close(saved_descriptor_);
+    dup2(saved_descriptor_, STDERR_FILENO);
+    close(saved_descriptor_);
   }
   std::string line;
   std::rewind(file_);
@@ -48,6 +29,19 @@ std::string StderrCapture::End() {
   std::fclose(file_);
   file_ = nullptr;
   return line;
+}
+
+std::string CodeQuietly(const std::function<void()>& code) {
+  StderrCapture capture;
+  std::string error;
+  try {
+    code();
+  } catch (const cv::Exception& e) {
+    if (e.code == cv::Error::StsNoMem) throw;
+    error = e.err;
+  }
+  const std::string said = capture.End();
+  return said.empty() ? error : said;
 }
 
 }  // namespace velostrix::cli

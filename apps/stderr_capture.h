@@ -1,7 +1,8 @@
-// Keeps what image decoders print on stderr, so that it can be told in a line of our own.
+// Keeps what image codecs print on stderr, so that it can be said in a line of our own.
 #pragma once
 
 #include <cstdio>
+#include <functional>
 #include <string>
 
 namespace velostrix::cli {
@@ -20,5 +21,9 @@ class StderrCapture {
   std::FILE* file_;
   int saved_descriptor_ = -1;
 };
+
+// Calls OpenCV's reading or writing of images; returns what was remarked, or the error. Memory that
+// cannot be had is thrown.
+std::string CodeQuietly(const std::function<void()>& code);
 
 }  // namespace velostrix::cli

@@ -16,7 +16,7 @@ import numpy as np
 from PIL import Image
 
 OPTIONS = (
-    "--run --band --outputs --roi --scale --equalise --difference --blur --iterations --gain"
+    "--run --band --bits --outputs --roi --scale --equalise --difference --blur --iterations --gain"
     " --offset --split-channels --quiet --nonsense"
 ).split()
 VALUES = (

@@ -1,9 +1,12 @@
 """The command line as a user calls it: what it writes, what it says, and how it ends."""
 import json
+import os
 import pathlib
+import signal
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 import numpy as np
@@ -21,11 +24,16 @@ class CommandLine(unittest.TestCase):
         self.run_well("render --out inputs --images 5 --size 96x72 --quiet")
         self.image = self.read("inputs/image0.png")
 
-    def call(self, arguments):
+    def start(self, arguments, before="exec"):
+        return subprocess.Popen(f"{before} {PROGRAM} {arguments}", shell=True, cwd=self.folder,
+                                text=True, errors="replace", stdout=subprocess.PIPE,
+                                stderr=subprocess.STDOUT)
+
+    def call(self, arguments, before="exec"):
         """Exit code and what was said."""
-        done = subprocess.run(f"{PROGRAM} {arguments}", shell=True, cwd=self.folder, text=True,
-                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-        return done.returncode, done.stdout
+        process = self.start(arguments, before)
+        said, _ = process.communicate(timeout=60)
+        return process.returncode, said
 
     def run_well(self, arguments):
         exit_code, said = self.call(arguments)
@@ -51,23 +59,18 @@ class CommandLine(unittest.TestCase):
         self.assertIn("gains and offsets: curvature ", said)
         self.assertNotIn("warning", said)
         record = self.read_json("out/run.json")
-        self.assertEqual(len(record["inputs"]), 5)
         self.assertEqual(record["inputs"][0]["saturated_share"], 0.0)
         self.assertEqual(len(record["singular_values"]), 5)
-        self.assertEqual(record["sizes"]["working"], record["sizes"]["input"])
-        self.assertEqual(record["parameters"]["scaling"]["curvature"]["offset"], 128)
         self.assertEqual(record["parameters"]["scaling"]["channel0"]["offset"], 99)
         self.assertGreater(record["parameters"]["scaling"]["channel0"]["gain"], 1.0)
         self.assertGreater(record["times_ms"]["run"], 0.0)
-        self.assertEqual(len(record["outputs"]), 8)
 
     def test_given_parameters_are_used_and_recorded(self):
         self.assertEqual("", self.run_well(
             "reconstruct inputs/image*.png --out out --run partcols --band 30 --quiet"
-            " --outputs height,curvature --roi 10,8,69,57 --scale 0.5 --equalise"
+            " --outputs height,curvature,factor --roi 10,8,69,57 --scale 0.5 --equalise"
             " --difference forward --blur 2 --iterations 9"
             " --gain curvature=33.5 --offset curvature=-7 --gain factor=2"))
-        self.assertEqual(self.files_in("out"), ["curvature.png", "height.png", "run.json"])
         self.assertEqual(self.read("out/height.png").shape, (50, 60))
         record = self.read_json("out/run.json")
         expected = {"run": "partcols", "band": 30, "roi": [10, 8, 69, 57], "scale": 0.5,
@@ -81,18 +84,68 @@ class CommandLine(unittest.TestCase):
 
     def test_formats_are_converted_and_channels_split(self):
         self.write("colour.bmp", np.dstack([self.image] * 3))
-        self.write("words.tiff", self.image.astype(np.uint16) * 257)
-        said = self.run_well("reconstruct inputs/image0.png colour.bmp words.tiff --out mixed")
+        self.write("same.png", self.image)
+        said = self.run_well("reconstruct same.png colour.bmp inputs/image1.png --out same")
         self.assertIn("colour.bmp: 0 % saturated, 0 % black; colour converted to grey", said)
-        self.assertIn("words.tiff: 0 % saturated, 0 % black; 16-bit samples divided by 257", said)
-        self.assertIn("warning: the images are too alike to show relief", said)
-        self.assertLess(self.read_json("mixed/run.json")["singular_values"][1], 1e-6)
+        self.assertIn("warning: the images are too alike to determine relief in two", said)
 
-        lamps = [self.read(f"inputs/image{k}.png") for k in range(3)]
+        lamps = [self.read(f"inputs/image{k}.png") // (k * k + 1) for k in range(3)]
         self.write("lamps.png", np.dstack(lamps))
         self.run_well("reconstruct lamps.png --split-channels --run cali --out one")
-        self.run_well("reconstruct inputs/image[012].png --run cali --out three")
-        np.testing.assert_array_equal(self.read("one/normal.png"), self.read("three/normal.png"))
+        names = ["\udcff.png", "b\x1b.png", "c.png"]
+        for bits in (10, 12, 14, 16):  # found, and the same for the dark image
+            for name, pixels in zip(names, lamps):
+                self.write(name, np.rint(pixels / 255 * (2**bits - 1)).astype(np.uint16))
+            said = self.run_well(
+                f"reconstruct {' '.join(names)} --run cali --outputs normal --out {bits}")
+            self.assertIn("b\\x1b.png: 0 % saturated, 0 % black; 16-bit samples ", said)
+            record = self.read_json(f"{bits}/run.json")
+            self.assertEqual(record["parameters"]["bits"], bits)
+            one, other = (self.read(f"{out}/normal.png") for out in ("one", bits))
+            np.testing.assert_array_equal(one, other)
+        self.assertEqual(record["inputs"][0]["file"], "\ufffd.png")
+
+    def test_a_folder_holds_one_run_and_what_is_not_ours(self):
+        reconstruct = "reconstruct inputs/image*.png --quiet --out {} --outputs {}".format
+        self.run_well(reconstruct("out", "all"))
+        record = self.read_json("out/run.json")
+        record["outputs"] += ["mine.png", "../inputs/image0.png", 7]  # by another hand
+        (self.folder / "out/run.json").write_text(json.dumps(record))
+        (self.folder / "out/mine.png").touch()
+        self.run_well(reconstruct("out", "height"))
+        self.assertEqual(self.files_in("out"), ["height.png", "mine.png", "run.json"])
+        self.run_well("render --out inputs --images 3 --size 96x72 --quiet")
+        self.assertEqual(self.files_in("inputs"), [f"image{k}.png" for k in range(3)] + ["truth"])
+
+        runs = [self.start(reconstruct("two", outputs))
+                for outputs in ("factor,normal", "normal,magnitude", "channel0") * 3]
+        self.assertEqual([run.communicate()[0] for run in runs], [""] * 9)
+        listed = sorted(self.read_json("two/run.json")["outputs"])
+        self.assertEqual(self.files_in("two"), listed + ["run.json"])
+
+    def test_an_interrupted_run_leaves_nothing_or_all(self):
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+            with self.start(f"render --quiet --size 1500x1000 --images 3 --out {number}") as run:
+                while run.poll() is None and not (self.folder / str(number)).exists():
+                    time.sleep(0.001)
+                run.send_signal(number)
+            files = [path for path in (self.folder / str(number)).rglob("*") if path.is_file()]
+            self.assertIn((run.returncode, len(files)), [(-number, 0), (-number, 7), (0, 7)])
+
+    def test_short_memory_is_said_in_one_line(self):
+        def call(arguments, megabytes):
+            return self.call(arguments, f"ulimit -v {megabytes}000; exec")
+
+        needed = next((m for m in range(100, 1000, 10) if call("info", m)[0] == 0), None)
+        if needed is None:
+            self.skipTest("this sanitizer needs all addresses")
+        for arguments in ("render --quiet --out large --size 1000x600 --images 3",
+                          "reconstruct --quiet --out o --outputs normal large/image*.png",
+                          "sheet --out sheet.tiff --tile 1000 large"):
+            ends = {call(arguments, needed + more) for more in range(5, 80, 5)}
+            self.assertEqual({exit_code for exit_code, _ in ends}, {0, 1}, ends)
+            for exit_code, said in ends:
+                self.assertRegex(said, r"\Avelostrix: [^\n]*\n\Z" if exit_code else r"\A\Z")
 
     def test_bad_exposure_is_warned_of(self):
         half = self.image.copy()
@@ -108,18 +161,14 @@ class CommandLine(unittest.TestCase):
         self.assertEqual(len(self.read_json("out/run.json")["warnings"]), 3)
 
     def test_the_scene_comes_with_its_truth_and_fits_on_a_sheet(self):
-        for out in "ab":
-            self.run_well(f"render --out {out} --lamps random --images 3 --size 40x30 --seed 7")
-        self.assertEqual(self.files_in("a"), ["image0.png", "image1.png", "image2.png", "truth"])
+        self.run_well("render --out a --lamps random --images 4 --size 40x30 --seed 7")
+        self.assertEqual(self.files_in("a"), [f"image{k}.png" for k in range(4)] + ["truth"])
         self.assertEqual(self.files_in("a/truth"),
                          ["albedo.tiff", "height.tiff", "normals.tiff", "scene.json"])
-        self.assertEqual(len(self.read_json("a/truth/scene.json")["lamps"]), 3)
+        self.assertEqual(len(self.read_json("a/truth/scene.json")["lamps"]), 4)
         self.assertEqual(self.read("a/truth/height.tiff").dtype, np.float32)
-        np.testing.assert_array_equal(self.read("a/image2.png"), self.read("b/image2.png"))
         self.run_well("sheet inputs inputs/truth --out sheet.png --tile 50")
-        rows, cols, _ = self.read("sheet.png").shape
-        self.assertEqual(cols, 8 + 5 * (50 + 8))
-        self.assertGreater(rows, 2 * 38)
+        self.assertEqual(self.read("sheet.png").shape[1], 8 + 5 * (50 + 8))
 
     def test_it_tells_about_itself(self):
         self.assertIn("processor", self.run_well("info"))
@@ -134,47 +183,60 @@ class CommandLine(unittest.TestCase):
         (self.folder / "cut.png").write_bytes(whole[: len(whole) // 2])
         self.write("small.png", self.image[2:])
         self.write("float.tiff", self.image.astype(np.float32))
-        at_first = self.files_in(".")
+        self.write("words.tiff", self.image.astype(np.uint16) * 257)
+        os.mkfifo(self.folder / "fifo")
+        (self.folder / "folder/height.png").mkdir(parents=True)
+        (self.folder / "given").mkdir()
+        (self.folder / "given/height.png").symlink_to("../inputs/image2.png")
+        (self.folder / "given/image0.png").touch()
+        at_first = sorted(self.folder.rglob("*"))
         good = "reconstruct inputs/image*.png --quiet --out out "
-        two = "reconstruct inputs/image0.png inputs/image1.png --quiet --out out "
+        pair = "reconstruct inputs/image0.png inputs/image1.png --quiet "
+        two = pair + "--out out "
         for arguments, exit_code, *said in (
             ("", 2, "expected one of reconstruct render sheet info"),
             ("frobnicate", 2, "frobnicate: no such command", "expected one of reconstruct"),
             ("reconstruct a b c", 2, "--out is required"),
             (two, 2, "IMAGE: 2 files given", "expected 3 to 8"),
-            (two + "1 2 3 4 5 6 7", 2, "IMAGE: 9 files given"),
             (two + "--split-channels", 2, "expected 1 colour file"),
             (good + "--frobnicate", 2, "--frobnicate"),
             (good + "--run best", 2, "--run", "best", "uncali", "partcols"),
-            (good + "--band 9", 2, "--band", "9"),
             (good + "--outputs factor,depth", 2, "--outputs factor,depth", "curvature"),
-            (good + "--roi 1,2,3", 2, "--roi 1,2,3", "X1,Y1,X2,Y2"),
             (good + "--roi 9,9,5,20", 2, "--roi 9,9,5,20", "first and last pixel"),
-            (good + "--roi 0,0,99999999999,5", 2, "--roi", "X1,Y1,X2,Y2"),
             (good + "--roi 0,0,96,71", 1, "--roi 0,0,96,71", "from 0,0 to 95,71"),
             (good + "--roi 4,4,5,9", 1, "2 x 6 pixels", "at least 3 x 2"),
             (good + "--scale 0", 2, "--scale", "0.001"),
+            (good + "--scale nan", 2, "--scale", "nan"),
             (good + "--blur -1", 2, "--blur", "0 to 32767"),
-            (good + "--iterations many", 2, "--iterations", "many"),
-            (good + "--difference both", 2, "--difference", "central", "forward"),
             (good + "--gain height=2", 2, "--gain height=2", "NAME=NUMBER", "factor, curvature"),
-            (good + "--gain curvature", 2, "--gain curvature", "NAME=NUMBER"),
             (good + "--offset channel0=1.5", 2, "--offset channel0=1.5", "NAME=NUMBER"),
+            (good + "--outputs height --gain factor=2", 2, "--gain factor=2", "not made"),
+            (good + "--gain factor=2 --gain factor=3", 2, "--gain factor=3", "twice"),
+            (pair + "inputs/image2.png --out ''", 2, "--out"),
+            ("reconstruct inputs --out out", 2, "1 file given", "is a folder", "inputs/*.png"),
+            ("reconstruct 'x*.png' --out out", 2, "1 file given", "no file matches"),
+            (two + "fifo", 1, "fifo: is not a regular file"),
+            (two + "/dev/zero", 1, "/dev/zero: is not a regular file"),
+            (two + "'no\nsuch.png'", 1, "no\\x0asuch.png: no such file"),
+            (two + "words.tiff --bits 12", 1, "words.tiff: has the value", "--bits 12"),
+            (pair + "inputs/image2.png --out given", 1, "inputs/image2.png: is an input"),
+            (pair + "inputs/image3.png --out folder", 1, "folder/height.png: is there already"),
+            ("render --out given", 1, "given/image0.png: is there already"),
+            ("sheet inputs --out ./inputs/image1.png", 1, "inputs/image1.png: is an input"),
+            ("info > /dev/full", 1, "standard output"),
+            ("render --help > /dev/full", 1, "standard output"),
             (two + "none.png", 1, "none.png: no such file", "expected"),
-            (two + "inputs", 1, "inputs: is a folder", "expected"),
             (two + "text.png", 1, "text.png: cannot be decoded", "PNG"),
             (two + "cut.png", 1, "cut.png: cannot be decoded", "PNG"),
             (two + "empty.png", 1, "empty.png: is empty"),
             (two + "float.tiff", 1, "float.tiff", "8 or 16 bits"),
             (two + "small.png", 1, "small.png: 96 x 70", "96 x 72"),
             ("reconstruct small.png --split-channels --out out", 1, "expected a colour image"),
-            ("reconstruct inputs/image*.png --out small.png", 1, "small.png: is a file", "folder"),
-            ("reconstruct inputs/image*.png --quiet --out small.png/x", 1, "small.png/x"),
-            ("render --out out --images 2", 2, "--images", "3 to 8"),
+            ("reconstruct inputs/image*.png --quiet --out small.png/x", 1, "small.png: is a file"),
             ("render --out out --size 640", 2, "--size 640", "WIDTHxHEIGHT"),
             ("render --out out --size 8x8", 2, "--size 8x8", "from 16"),
-            ("render --out out --lamps sun", 2, "--lamps", "ring", "random"),
             ("render --out out --seed -1", 2, "--seed"),
+            ("render --out out --noise nan", 2, "--noise", "nan"),
             ("sheet out --out sheet.png", 1, "out: no such folder"),
             ("sheet inputs --out sheet.txt", 2, "--out sheet.txt", ".png"),
         ):
@@ -184,7 +246,7 @@ class CommandLine(unittest.TestCase):
                 self.assertRegex(line, r"\Avelostrix: [^\n]*\n\Z")
                 for text in said:
                     self.assertIn(text, line)
-        self.assertEqual(self.files_in("."), at_first)
+        self.assertEqual(sorted(self.folder.rglob("*")), at_first)
 
 
 if __name__ == "__main__":

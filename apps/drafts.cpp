@@ -1,0 +1,117 @@
+// New files, written beside their places and put there together.
+#include "apps/drafts.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <set>
+#include <system_error>
+#include <thread>
+
+#include "apps/commands.h"
+
+namespace velostrix::cli {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::atomic<int> kept_signal = 0;
+static_assert(std::atomic<int>::is_always_lock_free, "a signal handler stores to it");
+
+extern "C" void KeepSignal(int signal) { kept_signal = signal; }
+
+int OpenFolder(const fs::path& folder) {
+  return open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+}
+
+[[noreturn]] void FailToWrite(const fs::path& place) {
+  throw Failure(place.string() + ": cannot be written: " + std::strerror(errno));
+}
+
+}  // namespace
+
+SignalHold::SignalHold() {
+  struct sigaction keep = {};
+  keep.sa_handler = KeepSignal;
+  for (size_t k = 0; k < kSignals.size(); ++k) {
+    sigaction(kSignals[k], nullptr, &before_[k]);
+    if (before_[k].sa_handler != SIG_IGN) sigaction(kSignals[k], &keep, nullptr);
+  }
+}
+
+SignalHold::~SignalHold() {
+  for (size_t k = 0; k < kSignals.size(); ++k) sigaction(kSignals[k], &before_[k], nullptr);
+  if (kept_signal != 0) raise(kept_signal);
+}
+
+void SignalHold::Check() {
+  if (kept_signal != 0) throw Failure("interrupted");
+}
+
+Descriptor::~Descriptor() {
+  if (number_ >= 0) close(number_);
+}
+
+Descriptor LockFolder(const fs::path& folder) {
+  constexpr int kTries = 40;
+  constexpr std::chrono::milliseconds kPause(50);
+  const int descriptor = OpenFolder(folder);
+  for (int k = 0; k < kTries && flock(descriptor, LOCK_EX | LOCK_NB) != 0; ++k) {
+    if (errno != EWOULDBLOCK) break;
+    SignalHold::Check();
+    std::this_thread::sleep_for(kPause);
+  }
+  return Descriptor(descriptor);
+}
+
+Drafts::~Drafts() {
+  for (const auto& [draft, place] : drafts_) unlink(draft.c_str());
+}
+
+void Drafts::Write(const fs::path& place, const std::vector<uint8_t>& bytes) {
+  drafts_.reserve(drafts_.size() + 1);  // once the file is there, its name cannot get lost
+  std::pair<fs::path, fs::path> entry({}, place);
+  int descriptor = -1;
+  for (size_t k = drafts_.size(); descriptor < 0; ++k) {
+    entry.first = place.parent_path() /
+                  (".velostrix-" + std::to_string(getpid()) + '-' + std::to_string(k) + ".part");
+    descriptor =
+        open(entry.first.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+    if (descriptor < 0 && errno != EEXIST) FailToWrite(place);
+  }
+  drafts_.push_back(std::move(entry));
+  const Descriptor file(descriptor);
+
+  constexpr size_t kPiece = 1 << 20;  // a signal waits for no more
+  for (size_t done = 0; done < bytes.size();) {
+    SignalHold::Check();
+    const ssize_t written =
+        write(file.number(), bytes.data() + done, std::min(kPiece, bytes.size() - done));
+    if (written < 0 && errno != EINTR) FailToWrite(place);
+    if (written > 0) done += static_cast<size_t>(written);
+  }
+  if (fsync(file.number()) != 0) FailToWrite(place);
+}
+
+void Drafts::PutInPlace() {
+  // Not every file system can sync a folder: no reason to fail.
+  const auto sync_folders = [this] {
+    std::set<fs::path> folders;
+    for (const auto& [draft, place] : drafts_) folders.insert(place.parent_path());
+    for (const fs::path& folder : folders) fsync(Descriptor(OpenFolder(folder)).number());
+  };
+  for (const auto& [draft, place] : drafts_) {
+    if (place == drafts_.back().second) sync_folders();
+    if (rename(draft.c_str(), place.c_str()) != 0) FailToWrite(place);
+  }
+  sync_folders();
+  drafts_.clear();
+}
+
+}  // namespace velostrix::cli
