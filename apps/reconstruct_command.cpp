@@ -48,7 +48,8 @@ Diagnostics DiagnoseInputs(const std::vector<InputImage>& inputs, const Paramete
     parts.push_back(parameters.region ? input.pixels(*parameters.region) : input.pixels);
     names.push_back(input.file);
   }
-  Diagnostics diagnostics = Diagnose(parts, names);
+  const bool with_ring = parameters.run == Run::kCalibrated;
+  Diagnostics diagnostics = Diagnose(parts, names, with_ring);
   for (size_t k = 0; k < inputs.size(); ++k) {
     const Exposure& exposure = diagnostics.exposures[k];
     const std::string& note = inputs[k].note;
@@ -59,6 +60,12 @@ Diagnostics DiagnoseInputs(const std::vector<InputImage>& inputs, const Paramete
   std::string values;
   for (const double value : diagnostics.singular_values) values += ' ' + Format(value);
   console.Note("difference of the lamps (relative singular values):" + values);
+  if (const auto& unexplained = diagnostics.unexplained) {
+    console.Note("not explained by the lamps of the ring: " + Format(100.0 * unexplained->by_ring) +
+                 " %, by any lamps: " + Format(100.0 * unexplained->by_any) + " %");
+  } else if (with_ring) {
+    console.Note("whether the lamps are those of the ring cannot be told from these images");
+  }
   for (const std::string& warning : diagnostics.warnings) console.Warn(warning);
   return diagnostics;
 }

@@ -25,6 +25,11 @@ Json Inputs(const RunRecord& record) {
   return inputs;
 }
 
+Json UnexplainedShare(const RunRecord& record) {
+  const auto& share = record.diagnostics.unexplained;
+  return share ? Json({{"by_ring", share->by_ring}, {"by_any_lamps", share->by_any}}) : Json();
+}
+
 Json Scalings(const RunRecord& record, const Request& request) {
   Json scalings = {{"factor", {{"gain", record.parameters.factor_gain}}}};
   for (const Output output : kAllOutputs) {
@@ -72,6 +77,7 @@ std::string ToJson(const RunRecord& record, const ReconstructOptions& options,
   const Json json = {{"version", VELOSTRIX_VERSION},
                      {"inputs", Inputs(record)},
                      {"singular_values", record.diagnostics.singular_values},
+                     {"unexplained_share", UnexplainedShare(record)},
                      {"warnings", record.diagnostics.warnings},
                      {"parameters", ParametersOf(record, options, request)},
                      {"sizes",

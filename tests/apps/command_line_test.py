@@ -87,11 +87,13 @@ class CommandLine(unittest.TestCase):
         self.write("same.png", self.image)
         said = self.run_well("reconstruct same.png colour.bmp inputs/image1.png --out same")
         self.assertIn("colour.bmp: 0 % saturated, 0 % black; colour converted to grey", said)
+        self.assertIn("warning: colour.bmp: equal to same.png", said)
         self.assertIn("warning: the images are too alike to determine relief in two", said)
 
         lamps = [self.read(f"inputs/image{k}.png") // (k * k + 1) for k in range(3)]
         self.write("lamps.png", np.dstack(lamps))
-        self.run_well("reconstruct lamps.png --split-channels --run cali --out one")
+        said = self.run_well("reconstruct lamps.png --split-channels --run cali --out one")
+        self.assertIn("whether the lamps are those of the ring cannot be told", said)
         names = ["\udcff.png", "b\x1b.png", "c.png"]
         for bits in (10, 12, 14, 16):  # found, and the same for the dark image
             for name, pixels in zip(names, lamps):
@@ -153,12 +155,14 @@ class CommandLine(unittest.TestCase):
         self.write("bright.png", np.minimum(self.image * 4.0, 255).astype(np.uint8))
         self.write("dark.png", (self.image * 0.1).astype(np.uint8))
         self.write("half.png", half)
-        said = self.run_well("reconstruct bright.png dark.png half.png --out out")
+        self.write("dead.png", (self.image > 200).astype(np.uint8))
+        said = self.run_well("reconstruct bright.png dark.png half.png dead.png --out out")
         for warning in ("warning: bright.png: ", "of the pixels are saturated; expose shorter",
                         "warning: dark.png: too dark (mean level",
-                        "warning: half.png: 50.0 % of the pixels are black"):
+                        "warning: half.png: 50.0 % of the pixels are black",
+                        "warning: dead.png: dark all over"):
             self.assertIn(warning, said)
-        self.assertEqual(len(self.read_json("out/run.json")["warnings"]), 3)
+        self.assertEqual(len(self.read_json("out/run.json")["warnings"]), 4)
 
     def test_the_scene_comes_with_its_truth_and_fits_on_a_sheet(self):
         self.run_well("render --out a --lamps random --images 4 --size 40x30 --seed 7")
@@ -167,6 +171,10 @@ class CommandLine(unittest.TestCase):
                          ["albedo.tiff", "height.tiff", "normals.tiff", "scene.json"])
         self.assertEqual(len(self.read_json("a/truth/scene.json")["lamps"]), 4)
         self.assertEqual(self.read("a/truth/height.tiff").dtype, np.float32)
+        for images, is_ring in (("inputs", True), ("a", False)):
+            said = self.run_well(
+                f"reconstruct {images}/image* --run cali --out cali --outputs normal")
+            self.assertEqual("warning: the lamps are not" not in said, is_ring, said)
         self.run_well("sheet inputs inputs/truth --out sheet.png --tile 50")
         self.assertEqual(self.read("sheet.png").shape[1], 8 + 5 * (50 + 8))
 
