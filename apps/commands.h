@@ -19,6 +19,10 @@ class Failure : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// For cv::setNumThreads.
+constexpr int kNoThreads = 0;
+constexpr int kAllCores = -1;
+
 // Each adds one command with its options; parsing the arguments then runs it.
 void AddReconstructCommand(CLI::App& app);
 void AddRenderCommand(CLI::App& app);

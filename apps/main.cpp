@@ -44,7 +44,7 @@ int main(int argc, char** argv) {
   using namespace velostrix::cli;
   signal(SIGXFSZ, SIG_IGN);  // a file that grows beyond the limit is a failed write
   // OpenCV's own threads gain nothing here, and where none can be started they end the program.
-  cv::setNumThreads(0);
+  cv::setNumThreads(kNoThreads);
   // Of a file that cannot be read, our own line tells.
   cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
 

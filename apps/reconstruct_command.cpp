@@ -126,7 +126,9 @@ void Reconstruct(const ReconstructOptions& options) {
   record.choose_gains_ms = LapMs(mark);
 
   console.Step("reconstructing");
+  cv::setNumThreads(kAllCores);  // for the height
   const Results results = tool.ReconstructViews(images, record.parameters);
+  cv::setNumThreads(kNoThreads);
   record.calls = tool.times();
 
   console.Step("writing files");
