@@ -16,6 +16,7 @@
 namespace {
 
 using nlohmann::json;
+using velostrix::bench::BrokenScene;
 using velostrix::bench::Comparison;
 using velostrix::bench::Task;
 using velostrix::bench::Workload;
@@ -47,14 +48,20 @@ std::string ProcessorName() {
   return "unknown processor";
 }
 
-json MeasurePeakMemory(const Task& task) {
-  const auto scene = velostrix::bench::SceneImages(task);
-  const auto peak = static_cast<double>(
+double PeakOfRun(const Task& task, const std::vector<cv::Mat>& scene) {
+  return static_cast<double>(
       velostrix::bench::PeakMemory([&] { velostrix::bench::RunOnce(task, scene); }));
+}
+
+json MeasurePeakMemory(const Task& task) {
+  const double peak = PeakOfRun(task, velostrix::bench::SceneImages(task));
   const double buffers = velostrix::bench::BufferBytesPerPixel(task.images) * task.size.area();
   std::printf("%5dx%-5d N=%d  peak of a run with height %7.1f MB, buffers %7.1f MB, ratio %.2f\n",
               task.size.width, task.size.height, task.images, peak / 1e6, buffers / 1e6,
               peak / buffers);
+  for (const BrokenScene& broken : velostrix::bench::BrokenScenes(task)) {
+    std::printf("  %-26s %.2fx\n", broken.name, PeakOfRun(task, broken.images) / peak);
+  }
   return {{"width", task.size.width},
           {"height", task.size.height},
           {"images", task.images},
@@ -82,6 +89,25 @@ json MeasureWorkload(const Workload& workload, cv::Size size, int repeats, doubl
           {"bandwidth_fraction", speed / bandwidth}};
 }
 
+// The uncalibrated runs without height over broken scenes, in turn with the ordinary one.
+json MeasureBrokenScenes(const Task& task, const std::vector<Workload>& runs, int repeats) {
+  json rows = json::array();
+  for (const BrokenScene& broken : velostrix::bench::BrokenScenes(task)) {
+    const auto session = velostrix::bench::MakeSession(task, broken.images);
+    const std::vector<Workload> broken_runs = velostrix::bench::Runs(session);
+    for (size_t i = 0; i < runs.size(); ++i) {
+      if (runs[i].parallel || runs[i].name == "cali") continue;
+      const Comparison time =
+          velostrix::bench::Compare(broken_runs[i].product, runs[i].product, repeats);
+      const std::string name = runs[i].name + ", " + broken.name;
+      std::printf("  %-26s %9.2f ms, ordinary %9.2f ms, %5.2fx\n", name.c_str(), time.product_ms,
+                  time.reference_ms, time.product_ms / time.reference_ms);
+      rows.push_back({{"name", name}, {"ms", time.product_ms}, {"ordinary_ms", time.reference_ms}});
+    }
+  }
+  return rows;
+}
+
 json MeasureTask(const Task& task, int repeats) {
   const cv::Size size = task.size;
   const double one = velostrix::bench::TriadBandwidth(size.area(), false);
@@ -92,13 +118,15 @@ json MeasureTask(const Task& task, int repeats) {
       size.width, size.height, task.images, task.band, task.iteration_cap, one, all);
   std::printf("  %-26s %12s %13s %13s %8s %9s %11s %6s\n", "", "library", "", "plain", "ratio",
               "per pixel", "bandwidth", "of triad");
-  const auto session = velostrix::bench::MakeSession(task);
+  const auto session = velostrix::bench::MakeSession(task, velostrix::bench::SceneImages(task));
+  const std::vector<Workload> runs = velostrix::bench::Runs(session);
   json rows = json::array();
-  for (const auto& list : {velostrix::bench::Stages(session), velostrix::bench::Runs(session)}) {
+  for (const auto& list : {velostrix::bench::Stages(session), runs}) {
     for (const Workload& workload : list) {
       rows.push_back(MeasureWorkload(workload, size, repeats, workload.parallel ? all : one));
     }
   }
+  const json broken_rows = MeasureBrokenScenes(task, runs, repeats);
   return {{"width", size.width},
           {"height", size.height},
           {"images", task.images},
@@ -106,7 +134,8 @@ json MeasureTask(const Task& task, int repeats) {
           {"iteration_cap", task.iteration_cap},
           {"triad_gbps", one},
           {"triad_all_gbps", all},
-          {"rows", rows}};
+          {"rows", rows},
+          {"broken_rows", broken_rows}};
 }
 
 // The height on idle and on busy cores, by one thread and by all.

@@ -56,8 +56,8 @@ void Check(bool done) {
 
 class Session {
  public:
-  explicit Session(const Task& wanted)
-      : task(wanted), images(SceneImages(task)), workspace(ReferenceFrame(task.size)) {
+  Session(const Task& wanted, const std::vector<cv::Mat>& scene)
+      : task(wanted), images(scene), workspace(ReferenceFrame(task.size)) {
     SetParam(tool, Parameters(task, true));
     InitialImage(tool);
     SetImages();
@@ -125,7 +125,23 @@ std::vector<cv::Mat> SceneImages(const Task& task) {
   return scene;
 }
 
-std::shared_ptr<Session> MakeSession(const Task& task) { return std::make_shared<Session>(task); }
+std::vector<BrokenScene> BrokenScenes(const Task& task) {
+  const std::vector<cv::Mat> scene = SceneImages(task);
+  cv::Mat black = cv::Mat::zeros(task.size, CV_8UC1);
+  const auto shown = [&](auto image_of) {
+    std::vector<cv::Mat> images(scene.size());
+    for (size_t k = 0; k < scene.size(); ++k) images[k] = image_of(k);
+    return images;
+  };
+  return {{"one image", shown([&](size_t) { return scene[0]; })},
+          {"all but two black", shown([&](size_t k) { return k < 2 ? scene[k] : black; })},
+          {"all black", shown([&](size_t) { return black; })},
+          {"two in turn", shown([&](size_t k) { return scene[k % 2]; })}};
+}
+
+std::shared_ptr<Session> MakeSession(const Task& task, const std::vector<cv::Mat>& images) {
+  return std::make_shared<Session>(task, images);
+}
 
 std::vector<Workload> Stages(const std::shared_ptr<Session>& session) {
   Session* s = session.get();

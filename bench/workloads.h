@@ -28,7 +28,7 @@ struct Workload {
   std::function<void()> reference;
 };
 
-std::shared_ptr<Session> MakeSession(const Task& task);
+std::shared_ptr<Session> MakeSession(const Task& task, const std::vector<cv::Mat>& images);
 
 // The stages, one call each.
 std::vector<Workload> Stages(const std::shared_ptr<Session>& session);
@@ -39,6 +39,13 @@ std::vector<Workload> Runs(const std::shared_ptr<Session>& session);
 // A whole session of the library, from tool to release, all outputs on. For the peak of its memory.
 void RunOnce(const Task& task, const std::vector<cv::Mat>& images);
 std::vector<cv::Mat> SceneImages(const Task& task);
+
+// The scene as a broken station shows it: fewer than three images that differ.
+struct BrokenScene {
+  const char* name;
+  std::vector<cv::Mat> images;
+};
+std::vector<BrokenScene> BrokenScenes(const Task& task);
 
 // What the tool's own buffers and its intensity matrix take, in bytes a pixel.
 double BufferBytesPerPixel(int images);
