@@ -11,12 +11,12 @@
 //   u(pixel) = a(pixel) W,   W = V S^-1 (N x 3).
 // The same holds for A^T, whose right vectors are wanted then.
 //
-// Inner products are exact, and double. Their eigenvalues s^2 come out with errors of about
+// The inner products are exact. Their eigenvalues s^2, found in double, have errors of about
 // N eps s1^2 (Weyl 1912), so u of a singular value s has unit length and right angles to within
 //   N eps (s1 / s)^2.
-// Where this nears 1, s cannot be told from 0 and u is free: any unit vectors orthogonal to the
-// others and to the images will do. A vector that lives in three pixels needs to be orthogonal to
-// those three entries of the others only; the others are two at most, so there is one.
+// Where this nears 1, s cannot be told from 0 and u is free: any unit vector orthogonal to the
+// determined ones, and so to the images, will do. One that lives in three pixels has to be
+// orthogonal to three entries of each only, and those are two vectors at most.
 #include "orientation/leading_vectors.h"
 
 #include <Eigen/Eigenvalues>
@@ -38,8 +38,8 @@ constexpr int64_t kSmallestReducedPiece = 1024;
 // Vectors are free from where their lengths may be wrong by a hundredth on.
 constexpr double kLargestError = 0.01;
 
-// A vector's weights are to those of the first as s1 to s, but its entries are no larger: their sums
-// cancel to s / s1. From here on floats would leave a hundredth of round-off.
+// A vector's weights are to those of the first as s1 to s, but its entries are no larger: their
+// sums cancel to s / s1. From here on floats would leave a hundredth of round-off.
 constexpr double kDeepCancellation = 1e-5;
 
 // The singular values of a piece and its vectors on the side of the images.

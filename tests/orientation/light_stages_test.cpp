@@ -144,51 +144,46 @@ Eigen::MatrixXf EntriesOf(const LeadingVectors& vectors) {
 }
 
 // Unit vectors u at right angles with |A^T u| = s for the largest singular values s are left
-// singular vectors, whichever of the many that frames of a broken station may have.
+// singular vectors, whichever of the many that frames of a broken station may have. The loss is
+// that of exact inner products in double for s = 5e-6 s1.
 TEST(LeadingVectors, OfBrokenFramesAreSingularVectors) {
   struct Scene {
     const char* name;
-    void (*change)(UnCalibrationTool& tool, int64_t bytes);
+    std::array<int, 4> shown;  // image in the place of each; -1: black
+    void (*change)(UnCalibrationTool& tool) = [](auto&) {};
   };
   const Scene scenes[] = {
-      {"black", [](auto& t, int64_t bytes) { std::fill_n(t.image_stack, bytes, uint8_t{0}); }},
-      {"saturated",
-       [](auto& t, int64_t bytes) { std::fill_n(t.image_stack, bytes, uint8_t{255}); }},
-      {"two images, the others black",
-       [](auto& t, int64_t bytes) {
-         std::fill(&PixelOf(t, 2, 0, 0), t.image_stack + bytes, uint8_t{0});
-       }},
-      {"equal images",
-       [](auto& t, int64_t) {
-         for (int64_t k = 1; k < t.image_count; ++k) {
-           std::copy_n(t.image_stack, t.plane_size, &PixelOf(t, k, 0, 0));
-         }
-       }},
-      {"two images in turn",
-       [](auto& t, int64_t) {
-         for (int64_t k = 2; k < t.image_count; ++k) {
-           std::copy_n(&PixelOf(t, k - 2, 0, 0), t.plane_size, &PixelOf(t, k, 0, 0));
-         }
-       }},
+      {"black", {-1, -1, -1, -1}},
+      {"one image", {0, 0, 0, 0}},
+      {"two images, the others black", {0, 1, -1, -1}},
+      {"two images in turn", {0, 1, 0, 1}},
       {"equal singular values",
-       [](auto& t, int64_t bytes) {
-         for (int64_t o = 0; o < bytes; ++o) {
-           const bool is_lit = o % t.plane_size / t.row_step % t.image_count == o / t.plane_size;
-           t.image_stack[o] = is_lit ? uint8_t{100} : uint8_t{0};
+       {-1, -1, -1, -1},
+       [](auto& t) {
+         for (int64_t row = 0; row < t.rows; ++row) {
+           std::fill_n(&PixelOf(t, row % t.image_count, row, 0), t.cols, uint8_t{100});
          }
        }},
       {"third singular value 6e-6 of the first",
-       [](auto& t, int64_t bytes) {
-         std::fill_n(t.image_stack, bytes, uint8_t{255});
-         PixelOf(t, 0, 5, 7) = 0;
-         PixelOf(t, 1, 9, 9) = 254;
+       {},
+       [](auto& t) {
+         std::fill_n(t.image_stack, t.image_count * t.plane_size, uint8_t{255});
+         PixelOf(t, 0, 5, 0) = 0;
+         PixelOf(t, 1, 9, 0) = 254;
        }},
   };
   const double loss = 4 * std::numeric_limits<double>::epsilon() / std::pow(5e-6, 2);
   for (const Scene& scene : scenes) {
     for (const Geometry& g : {Geometry{240, 260, 263, 4}, {240, 260, 260, 3}, {62400, 1, 1, 4}}) {
       const ToolPtr tool = NoisyTool(g, 41);
-      scene.change(*tool, g.image_count * tool->plane_size);
+      for (int64_t k = 0; k < g.image_count; ++k) {
+        const int shown = scene.shown[static_cast<size_t>(k)];
+        uint8_t* const image = &PixelOf(*tool, k, 0, 0);
+        const auto size = static_cast<size_t>(tool->plane_size);
+        if (shown < 0) std::memset(image, 0, size);
+        if (shown >= 0) std::memmove(image, &PixelOf(*tool, shown, 0, 0), size);
+      }
+      scene.change(*tool);
       const ImagePiece piece = PieceOfFrame(*tool, 0, g.rows, 0, g.cols);
       const auto intensities = IntensityRows<Eigen::MatrixXd>(piece, piece.pixels());
       const Eigen::MatrixXd products = intensities.transpose() * intensities;
@@ -205,15 +200,6 @@ TEST(LeadingVectors, OfBrokenFramesAreSingularVectors) {
         EXPECT_TRUE((u.transpose() * u).isIdentity(loss)) << u.transpose() * u;
         const Eigen::Vector3d lengths = (intensities.transpose() * u).colwise().norm();
         EXPECT_LE((lengths - singular_values).norm(), loss * singular_values[0]) << lengths;
-      }
-      for (const Stage& stage : kFactorisations) {
-        LightMaps maps(*tool);
-        ASSERT_EQ(stage.run(*tool, maps.pointers(), 220), 1);
-        for (auto& map : maps.maps) {
-          for (int64_t i = 0; i < g.rows * g.cols; ++i) {
-            ASSERT_TRUE(std::isfinite(map(i / g.cols, i % g.cols))) << stage.name;
-          }
-        }
       }
     }
   }

@@ -99,6 +99,7 @@ struct Session {
   size_t image_count = 3;
   double scale = 1.0;
   bool has_region = false;
+  bool repeats_image = false;
 
   UnCalibrationParam Param() const {
     UnCalibrationParam param = EverythingOn(size, image_count);
@@ -116,6 +117,7 @@ struct Session {
       images.emplace_back(size, CV_8UC1);
       for (uint8_t& level : cv::Mat1b(images.back())) level = static_cast<uint8_t>(random());
     }
+    if (repeats_image) std::fill(images.begin(), images.end(), images[0]);
     return images;
   }
 
@@ -209,7 +211,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Case{"Cali", {RunKind::kCalibrated, {44, 40}, 3, 0.9, true}},
                     Case{"PartCols", {RunKind::kPartCols, {40, 64}, 4}},
                     Case{"ScaledPartCols", {RunKind::kPartCols, {24, 20}, 3, 0.8}},
-                    Case{"PartRows", {RunKind::kPartRows, {110, 26}, 4}},
+                    Case{"OneImage", {RunKind::kPartRows, {110, 26}, 4, 1.0, false, true}},
                     Case{"NarrowPartRows", {RunKind::kPartRows, {80, 33}}}),
     [](const auto& info) { return std::string(info.param.name); });
 
