@@ -48,25 +48,28 @@ std::string ProcessorName() {
   return "unknown processor";
 }
 
-double PeakOfRun(const Task& task, const std::vector<cv::Mat>& scene) {
+double PeakOfRun(const Task& task, const std::vector<cv::Mat>& scene, bool height) {
   return static_cast<double>(
-      velostrix::bench::PeakMemory([&] { velostrix::bench::RunOnce(task, scene); }));
+      velostrix::bench::PeakMemory([&] { velostrix::bench::RunOnce(task, scene, height); }));
 }
 
 json MeasurePeakMemory(const Task& task) {
-  const double peak = PeakOfRun(task, velostrix::bench::SceneImages(task));
+  const auto scene = velostrix::bench::SceneImages(task);
+  const double with_height = PeakOfRun(task, scene, true);
+  const double flat = PeakOfRun(task, scene, false);
   const double buffers = velostrix::bench::BufferBytesPerPixel(task.images) * task.size.area();
-  std::printf("%5dx%-5d N=%d  peak of a run with height %7.1f MB, buffers %7.1f MB, ratio %.2f\n",
-              task.size.width, task.size.height, task.images, peak / 1e6, buffers / 1e6,
-              peak / buffers);
+  std::printf(
+      "%5dx%-5d N=%d  buffers %7.1f MB; peak of a run with height %7.1f MB (%.2f), without %7.1f "
+      "MB "
+      "(%.2f)\n",
+      task.size.width, task.size.height, task.images, buffers / 1e6, with_height / 1e6,
+      with_height / buffers, flat / 1e6, flat / buffers);
   for (const BrokenScene& broken : velostrix::bench::BrokenScenes(task)) {
-    std::printf("  %-26s %.2fx\n", broken.name, PeakOfRun(task, broken.images) / peak);
+    std::printf("  %-26s %.2fx\n", broken.name, PeakOfRun(task, broken.images, true) / with_height);
   }
-  return {{"width", task.size.width},
-          {"height", task.size.height},
-          {"images", task.images},
-          {"peak_bytes", peak},
-          {"buffer_bytes", buffers}};
+  return {
+      {"width", task.size.width},  {"height", task.size.height},        {"images", task.images},
+      {"peak_bytes", with_height}, {"peak_without_height_bytes", flat}, {"buffer_bytes", buffers}};
 }
 
 json MeasureWorkload(const Workload& workload, cv::Size size, int repeats, double bandwidth) {
@@ -140,7 +143,7 @@ json MeasureTask(const Task& task, int repeats) {
 
 // The height on idle and on busy cores, by one thread and by all.
 json MeasureBusyHeight(const Task& task, int repeats) {
-  const auto session = velostrix::bench::MakeSession(task);
+  const auto session = velostrix::bench::MakeSession(task, velostrix::bench::SceneImages(task));
   const Workload run = velostrix::bench::Runs(session).back();  // with height
   constexpr int kAll = -1;
   const auto measure = [&](int threads) {

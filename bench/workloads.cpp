@@ -9,10 +9,8 @@
 #include "maps/derivative_maps.h"
 #include "maps/height.h"
 #include "orientation/calibrated_lights.h"
-#include "orientation/factorize_full_frame.h"
-#include "orientation/factorize_parts.h"
-#include "pipeline/full_frame_run.h"
-#include "pipeline/partial_run.h"
+#include "orientation/factorize_intensities.h"
+#include "pipeline/run.h"
 #include "reference/reference_runs.h"
 #include "tool/buffers.h"
 #include "tool/equalisation.h"
@@ -52,6 +50,34 @@ void Check(bool done) {
   if (!done) throw std::runtime_error("a measured call was refused");
 }
 
+// Has a light stage write whole maps.
+void WriteMaps(const UnCalibrationTool& tool, const std::unique_ptr<LightStage>& stage) {
+  for (int64_t i = 0; i < tool.rows; ++i) {
+    const int64_t at = i * tool.row_step;
+    stage->WriteRow(i, {tool.factor_map + at, tool.slope_p + at, tool.slope_q + at,
+                        tool.gated_factor_map + at});
+  }
+}
+
+// Calls work(row of a float map, row of the output) for every row.
+template <typename T, typename Work>
+void ForEachRow(const UnCalibrationTool& tool, const float* map, T* out, const Work& work) {
+  for (int64_t i = 0; i < tool.rows; ++i) work(map + i * tool.row_step, out + i * tool.row_step);
+}
+
+Range RangeOf(const UnCalibrationTool& tool, const float* map) {
+  Range range;
+  for (int64_t i = 0; i < tool.rows; ++i) MinMaxOfMap(map + i * tool.row_step, tool.cols, range);
+  return range;
+}
+
+SlopeRows SlopeRowsOf(const UnCalibrationTool& tool) {
+  return {{tool.slope_p, tool.row_step, tool.rows},
+          {tool.slope_q, tool.row_step, tool.rows},
+          tool.rows,
+          tool.cols};
+}
+
 }  // namespace
 
 class Session {
@@ -64,9 +90,8 @@ class Session {
     frame = ReferenceFrame(task.size);
     frame.stack = tool.image_stack;
     frame.image_count = task.images;
-    // Slopes for the stages that come after a light stage.
-    Check(FactorizeIntensities(tool, tool.factor_map, tool.slope_p, tool.slope_q,
-                               tool.gated_factor_map) != 0);
+    // SlopeRows for the stages that come after a light stage.
+    WriteMaps(tool, FactorizeIntensities(tool));
   }
   ~Session() { ReleaseImage(tool); }
   Session(const Session&) = delete;
@@ -177,69 +202,86 @@ std::vector<Workload> Stages(const std::shared_ptr<Session>& session) {
   // Bytes are read twice, for the products and for the maps.
   add(
       "factorise full frame", 2 * n + 4 * n + 16,
-      [&tool] {
-        FactorizeIntensities(tool, tool.factor_map, tool.slope_p, tool.slope_q,
-                             tool.gated_factor_map);
-      },
+      [&tool] { WriteMaps(tool, FactorizeIntensities(tool)); },
       [s] {
         reference::FactorizeIntensities(s->frame, s->reference_maps(),
                                         s->workspace.intensity_matrix);
       });
-  // Four maps written, the factor map mirrored.
+  // Bytes are read three times, as the factor map is mirrored about the middle of its range.
   add(
-      "factorise part rows", 2 * n + 16 + 12,
+      "factorise part rows", 3 * n + 16,
       [s, &tool] {
-        FactorizeIntensitiesPartRows(tool, tool.factor_map, tool.slope_p, tool.slope_q,
-                                     tool.gated_factor_map, s->task.band);
+        const auto stage = FactorizeIntensitiesPartRows(tool, s->task.band);
+        stage->FactorRange(tool.factor_map);
+        WriteMaps(tool, stage);
       },
       [s] {
         reference::FactorizeIntensitiesPartRows(s->frame, s->reference_maps(), s->task.band);
       });
   add(
-      "factorise part cols", 2 * n + 16 + 12,
+      "factorise part cols", 3 * n + 16,
       [s, &tool] {
-        FactorizeIntensitiesPartCols(tool, tool.factor_map, tool.slope_p, tool.slope_q,
-                                     tool.gated_factor_map, s->task.band);
+        const auto stage = FactorizeIntensitiesPartCols(tool, s->task.band);
+        stage->FactorRange(tool.factor_map);
+        WriteMaps(tool, stage);
       },
       [s] {
         reference::FactorizeIntensitiesPartCols(s->frame, s->reference_maps(), s->task.band);
       });
   add(
-      "calibrated solve", n + 16,
-      [&tool] {
-        SolveCalibratedLights(tool, tool.factor_map, tool.slope_p, tool.slope_q,
-                              tool.gated_factor_map);
-      },
+      "calibrated solve", n + 16, [&tool] { WriteMaps(tool, SolveCalibratedLights(tool)); },
       [s] { reference::SolveCalibratedLights(s->frame, s->reference_maps()); });
   add(
       "map to byte, linear", 5,
-      [&tool] { MapToByteLinear(tool, tool.slope_p, tool.channel_plane[0], 100.0, 128); },
+      [&tool] {
+        ForEachRow(tool, tool.slope_p, tool.channel_plane[0], [&](const float* row, uint8_t* out) {
+          MapToByteLinear(row, tool.cols, 100.0, 128, out);
+        });
+      },
       [s, &tool, &plain] {
         reference::MapToByteLinear(s->frame, tool.slope_p, plain.channel_plane[0].data(), 100.0,
                                    128);
       });
   add(
       "map to byte, absolute", 5,
-      [&tool] { MapToByteAbsLinear(tool, tool.slope_p, tool.magnitude_plane, 100.0, 0); },
+      [&tool] {
+        ForEachRow(tool, tool.slope_p, tool.magnitude_plane, [&](const float* row, uint8_t* out) {
+          MapToByteAbsLinear(row, tool.cols, 100.0, 0, out);
+        });
+      },
       [s, &tool, &plain] {
         reference::MapToByteAbsLinear(s->frame, tool.slope_p, plain.magnitude_plane.data(), 100.0,
                                       0);
       });
   add(
       "map to byte, normalised", 9,
-      [&tool] { MapToByteNormalized(tool, tool.factor_map, tool.factor_plane, 1.0); },
+      [&tool] {
+        const Range range = RangeOf(tool, tool.factor_map);
+        ForEachRow(tool, tool.factor_map, tool.factor_plane, [&](const float* row, uint8_t* out) {
+          MapToByteNormalized(row, tool.cols, tool.row_step, range, 1.0, out);
+        });
+      },
       [s, &tool, &plain] {
         reference::MapToByteNormalized(s->frame, tool.factor_map, plain.factor_plane.data(), 1.0);
       });
   add(
-      "map to word", 10, [&tool] { MapToWordNormalized(tool, tool.slope_p, tool.height_plane); },
+      "map to word", 10,
+      [&tool] {
+        const Range range = RangeOf(tool, tool.slope_p);
+        ForEachRow(tool, tool.slope_p, tool.height_plane, [&](const float* row, uint16_t* out) {
+          MapToWordNormalized(row, tool.cols, tool.row_step, range, out);
+        });
+      },
       [s, &tool, &plain] {
         reference::MapToWordNormalized(s->frame, tool.slope_p, plain.height_plane.data());
       });
   add(
       "sum bytes", 3,
       [&tool] {
-        SumBytes(tool, tool.factor_plane, tool.magnitude_plane, tool.curvature_plane, -128);
+        for (int64_t at = 0; at < tool.plane_size; at += tool.row_step) {
+          SumBytes(tool.factor_plane + at, tool.magnitude_plane + at, tool.cols, -128,
+                   tool.curvature_plane + at);
+        }
       },
       [s, &tool, &plain] {
         reference::SumBytes(s->frame, tool.factor_plane, tool.magnitude_plane,
@@ -247,14 +289,23 @@ std::vector<Workload> Stages(const std::shared_ptr<Session>& session) {
       });
   add(
       "derivative maps", 16,
-      [&tool] { DeriveSlopeMaps(tool, tool.slope_p, tool.slope_q, tool.deriv_p, tool.deriv_q); },
+      [&tool] {
+        for (int64_t i = 0; i < tool.rows; ++i) {
+          const int64_t at = i * tool.row_step;
+          DeriveSlopeMaps(SlopeRowsOf(tool), i, false, tool.deriv_p + at, tool.deriv_q + at);
+        }
+      },
       [s, &tool, &plain] {
         reference::DeriveSlopeMaps(s->frame, tool.slope_p, tool.slope_q, false,
                                    plain.deriv_p.data(), plain.deriv_q.data());
       });
   add(
       "slope divergence", 12,
-      [&tool] { SlopeDivergence(tool, tool.slope_p, tool.slope_q, tool.deriv_p); },
+      [&tool] {
+        for (int64_t i = 0; i < tool.rows; ++i) {
+          SlopeDivergence(SlopeRowsOf(tool), i, tool.deriv_p + i * tool.row_step);
+        }
+      },
       [s, &tool, &plain] {
         reference::SlopeDivergence(s->frame, tool.slope_p, tool.slope_q, plain.deriv_p.data());
       });
@@ -271,31 +322,24 @@ std::vector<Workload> Stages(const std::shared_ptr<Session>& session) {
 }
 
 std::vector<Workload> Runs(const std::shared_ptr<Session>& session) {
-  using reference::LightStage;
   struct Variant {
     const char* name;
-    LightStage stage;
-    std::function<int32_t(UnCalibrationTool&, const ResultImages&, int)> run;
+    reference::LightStage stage;
+    RunKind kind;
   };
-  const std::vector<Variant> variants = {
-      {"uncali", LightStage::kUncalibrated,
-       [](UnCalibrationTool& tool, const ResultImages& results, int) {
-         return RunUncalibrated(tool, results);
-       }},
-      {"cali", LightStage::kCalibrated,
-       [](UnCalibrationTool& tool, const ResultImages& results, int) {
-         return RunCalibrated(tool, results);
-       }},
-      {"partrows", LightStage::kPartRows, RunPartRows},
-      {"partcols", LightStage::kPartCols, RunPartCols},
+  constexpr Variant kVariants[] = {
+      {"uncali", reference::LightStage::kUncalibrated, RunKind::kUncalibrated},
+      {"cali", reference::LightStage::kCalibrated, RunKind::kCalibrated},
+      {"partrows", reference::LightStage::kPartRows, RunKind::kPartRows},
+      {"partcols", reference::LightStage::kPartCols, RunKind::kPartCols},
   };
   std::vector<Workload> runs;
   for (const bool height : {false, true}) {
-    for (const Variant& variant : variants) {
+    for (const Variant& variant : kVariants) {
       const UnCalibrationParam param = Parameters(session->task, height);
-      const auto product = [session, param, run = variant.run] {
+      const auto product = [session, param, kind = variant.kind] {
         SetParam(session->tool, param);
-        Check(run(session->tool, session->results.Places(), session->task.band) == 1);
+        Check(Run(session->tool, session->results.Places(), kind, session->task.band) == 1);
       };
       const auto reference = [session, param, stage = variant.stage] {
         reference::RunRequest request;
@@ -312,13 +356,13 @@ std::vector<Workload> Runs(const std::shared_ptr<Session>& session) {
   return runs;
 }
 
-void RunOnce(const Task& task, const std::vector<cv::Mat>& images) {
+void RunOnce(const Task& task, const std::vector<cv::Mat>& images, bool height) {
   UnCalibrationTool tool;
-  SetParam(tool, Parameters(task, true));
+  SetParam(tool, Parameters(task, height));
   InitialImage(tool);
   for (const cv::Mat& image : images) Check(SetImage(tool, image));
   Results results;
-  Check(RunUncalibrated(tool, results.Places()) == 1);
+  Check(Run(tool, results.Places(), RunKind::kUncalibrated) == 1);
   ReleaseImage(tool);
 }
 

@@ -36,8 +36,9 @@ std::vector<Workload> Stages(const std::shared_ptr<Session>& session);
 // The four runs, without and with the height image.
 std::vector<Workload> Runs(const std::shared_ptr<Session>& session);
 
-// A whole session of the library, from tool to release, all outputs on. For the peak of its memory.
-void RunOnce(const Task& task, const std::vector<cv::Mat>& images);
+// A whole session of the library, from tool to release, all outputs on, the height if wanted. For
+// the peak of its memory.
+void RunOnce(const Task& task, const std::vector<cv::Mat>& images, bool height);
 std::vector<cv::Mat> SceneImages(const Task& task);
 
 // The scene as a broken station shows it: fewer than three images that differ.

@@ -108,7 +108,7 @@ class Session {
   void SetAllImages(ByteSource& source, bool csharp);
   void ClearImage(ByteSource& source, bool csharp);
   void Release(ByteSource& source, bool csharp);
-  template <Run run>
+  template <RunKind run>
   void RunOnce(ByteSource& source, bool csharp);
 
  private:
@@ -318,7 +318,7 @@ void Session::CheckResults(const std::array<cv::Mat*, 8>& results) const {
   }
 }
 
-template <Run run>
+template <RunKind run>
 void Session::RunOnce(ByteSource& source, bool csharp) {
   const uint8_t missing = source.Below(16) == 0 ? source.Byte() : uint8_t{0};
   const bool shared = source.Below(32) == 0;
@@ -348,12 +348,12 @@ void Session::RunOnce(ByteSource& source, bool csharp) {
     done = entry(tool_, r[0], r[1], r[2], r[4], r[5], r[6], r[7], r[3], last...);
   };
   try {
-    if (run == Run::kUncalibrated) {
+    if (run == RunKind::kUncalibrated) {
       call(csharp ? RunVelostrixUnCalibration_CPU_csharp_uncali
                   : RunVelostrixUnCalibration_CPU_uncali);
-    } else if (run == Run::kCalibrated) {
+    } else if (run == RunKind::kCalibrated) {
       call(csharp ? RunVelostrixUnCalibration_CPU_csharp_cali : RunVelostrixUnCalibration_CPU_cali);
-    } else if (run == Run::kPartCols) {
+    } else if (run == RunKind::kPartCols) {
       call(csharp ? RunVelostrixUnCalibration_CPU_partcols_csharp_uncali
                   : RunVelostrixUnCalibration_CPU_partcols_uncali,
            band);
@@ -419,10 +419,10 @@ constexpr void (Session::*kCalls[])(ByteSource&, bool) = {
     &Session::SetAllImages,
     &Session::ClearImage,
     &Session::Release,
-    &Session::RunOnce<Run::kUncalibrated>,
-    &Session::RunOnce<Run::kCalibrated>,
-    &Session::RunOnce<Run::kPartCols>,
-    &Session::RunOnce<Run::kPartRows>,
+    &Session::RunOnce<RunKind::kUncalibrated>,
+    &Session::RunOnce<RunKind::kCalibrated>,
+    &Session::RunOnce<RunKind::kPartCols>,
+    &Session::RunOnce<RunKind::kPartRows>,
 };
 
 }  // namespace

@@ -143,7 +143,8 @@ Outcome ToolModel::ImageOutcome(const cv::Mat& image) const {
   return may_throw ? Outcome::kRefusedOrThrows : Outcome::kRefused;
 }
 
-Outcome ToolModel::RunOutcome(Run run, int32_t band, const std::array<cv::Mat*, 8>& results) const {
+Outcome ToolModel::RunOutcome(RunKind run, int32_t band,
+                              const std::array<cv::Mat*, 8>& results) const {
   for (int output = 0; output < VELOSTRIX_OUTPUT_COUNT; ++output) {
     if (IsOn(output) && results[static_cast<size_t>(output)] == nullptr) return Outcome::kRefused;
   }
@@ -157,9 +158,10 @@ Outcome ToolModel::RunOutcome(Run run, int32_t band, const std::array<cv::Mat*, 
 
   const int64_t pieces = std::max(band, 10);
   const int64_t last_band = rows % pieces == 0 ? pieces : rows % pieces;
-  const bool refused = (run == Run::kUncalibrated && rows * cols < 3) ||
-                       (run == Run::kPartRows && std::min(last_band, rows) * cols < 3) ||
-                       (run == Run::kPartCols && (rows < 2 || rows * std::min(cols, pieces) < 3));
+  const bool refused =
+      (run == RunKind::kUncalibrated && rows * cols < 3) ||
+      (run == RunKind::kPartRows && std::min(last_band, rows) * cols < 3) ||
+      (run == RunKind::kPartCols && (rows < 2 || rows * std::min(cols, pieces) < 3));
   if (refused) return Outcome::kRefused;
   // Results of a size that no memory holds: OpenCV says so.
   const bool is_huge = resizes && static_cast<double>(roi_width * roi_height) > kLargestSize;

@@ -5,12 +5,10 @@
 #include <cstdint>
 #include <opencv2/core/mat.hpp>
 
+#include "pipeline/run.h"
 #include "tool/uncalibration_tool.h"
 
 namespace velostrix::fuzz {
-
-// The light stage of a run.
-enum class Run { kUncalibrated, kCalibrated, kPartCols, kPartRows };
 
 // What a call may do: return a value, throw cv::Exception, or, where OpenCV decides, either.
 enum class Outcome { kDone, kRefused, kThrows, kDoneOrThrows, kRefusedOrThrows };
@@ -40,7 +38,7 @@ struct ToolModel {
   bool HoldsImages(int64_t count) const;
   bool IsOn(int output) const;
   Outcome ImageOutcome(const cv::Mat& image) const;
-  Outcome RunOutcome(Run run, int32_t band, const std::array<cv::Mat*, 8>& results) const;
+  Outcome RunOutcome(RunKind run, int32_t band, const std::array<cv::Mat*, 8>& results) const;
 };
 
 // The fields that must agree between a tool and its model.

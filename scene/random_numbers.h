@@ -1,4 +1,5 @@
-// Random numbers that are the same bits on every platform, which those of <random> are not.
+// Random numbers that are the same bits on every platform, which the distributions of <random> are
+// not.
 #pragma once
 
 #include <cstdint>

@@ -1,8 +1,7 @@
 // Every exported name of the module: the floating-point state, a refusal of null pointers and one
 // call, under both its names.
 #include "base/floating_point_scope.h"
-#include "pipeline/full_frame_run.h"
-#include "pipeline/partial_run.h"
+#include "pipeline/run.h"
 #include "tool/buffers.h"
 #include "tool/image_input.h"
 #include "tool/parameters.h"
@@ -11,6 +10,7 @@
 #include "velostrix/uncalibration.h"
 
 using velostrix::FloatingPointScope;
+using velostrix::RunKind;
 
 UnCalibrationTool* CreateVelostrixUnCalibrationToolPtr_CPU(UnCalibrationTool** out) {
   const FloatingPointScope scope;
@@ -82,8 +82,9 @@ int32_t RunVelostrixUnCalibration_CPU_uncali(UnCalibrationTool* tool, cv::Mat* f
                                              cv::Mat* channel2, cv::Mat* normal, cv::Mat* height) {
   const FloatingPointScope scope;
   if (tool == nullptr) return 0;
-  return velostrix::RunUncalibrated(
-      *tool, {factor, curvature, magnitude, {channel0, channel1, channel2}, normal, height});
+  return velostrix::Run(
+      *tool, {factor, curvature, magnitude, {channel0, channel1, channel2}, normal, height},
+      RunKind::kUncalibrated);
 }
 int32_t RunVelostrixUnCalibration_CPU_csharp_uncali(UnCalibrationTool* tool, cv::Mat* factor,
                                                     cv::Mat* curvature, cv::Mat* magnitude,
@@ -100,8 +101,9 @@ int32_t RunVelostrixUnCalibration_CPU_cali(UnCalibrationTool* tool, cv::Mat* fac
                                            cv::Mat* normal, cv::Mat* height) {
   const FloatingPointScope scope;
   if (tool == nullptr) return 0;
-  return velostrix::RunCalibrated(
-      *tool, {factor, curvature, magnitude, {channel0, channel1, channel2}, normal, height});
+  return velostrix::Run(
+      *tool, {factor, curvature, magnitude, {channel0, channel1, channel2}, normal, height},
+      RunKind::kCalibrated);
 }
 int32_t RunVelostrixUnCalibration_CPU_csharp_cali(UnCalibrationTool* tool, cv::Mat* factor,
                                                   cv::Mat* curvature, cv::Mat* magnitude,
@@ -119,8 +121,9 @@ int32_t RunVelostrixUnCalibration_CPU_partcols_uncali(UnCalibrationTool* tool, c
                                                       cv::Mat* height, int32_t band) {
   const FloatingPointScope scope;
   if (tool == nullptr) return 0;
-  return velostrix::RunPartCols(
-      *tool, {factor, curvature, magnitude, {channel0, channel1, channel2}, normal, height}, band);
+  return velostrix::Run(
+      *tool, {factor, curvature, magnitude, {channel0, channel1, channel2}, normal, height},
+      RunKind::kPartCols, band);
 }
 int32_t RunVelostrixUnCalibration_CPU_partcols_csharp_uncali(UnCalibrationTool* tool,
                                                              cv::Mat* factor, cv::Mat* curvature,
@@ -139,8 +142,9 @@ int32_t RunVelostrixUnCalibration_CPU_partrows_uncali(UnCalibrationTool* tool, c
                                                       cv::Mat* height, int32_t band) {
   const FloatingPointScope scope;
   if (tool == nullptr) return 0;
-  return velostrix::RunPartRows(
-      *tool, {factor, curvature, magnitude, {channel0, channel1, channel2}, normal, height}, band);
+  return velostrix::Run(
+      *tool, {factor, curvature, magnitude, {channel0, channel1, channel2}, normal, height},
+      RunKind::kPartRows, band);
 }
 int32_t RunVelostrixUnCalibration_CPU_partrows_csharp_uncali(UnCalibrationTool* tool,
                                                              cv::Mat* factor, cv::Mat* curvature,

@@ -1,5 +1,8 @@
-// Height from slopes by least squares.
+// Height from slopes by least squares (Horn and Brooks 1986).
+// Plain counterpart: bench/reference/reference_height.cpp.
 #pragma once
+
+#include <cstdint>
 
 struct UnCalibrationTool;
 
@@ -11,5 +14,19 @@ namespace velostrix {
 // conjugate-gradient steps. Always true. Out of memory: std::bad_alloc.
 bool IntegrateHeight(const UnCalibrationTool& tool, const float* p, const float* q,
                      float** height_map);
+
+// A problem of rows x cols unknowns, both at least 1. Maps share one stride, in elements.
+struct HeightProblem {
+  int64_t rows;
+  int64_t cols;
+  int64_t stride;
+  const float* p;         // z[i][j + 1] - z[i][j] wanted
+  const float* q;         // z[i][j] - z[i + 1][j] wanted
+  int32_t iteration_cap;  // negative: twice the number of unknowns
+};
+
+// Writes the solution to z and returns the number of finished iterations. The bytes of z do not
+// depend on the number of threads.
+int64_t SolveHeight(const HeightProblem& problem, float* z);
 
 }  // namespace velostrix

@@ -1,12 +1,11 @@
-// Calibrated light stage: the fixed lamp ring and the Lambertian solve per pixel.
+// Calibrated orientation: the fixed lamp ring and the Lambertian solve per pixel.
 #include "orientation/calibrated_lights.h"
 
 #include <cmath>
 
+#include "base/float8.h"
 #include "orientation/image_count.h"
 #include "orientation/image_piece.h"
-#include "tool/buffers.h"
-#include "tool/lanes.h"
 #include "tool/uncalibration_tool.h"
 
 namespace velostrix {
@@ -59,20 +58,10 @@ bool Invert(const Matrix3& m, Matrix3& inverse) {
   return true;
 }
 
-struct NormalRows {
-  float* albedo;
-  float* nx;
-  float* ny;
-  float* nz;
-};
-
-// g = (L^T L)^-1 (L^T I), albedo = |g|, n = g / |g|
-template <int kImages>
+// Calls visit(j, rho^2, g) for the pixels of a row: g = (L^T L)^-1 (L^T I), rho = |g|.
+template <int kImages, typename Visitor>
 void SolveRow(const uint8_t* const (&bytes)[kImages], const LampMatrix& lamps,
-              const Matrix3& inverse, int64_t cols, const NormalRows& out) {
-  // The largest float below 1e-6, at which an albedo counts as none.
-  constexpr float kLargestDark = 1e-6F;
-  static_assert(double{kLargestDark} < 1e-6);
+              const Matrix3& inverse, int64_t cols, Visitor visit) {
   ForEachBlock(0, cols, [&](int64_t j, auto zero) {
     using V = decltype(zero);
     V b[3];
@@ -85,13 +74,56 @@ void SolveRow(const uint8_t* const (&bytes)[kImages], const LampMatrix& lamps,
     for (size_t r = 0; r < 3; ++r) {
       g[r] = b[0] * inverse[r][0] + b[1] * inverse[r][1] + b[2] * inverse[r][2];
     }
-    const V rho = Sqrt(g[1] * g[1] + g[0] * g[0] + g[2] * g[2]);
-    Store(out.albedo + j, rho);
-    Store(out.nx + j, WhereAbove(rho, kLargestDark, g[0] / rho, zero));
-    Store(out.ny + j, WhereAbove(rho, kLargestDark, g[1] / rho, zero));
-    Store(out.nz + j, WhereAbove(rho, kLargestDark, g[2] / rho, zero));
+    visit(j, g[1] * g[1] + g[0] * g[0] + g[2] * g[2], g);
   });
 }
+
+class CalibratedLights : public LightStage {
+ public:
+  CalibratedLights(const ImagePiece& frame, const LampMatrix& lamps, const Matrix3& inverse)
+      : frame_(frame), lamps_(lamps), inverse_(inverse) {}
+
+  void WriteRow(int64_t i, const MapRow& out) const override {
+    // The largest float below 1e-6, at which an albedo counts as none.
+    constexpr float kLargestDark = 1e-6F;
+    static_assert(double{kLargestDark} < 1e-6);
+    Solve(i, [&](int64_t j, auto squared_rho, const auto& g) {
+      const auto rho = Sqrt(squared_rho);
+      const decltype(squared_rho) zero = 0.0F;
+      Store(out.factor + j, rho);
+      Store(out.slope_p + j, IfGreater(rho, kLargestDark, g[0] / rho, zero));
+      Store(out.slope_q + j, IfGreater(rho, kLargestDark, g[1] / rho, zero));
+      Store(out.gated_factor + j, IfGreater(rho, kLargestDark, g[2] / rho, zero));
+    });
+  }
+
+  // The rounded root is monotone: two roots do for all pixels.
+  Range FactorRange(float* scratch) override {
+    Range squares;
+    for (int64_t i = 0; i < frame_.rows(); ++i) {
+      Solve(i, [&](int64_t j, auto squared_rho, const auto& /*g*/) {
+        Store(scratch + j, squared_rho);
+      });
+      MinMaxOfMap(scratch, frame_.cols(), squares);
+    }
+    return {Sqrt(squares.min), Sqrt(squares.max)};
+  }
+
+ private:
+  template <typename Visitor>
+  void Solve(int64_t i, Visitor visit) const {
+    WithImageCount(frame_.image_count, [&](auto image_count) {
+      constexpr int kImages = decltype(image_count)::value;
+      const uint8_t* bytes[kImages];
+      for (int k = 0; k < kImages; ++k) bytes[k] = frame_.At(k, i, 0);
+      SolveRow<kImages>(bytes, lamps_, inverse_, frame_.cols(), visit);
+    });
+  }
+
+  const ImagePiece frame_;
+  const LampMatrix lamps_;
+  const Matrix3 inverse_;
+};
 
 }  // namespace
 
@@ -109,25 +141,12 @@ LampMatrix LampRing(int image_count) {
   return lamps;
 }
 
-int32_t SolveCalibratedLights(const UnCalibrationTool& tool, float* out_albedo, float* out_nx,
-                              float* out_ny, float* out_nz) {
-  if (!CanRun(tool)) return 0;
+std::unique_ptr<LightStage> SolveCalibratedLights(const UnCalibrationTool& tool) {
   const ImagePiece frame = PieceOfFrame(tool, 0, tool.rows, 0, tool.cols);
   const LampMatrix lamps = LampRing(frame.image_count);
   Matrix3 inverse = {};
-  if (!Invert(NormalMatrix(lamps, frame.image_count), inverse)) return 0;
-
-  WithImageCount(frame.image_count, [&](auto image_count) {
-    constexpr int kImages = decltype(image_count)::value;
-    for (int64_t i = 0; i < tool.rows; ++i) {
-      const uint8_t* bytes[kImages];
-      for (int k = 0; k < kImages; ++k) bytes[k] = frame.At(k, i, 0);
-      const int64_t at = i * tool.row_step;
-      SolveRow<kImages>(bytes, lamps, inverse, tool.cols,
-                        {out_albedo + at, out_nx + at, out_ny + at, out_nz + at});
-    }
-  });
-  return 1;
+  if (!Invert(NormalMatrix(lamps, frame.image_count), inverse)) return nullptr;
+  return std::make_unique<CalibratedLights>(frame, lamps, inverse);
 }
 
 }  // namespace velostrix

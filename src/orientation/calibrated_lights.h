@@ -1,8 +1,11 @@
-// Calibrated light stage: the fixed lamp ring and the Lambertian solve per pixel.
+// Calibrated orientation: the fixed lamp ring and the Lambertian solve per pixel.
+// Plain counterpart: bench/reference/reference_calibrated_lights.cpp.
 #pragma once
 
 #include <array>
-#include <cstdint>
+#include <memory>
+
+#include "orientation/light_stage.h"
 
 struct UnCalibrationTool;
 
@@ -15,10 +18,8 @@ using LampMatrix = std::array<std::array<float, 3>, 8>;
 LampMatrix LampRing(int image_count);
 
 // Solves intensity_k = g . l_k for g by least squares at every pixel (photometric stereo, Woodham
-// 1980) and writes the albedo |g| and the unit normal g / |g| (0 where the albedo is below 1e-6):
-// maps of rows x cols floats with stride row_step; out_albedo in grey levels. Returns 1; 0, nothing
-// written: image count outside 3..8, a frame that the buffers do not hold.
-int32_t SolveCalibratedLights(const UnCalibrationTool& tool, float* out_albedo, float* out_nx,
-                              float* out_ny, float* out_nz);
+// 1980); the maps are the albedo |g| in grey levels and the unit normal g / |g| (0 where the albedo
+// is below 1e-6). Needs a tool whose buffers hold its images. Null: the lamps determine no normals.
+std::unique_ptr<LightStage> SolveCalibratedLights(const UnCalibrationTool& tool);
 
 }  // namespace velostrix

@@ -21,8 +21,8 @@ __m128i LoadBlock(const uint8_t* bytes) {
 // Adds the products of images kFirst and kFirst + 1 with themselves and with all that follow, over
 // whole blocks.
 template <int kImages, int kFirst>
-void AddProductsOfTwo(const uint8_t* const (&bytes)[kImages], int64_t count,
-                      __m128i (&sums)[8][8]) {
+void AddProductsOfPair(const uint8_t* const (&bytes)[kImages], int64_t count,
+                       __m128i (&sums)[8][8]) {
   constexpr int kCount = kImages - kFirst;
   constexpr bool kHasSecond = kCount > 1;
   __m128i first[kCount];
@@ -46,10 +46,10 @@ void AddProductsOfTwo(const uint8_t* const (&bytes)[kImages], int64_t count,
   }
 }
 
-template <int kImages, int... kTwos>
+template <int kImages, int... kPairs>
 void AddProducts(const uint8_t* const (&bytes)[kImages], int64_t count, __m128i (&sums)[8][8],
-                 std::integer_sequence<int, kTwos...> /*twos*/) {
-  (AddProductsOfTwo<kImages, 2 * kTwos>(bytes, count, sums), ...);
+                 std::integer_sequence<int, kPairs...> /*pairs*/) {
+  (AddProductsOfPair<kImages, 2 * kPairs>(bytes, count, sums), ...);
 }
 
 }  // namespace
@@ -57,24 +57,24 @@ void AddProducts(const uint8_t* const (&bytes)[kImages], int64_t count, __m128i 
 void GramAccumulator::AddRow(int64_t row) {
   WithImageCount(piece_.image_count, [&](auto image_count) {
     constexpr int kImages = decltype(image_count)::value;
-    constexpr auto kTwos = std::make_integer_sequence<int, (kImages + 1) / 2>();
+    constexpr auto kPairs = std::make_integer_sequence<int, (kImages + 1) / 2>();
     for (int64_t col = piece_.first_col; col < piece_.end_col;) {
-      if (room_ == 0) Flush();
-      const int64_t count = std::min(piece_.end_col - col, room_);
+      if (pixels_to_flush_ == 0) Flush();
+      const int64_t count = std::min(piece_.end_col - col, pixels_to_flush_);
       const int64_t whole = count - count % kBlock;
       const uint8_t* bytes[kImages];
       for (int k = 0; k < kImages; ++k) bytes[k] = piece_.At(k, row, col);
-      AddProducts(bytes, whole, lanes_, kTwos);
+      AddProducts(bytes, whole, lanes_, kPairs);
       if (whole < count) {
         uint8_t rest[kImages][kBlock] = {};
         for (int k = 0; k < kImages; ++k) {
           std::memcpy(rest[k], bytes[k] + whole, static_cast<size_t>(count - whole));
           bytes[k] = rest[k];
         }
-        AddProducts(bytes, kBlock, lanes_, kTwos);
+        AddProducts(bytes, kBlock, lanes_, kPairs);
       }
       col += count;
-      room_ -= whole + (whole < count ? kBlock : 0);
+      pixels_to_flush_ -= whole + (whole < count ? kBlock : 0);
     }
   });
 }
@@ -88,7 +88,7 @@ void GramAccumulator::Flush() {
       lanes_[a][b] = _mm_setzero_si128();
     }
   }
-  room_ = kRoom;
+  pixels_to_flush_ = kPixelsToFlush;
 }
 
 Eigen::MatrixXd GramAccumulator::Products() {

@@ -25,12 +25,12 @@ class GramAccumulator {
  private:
   // Pixels, in blocks of eight, until a 32-bit lane may be full: each of the four takes up two
   // products of 255 x 255 from a block.
-  static constexpr int64_t kRoom = int64_t{1} << 16;
+  static constexpr int64_t kPixelsToFlush = int64_t{1} << 16;
 
   void Flush();
 
   ImagePiece piece_;
-  int64_t room_ = kRoom;
+  int64_t pixels_to_flush_ = kPixelsToFlush;
   __m128i lanes_[8][8] = {};
   int64_t sums_[8][8] = {};
 };

@@ -33,4 +33,18 @@ inline ImagePiece PieceOfFrame(const UnCalibrationTool& tool, int64_t first_row,
           first_row,        end_row,         first_col,     end_col};
 }
 
+// A of a piece, or of its first `count` pixels.
+template <typename Matrix>
+Matrix IntensityRows(const ImagePiece& piece, int64_t count) {
+  Matrix intensities(count, piece.image_count);
+  for (int k = 0; k < piece.image_count; ++k) {
+    for (int64_t j = 0; j < count; ++j) {
+      const int64_t row = piece.first_row + j / piece.cols();
+      const int64_t col = piece.first_col + j % piece.cols();
+      intensities(j, k) = *piece.At(k, row, col);
+    }
+  }
+  return intensities;
+}
+
 }  // namespace velostrix

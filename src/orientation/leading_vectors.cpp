@@ -26,6 +26,7 @@
 #include <utility>
 
 #include "orientation/exception_safe_svd.h"
+#include "orientation/whole_decomposition.h"
 
 namespace velostrix {
 namespace {

@@ -7,10 +7,9 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "base/float8.h"
 #include "orientation/image_count.h"
 #include "orientation/image_piece.h"
-#include "orientation/whole_decomposition.h"
-#include "tool/lanes.h"
 
 namespace velostrix {
 
@@ -28,7 +27,7 @@ class LeadingVectors {
                  bool in_two_parts);
 
   // Calls visit(j, x0, x1, x2) with the entries of the pixels from (row, first_col + j) of the
-  // frame on: Lanes of a block, which may overlap the one before, or floats where there are fewer
+  // frame on: Float8 of a block, which may overlap the one before, or floats where there are fewer
   // pixels than a block has.
   template <typename Visitor>
   void Visit(int64_t row, int64_t first_col, int64_t end_col, Visitor visit) const;
@@ -50,6 +49,13 @@ class LeadingVectors {
   bool in_two_parts_ = false;
 };
 
+// How the matrix of a piece is decomposed; the signs of the vectors follow from it.
+enum class Decomposition {
+  kPixelsByImages,          // Jacobi after pivoting QR; the vectors are columns of U
+  kImagesByPixels,          // Jacobi after pivoting QR; the vectors are columns of V
+  kImagesByPixelsBlockwise  // divide and conquer; the vectors are columns of V
+};
+
 // Decomposes a piece of at least three pixels. intensity_products are its images' inner products.
 // Out of memory: std::bad_alloc.
 LeadingVectors DecomposePiece(const ImagePiece& piece, const Eigen::MatrixXd& intensity_products,
@@ -60,7 +66,7 @@ void LeadingVectors::Visit(int64_t row, int64_t first_col, int64_t end_col, Visi
   const int64_t count = end_col - first_col;
   const int64_t first = (row - piece_.first_row) * piece_.cols() + (first_col - piece_.first_col);
   const int64_t listed = std::clamp<int64_t>(entries_.rows() - first, 0, count);
-  CoverWithBlocks(0, listed, [&](int64_t j, auto zero) {
+  ForEachBlock(0, listed, [&](int64_t j, auto zero) {
     using V = decltype(zero);
     const float* entry = entries_.data() + first + j;
     const int64_t next_vector = entries_.rows();
@@ -84,7 +90,7 @@ void LeadingVectors::VisitSums(int64_t row, int64_t first_col, int64_t begin, in
     for (size_t k = 0; k < kImages; ++k) bytes[k] = piece_.At(static_cast<int>(k), row, first_col);
     float weights[kVectors][kTerms];  // a copy, which nothing that the visitor writes can overlap
     for (size_t v = 0; v < kVectors; ++v) std::copy_n(weights_[v].data(), kTerms, weights[v]);
-    CoverWithBlocks(begin, end, [&](int64_t j, auto zero) {
+    ForEachBlock(begin, end, [&](int64_t j, auto zero) {
       using V = decltype(zero);
       V x[kVectors];
       for (size_t v = 0; v < kVectors; ++v) x[v] = Load<V>(bytes[0] + j) * weights[v][0];

@@ -88,9 +88,14 @@ bool StackHoldsImages(const UnCalibrationTool& tool, int64_t count) {
   return tool.plane_size > 0 && count <= tool.allocated_stack_bytes / tool.plane_size;
 }
 
-bool CanRun(const UnCalibrationTool& tool) {
+bool BuffersHoldImages(const UnCalibrationTool& tool) {
   return IsImageCount(tool.image_count) && PlanesHoldFrame(tool) &&
          StackHoldsImages(tool, tool.image_count);
+}
+
+cv::Mat PlaneHeader(const UnCalibrationTool& tool, void* plane, int type) {
+  return {static_cast<int>(tool.rows), static_cast<int>(tool.cols), type, plane,
+          static_cast<size_t>(tool.row_step) * CV_ELEM_SIZE(type)};
 }
 
 }  // namespace velostrix

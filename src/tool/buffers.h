@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <opencv2/core/mat.hpp>
 
 struct UnCalibrationTool;
 
@@ -22,7 +23,10 @@ bool PlanesHoldFrame(const UnCalibrationTool& tool);
 // Whether the first `count` planes of the image stack lie inside the allocated stack.
 bool StackHoldsImages(const UnCalibrationTool& tool, int64_t count);
 
-// What every light stage asks first: 3 to 8 images and a frame, both inside the buffers.
-bool CanRun(const UnCalibrationTool& tool);
+// Whether there are 3 to 8 images, and they and the frame lie inside the buffers.
+bool BuffersHoldImages(const UnCalibrationTool& tool);
+
+// A header over a working plane of the given OpenCV type.
+cv::Mat PlaneHeader(const UnCalibrationTool& tool, void* plane, int type);
 
 }  // namespace velostrix

@@ -6,7 +6,7 @@
 #include <numeric>
 #include <opencv2/core.hpp>
 
-#include "tool/float_conversion.h"
+#include "base/float_conversion.h"
 
 namespace velostrix {
 

@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <vector>
 
-#include "tool/frame_extent.h"
 #include "velostrix/records.h"
 
 struct RegionOfInterest {
@@ -43,7 +42,7 @@ struct UnCalibrationTool {
   RegionOfInterest roi;
   int32_t roi_set = 0;
   int32_t output_enable[VELOSTRIX_OUTPUT_COUNT] = {};
-  float smoothing = 1.0F;  // clamped by the derivative stages, used by nothing
+  float smoothing = 1.0F;  // clamped by the derivative images, used by nothing
   int32_t difference_mode = 0;
   int32_t blur_radius = 0;
   int32_t iteration_cap = 50;
@@ -52,9 +51,12 @@ struct UnCalibrationTool {
 
   int32_t factor_offset = 0;
   double factor_gain = 0;
-  OutputScaling curvature = {};
-  OutputScaling magnitude = {};
-  OutputScaling channel[3] = {};
+  int32_t curvature_offset = 0;
+  double curvature_gain = 0;
+  int32_t magnitude_offset = 0;
+  double magnitude_gain = 0;
+  int32_t channel_offset[3] = {};
+  double channel_gain[3] = {};
   OutputScaling reserved[2] = {};
   int32_t equalise_on = 0;
 
@@ -116,6 +118,3 @@ struct UnCalibrationTool {
   int64_t allocated_pixels = 0;       // elements of every plane
   int64_t allocated_stack_bytes = 0;  // of image_stack
 };
-
-inline velostrix::FrameExtent::FrameExtent(const UnCalibrationTool& tool)
-    : rows(tool.rows), cols(tool.cols), stride(tool.row_step) {}

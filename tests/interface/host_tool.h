@@ -9,11 +9,10 @@
 #include <utility>
 #include <vector>
 
+#include "pipeline/run.h"
 #include "velostrix/uncalibration.h"
 
 namespace velostrix {
-
-enum class RunKind { kUncalibrated, kCalibrated, kPartRows, kPartCols };
 
 constexpr std::array<RunKind, 4> kAllRuns = {RunKind::kUncalibrated, RunKind::kCalibrated,
                                              RunKind::kPartRows, RunKind::kPartCols};

@@ -5,12 +5,12 @@
 #include <array>
 #include <cmath>
 #include <limits>
+#include <memory>
 
 #include "orientation/calibrated_lights.h"
-#include "orientation/factorize_full_frame.h"
-#include "orientation/factorize_parts.h"
+#include "orientation/factorize_intensities.h"
 #include "orientation/gram_matrix.h"
-#include "orientation/slope_maps.h"
+#include "orientation/leading_vectors.h"
 #include "support/frames_and_planes.h"
 
 namespace velostrix {
@@ -34,18 +34,18 @@ void ExpectSame(const LightMaps& actual, const LightMaps& expected) {
 
 struct Stage {
   const char* name;
-  int32_t (*run)(UnCalibrationTool& tool, const Maps& m, int32_t band);
+  std::unique_ptr<LightStage> (*run)(UnCalibrationTool& tool, int32_t band);
   void (*plain)(const reference::Frame& frame, const Maps& m, int32_t band,
                 Eigen::MatrixXf& intensities);
 };
 
 template <auto kRun>
-int32_t RunFrame(UnCalibrationTool& tool, const Maps& m, int32_t /*band*/) {
-  return kRun(tool, m.factor, m.slope_p, m.slope_q, m.gated_factor);
+std::unique_ptr<LightStage> RunFrame(UnCalibrationTool& tool, int32_t /*band*/) {
+  return kRun(tool);
 }
 template <auto kRun>
-int32_t RunParts(UnCalibrationTool& tool, const Maps& m, int32_t band) {
-  return kRun(tool, m.factor, m.slope_p, m.slope_q, m.gated_factor, band);
+std::unique_ptr<LightStage> RunParts(UnCalibrationTool& tool, int32_t band) {
+  return kRun(tool, band);
 }
 template <auto kPlain>
 void PlainParts(const reference::Frame& frame, const Maps& m, int32_t band, Eigen::MatrixXf&) {
@@ -67,11 +67,23 @@ constexpr Stage kCols = {"columns", RunParts<FactorizeIntensitiesPartCols>,
                          PlainParts<reference::FactorizeIntensitiesPartCols>};
 constexpr Stage kFactorisations[] = {kFullFrame, kRows, kCols};
 
-// Runs the stage and the plain one on the tool's images. Only the full frame keeps its matrix.
+// Runs the stage and the plain one on the tool's images. Only the full frame keeps its matrix. The
+// range is that of the map.
 void RunBoth(const Stage& stage, UnCalibrationTool& tool, int32_t band, LightMaps& actual,
              LightMaps& expected) {
+  const std::unique_ptr<LightStage> rows = stage.run(tool, band);
+  ASSERT_NE(rows, nullptr);
+  std::vector<float> scratch(static_cast<size_t>(tool.cols));
+  const Range range = rows->FactorRange(scratch.data());
+  for (int64_t i = 0; i < tool.rows; ++i) {
+    auto& m = actual.maps;
+    rows->WriteRow(i, {&m[0](i, 0), &m[1](i, 0), &m[2](i, 0), &m[3](i, 0)});
+  }
+  Range of_rows;
+  for (int64_t i = 0; i < tool.rows; ++i) MinMaxOfMap(&actual.maps[0](i, 0), tool.cols, of_rows);
+  EXPECT_EQ(range.min, of_rows.min);
+  EXPECT_EQ(range.max, of_rows.max);
   Eigen::MatrixXf intensities;
-  ASSERT_EQ(stage.run(tool, actual.pointers(), band), 1);
   stage.plain(FrameOf(tool), expected.pointers(), band, intensities);
   ASSERT_EQ(tool.intensity_matrix.size(), intensities.size());
   EXPECT_EQ(tool.intensity_matrix, intensities);
@@ -256,20 +268,6 @@ TEST(LightStages, LargePiecesHaveThePlainVectorsAndSigns) {
   }
 }
 
-TEST(LightStages, RefusePiecesOfFewerThanThreePixels) {
-  for (const StageCase& c :
-       {StageCase{kFullFrame, {1, 2, 2}, 0}, StageCase{kRows, {20, 20, 20}, 0},
-        StageCase{kRows, {11, 2, 2}, 10}, StageCase{kRows, {30, 2, 2}, 1},
-        StageCase{kCols, {20, 20, 20}, 0}, StageCase{kCols, {20, 20, 20}, -5},
-        StageCase{kCols, {1, 600, 600}, 10}, StageCase{kCols, {2, 20, 20}, 1}}) {
-    SCOPED_TRACE(testing::Message() << c.stage.name << ", " << c.geometry << ", band " << c.band);
-    const ToolPtr tool = NoisyTool(c.geometry, 1);
-    LightMaps maps(*tool);
-    EXPECT_EQ(c.stage.run(*tool, maps.pointers(), c.band), 0);
-    ExpectSame(maps, LightMaps(*tool));
-  }
-}
-
 // Exact also where 32 bits would not hold the sums.
 TEST(GramMatrix, HoldsTheInnerProducts) {
   struct Case {
@@ -288,31 +286,6 @@ TEST(GramMatrix, HoldsTheInnerProducts) {
       for (int64_t row = 0; row < c.rows; ++row) gram.AddRow(row);
       const auto intensities = IntensityRows<Eigen::MatrixXd>(piece, piece.pixels());
       EXPECT_EQ(gram.Products(), intensities.transpose() * intensities);
-    }
-  }
-}
-
-TEST(SlopeMaps, DivideAboveTheGateOnly) {
-  const float limit = 1e-6F;
-  const float above = std::nextafter(limit, 1.0F);
-  const float entries[] = {0.0F, -0.0F, limit, -limit, above, -above, 0.25F, -0.25F};
-  for (const bool zeroes_gated : {false, true}) {
-    for (int64_t cols = 1; cols <= 20; ++cols) {  // rotated, so that every entry meets every lane
-      const ToolPtr tool = UnallocatedTool({1, cols, cols});
-      LightMaps maps(*tool);
-      Eigen::MatrixXf vectors(cols, 3);
-      for (int64_t j = 0; j < cols; ++j) vectors.row(j) << entries[(j + cols) % 8], 0.5F, -2.0F;
-      const Maps m = maps.pointers();
-      WriteMaps(LeadingVectors(PieceOfFrame(*tool, 0, 1, 0, cols), vectors), {limit, zeroes_gated},
-                cols, {m.factor, m.slope_p, m.slope_q, m.gated_factor});
-      for (int64_t j = 0; j < cols; ++j) {
-        const float x0 = vectors(j, 0);
-        const bool divisible = std::fabs(x0) > limit;
-        EXPECT_EQ(m.factor[j], x0);
-        EXPECT_EQ(m.slope_p[j], divisible ? 0.5F / x0 : 0.0F) << x0;
-        EXPECT_EQ(m.slope_q[j], divisible ? 2.0F / x0 : 0.0F) << x0;
-        EXPECT_EQ(m.gated_factor[j], divisible || !zeroes_gated ? x0 : 0.0F) << x0;
-      }
     }
   }
 }

@@ -8,8 +8,8 @@
 #include <opencv2/imgproc.hpp>
 
 #include "interface/host_tool.h"
+#include "orientation/calibrated_lights.h"
 #include "scene/sample_scene.h"
-#include "tool/uncalibration_tool.h"
 
 namespace velostrix {
 namespace {
@@ -119,17 +119,19 @@ TEST(RunAccuracy, TheCalibratedMapsAreAsExactAsTheImages) {
       const scene::Scene s = scene::Render(
           {size.width, size.height, image_count, scene::Lamps::kRing, 1, expected.noise});
       HostTool host = HostTool::Ready(EverythingOn(size, s.images.size()));
-      host.Reconstruct(RunKind::kCalibrated, s.images);
-      const UnCalibrationTool& tool = *host.get();
+      host.SetImages(s.images);
+      const auto light = SolveCalibratedLights(*host.get());
+      cv::Mat1f albedos(size), x(size), y(size), z(size);
+      for (int i = 0; i < size.height; ++i) light->WriteRow(i, {albedos[i], x[i], y[i], z[i]});
       double angle = 0;
       double albedo_error = 0;
       for (int i = 0; i < size.area(); ++i) {
         const cv::Point at(i % size.width, i / size.width);
         const cv::Vec3d truth = s.normals.at<cv::Vec3f>(at);
-        const cv::Vec3d normal(tool.slope_p[i], tool.slope_q[i], tool.gated_factor_map[i]);
+        const cv::Vec3d normal(x(at), y(at), z(at));
         const double albedo = double{s.albedo.at<float>(at)};
         angle += std::atan2(cv::norm(normal.cross(truth)), normal.dot(truth));
-        albedo_error += std::abs(tool.factor_map[i] - albedo) / albedo;
+        albedo_error += std::abs(albedos(at) - albedo) / albedo;
       }
       EXPECT_LT(angle / size.area() * 180.0 / CV_PI, 1.05 * expected.normal[image_count - 3]);
       EXPECT_LT(100.0 * albedo_error / size.area(), 1.05 * expected.albedo[image_count - 3]);

@@ -36,9 +36,13 @@ TEST(Geometry, EveryFieldOfTheRecordGoesToItsPlace) {
   EXPECT_EQ(tool->scale, 48.5);
   EXPECT_EQ(tool->factor_gain, 72.5);
   int offset = 80;
+  const auto channel = [&](int k) {
+    return OutputScaling{tool->channel_offset[k], tool->channel_gain[k]};
+  };
   for (const OutputScaling& scaling :
-       {tool->curvature, tool->magnitude, tool->channel[0], tool->channel[1], tool->channel[2],
-        tool->reserved[0], tool->reserved[1]}) {
+       {OutputScaling{tool->curvature_offset, tool->curvature_gain},
+        OutputScaling{tool->magnitude_offset, tool->magnitude_gain}, channel(0), channel(1),
+        channel(2), tool->reserved[0], tool->reserved[1]}) {
     EXPECT_EQ(scaling.offset, offset);
     EXPECT_EQ(scaling.gain, offset + 8.5);
     offset += 16;
@@ -93,7 +97,7 @@ std::vector<Buffer> Buffers(const UnCalibrationTool& tool) {
 
 void ExpectNoBuffers(const UnCalibrationTool& tool) {
   for (const Buffer& buffer : Buffers(tool)) EXPECT_EQ(buffer.data, nullptr);
-  EXPECT_FALSE(CanRun(tool));
+  EXPECT_FALSE(BuffersHoldImages(tool));
   EXPECT_FALSE(PlanesHoldFrame(tool));
   EXPECT_FALSE(StackHoldsImages(tool, 1));
 }
@@ -154,10 +158,10 @@ TEST(Buffers, MemoryThatCannotBeHad) {
     InitialImage(*tool);
     ExpectNoBuffers(*tool);
     SetParam(*tool, FrameParam(8, 6));  // a frame that would fit does not bring buffers
-    EXPECT_FALSE(CanRun(*tool));
+    EXPECT_FALSE(BuffersHoldImages(*tool));
     ReleaseImage(*tool);
     InitialImage(*tool);
-    EXPECT_TRUE(CanRun(*tool));
+    EXPECT_TRUE(BuffersHoldImages(*tool));
   }
 }
 
