@@ -49,6 +49,7 @@ Comparison Compare(const std::function<void()>& product, const std::function<voi
 
 double MedianMs(const std::function<void()>& work, int repeats) {
   std::vector<double> times;
+  times.reserve(static_cast<size_t>(repeats));
   for (int i = 0; i < repeats; ++i) times.push_back(TimeMs(work));
   std::sort(times.begin(), times.end());
   return times[times.size() / 2];

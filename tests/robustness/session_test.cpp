@@ -12,11 +12,13 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <new>
 #include <random>
+#include <set>
 #include <thread>
 
 #include "interface/host_tool.h"
@@ -296,73 +298,65 @@ std::vector<Bytes> BytesOfThreadedSessions() {
   return bytes;
 }
 
-// The exit code of a child that does the work, or the signal that ended it as a negative number;
-// SIGALRM when it hangs.
-int InChild(const std::function<int()>& work) {
+bool MayStartNoThread() {
+  constexpr uid_t kNobody = 65534;
+  constexpr rlimit kNone = {0, 0};
+  if ((geteuid() == 0 && setuid(kNobody) != 0) || setrlimit(RLIMIT_NPROC, &kNone) != 0)
+    return false;
+  try {
+    std::thread([] {}).join();
+    return false;
+  } catch (const std::system_error&) {
+    return true;
+  }
+}
+
+bool HasMegabytesLeft(rlim_t megabytes) {
+  rlim_t pages = 0;
+  std::ifstream("/proc/self/statm") >> pages;
+  const rlim_t bytes = pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (megabytes << 20U);
+  const rlimit limit = {bytes, bytes};
+  return setrlimit(RLIMIT_AS, &limit) == 0;
+}
+
+// How a forked child that has been prepared fares with the sessions; it must neither hang nor die.
+std::string OutcomeInChild(const std::vector<Bytes>& expected,
+                           const std::function<bool()>& prepare) {
+  constexpr const char* kOutcomes[] = {"same bytes", "no memory", "other bytes", "not prepared"};
   const pid_t child = fork();
   if (child == 0) {
     alarm(60);
-    _exit(work());
+    try {
+      if (!prepare()) _exit(3);
+      const std::vector<Bytes> bytes = BytesOfThreadedSessions();
+      const bool refused = bytes[0].empty() || bytes[1].empty();
+      _exit(bytes == expected ? 0 : refused ? 1 : 2);
+    } catch (const std::bad_alloc&) {
+      _exit(1);
+    } catch (const cv::Exception& error) {
+      _exit(error.code == cv::Error::StsNoMem ? 1 : 2);
+    }
   }
   int status = 0;
   waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  return WIFEXITED(status) ? kOutcomes[WEXITSTATUS(status)] : strsignal(WTERMSIG(status));
 }
 
-bool CanStartAThread() {
-  try {
-    std::thread([] {}).join();
-    return true;
-  } catch (const std::system_error&) {
-    return false;
-  }
-}
-
-TEST(Processes, AForkedChildGivesTheBytesOfItsParent) {
-  const std::vector<Bytes> expected = BytesOfThreadedSessions();
-  EXPECT_EQ(InChild([&] { return BytesOfThreadedSessions() == expected ? 0 : 1; }), 0);
-}
-
-TEST(Processes, NoThreadIsLeftBehindOrNeeded) {
+TEST(Processes, ChildrenRunAfterAHeightInTheParentWithoutThreadsAndWithLittleMemory) {
+  // No memory waits in children that the parent has freed or reserved.
+  mallopt(M_MMAP_THRESHOLD, 1 << 20);
+  mallopt(M_ARENA_MAX, 1);
   const std::vector<Bytes> expected = BytesOfThreadedSessions();
   // The system lists a thread a moment longer than it can be joined.
   while (CountEntries("/proc/self/task") > 1) std::this_thread::yield();
-  if (kMemoryIsTheSanitizers) return;  // which needs threads of its own
-  EXPECT_EQ(InChild([&] {
-              constexpr uid_t kNobody = 65534;
-              constexpr rlimit kNone = {0, 0};
-              if (geteuid() == 0 && setuid(kNobody) != 0) return 2;
-              if (setrlimit(RLIMIT_NPROC, &kNone) != 0 || CanStartAThread()) return 3;
-              return BytesOfThreadedSessions() == expected ? 0 : 1;
-            }),
-            0);
-}
-
-TEST(Processes, LittleMemoryGivesTheBytesOrAnException) {
-  if (kMemoryIsTheSanitizers) return;
-  const std::vector<Bytes> expected = BytesOfThreadedSessions();
-  int done = 0;
+  EXPECT_EQ(OutcomeInChild(expected, [] { return true; }), "same bytes");
+  if (kMemoryIsTheSanitizers) return;  // and so are some threads
+  EXPECT_EQ(OutcomeInChild(expected, MayStartNoThread), "same bytes");
+  std::set<std::string> outcomes;
   for (rlim_t megabytes = 4; megabytes < 140; megabytes += 4) {
-    const int code = InChild([&] {
-      rlim_t pages = 0;
-      std::ifstream("/proc/self/statm") >> pages;
-      const rlim_t bytes = pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (megabytes << 20U);
-      const rlimit limit = {bytes, bytes};
-      if (setrlimit(RLIMIT_AS, &limit) != 0) return 2;
-      try {
-        const std::vector<Bytes> bytes_of_runs = BytesOfThreadedSessions();
-        if (bytes_of_runs == expected) return 0;
-        return bytes_of_runs[0].empty() || bytes_of_runs[1].empty() ? 4 : 1;
-      } catch (const std::bad_alloc&) {
-        return 4;
-      } catch (const cv::Exception& error) {
-        return error.code == cv::Error::StsNoMem ? 4 : 3;
-      }
-    });
-    EXPECT_TRUE(code == 0 || code == 4) << megabytes << " MB: " << code;
-    if (code == 0) ++done;
+    outcomes.insert(OutcomeInChild(expected, [&] { return HasMegabytesLeft(megabytes); }));
   }
-  EXPECT_GT(done, 0);
+  EXPECT_EQ(outcomes, (std::set<std::string>{"no memory", "same bytes"}));
 }
 
 TEST(Processes, AnUnloadedModuleIsGone) {
