@@ -1,0 +1,404 @@
+/* Velostrix for hosts in any language: one object, the reconstructor, behind plain C functions on
+ * plain memory. C11 and C++17; a host needs neither OpenCV nor its headers.
+ *
+ * Calling order
+ *   1. VelostrixReconstructorCreate
+ *   2. VelostrixSettingsDefaults, then change what should differ; or VelostrixSettingsFromJson
+ *   3. perhaps VelostrixReconstructorChooseGains, once for a kind of part, and
+ *      VelostrixReconstructorDiagnose, when a station is set up
+ *   4. VelostrixReconstructorPrepare
+ *   5. for each image, as its lamp fires, VelostrixReconstructorSetImage; then
+ *      VelostrixReconstructorRun; read the results; repeat for the next part
+ *      (or VelostrixReconstructorReconstruct in place of 4 and 5, with all images at once)
+ *   6. VelostrixReconstructorDestroy
+ *
+ * Status. Every function that can fail returns a VelostrixStatus, and no exception leaves it. What
+ * was refused and what is expected is a text, the same in every language:
+ * VelostrixReconstructorMessage, or the `message` of functions without a reconstructor (which may
+ * be null). A refusal (VELOSTRIX_INVALID_ARGUMENT, VELOSTRIX_WRONG_STATE, VELOSTRIX_BUSY) leaves
+ * the reconstructor, its images and its results as they were. After VELOSTRIX_OUT_OF_MEMORY and
+ * VELOSTRIX_FAILED it is as after Create: prepare it again. A null pointer, where none is allowed,
+ * is VELOSTRIX_INVALID_ARGUMENT.
+ *
+ * Ownership. A reconstructor owns its working buffers (about 52 + 5 N bytes a pixel), kept from
+ * part to part and allocated anew only when number or size of the images, region or scale change.
+ * Memory of the host is read or written during the call only.
+ *
+ * Threads. One reconstructor is used by one thread at a time: a call that meets another one at work
+ * returns VELOSTRIX_BUSY at once and does nothing. Separate reconstructors are independent. The
+ * height is shared with threads that end before the call does; VelostrixSetThreads sets how many.
+ *
+ * Records. Layouts are pinned below. Those that may grow begin with struct_size, which the host
+ * sets to their sizeof before every call; another size is refused.
+ *
+ * Pixels, axes and units are those of velostrix/uncalibration.h.
+ */
+#ifndef VELOSTRIX_HOST_H
+#define VELOSTRIX_HOST_H
+
+#include <assert.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#include "velostrix/records.h"
+
+#if defined(_WIN32)
+#if defined(VELOSTRIX_BUILDS_HOST)
+#define VELOSTRIX_HOST_API __declspec(dllexport)
+#else
+#define VELOSTRIX_HOST_API __declspec(dllimport)
+#endif
+#else
+#define VELOSTRIX_HOST_API __attribute__((visibility("default")))
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- status and texts -------------------------------------------------------------------------
+ */
+
+typedef int32_t VelostrixStatus;
+enum {
+  VELOSTRIX_OK = 0,
+  VELOSTRIX_INVALID_ARGUMENT = 1, /* an argument or a setting is wrong */
+  VELOSTRIX_OUT_OF_MEMORY = 2,
+  VELOSTRIX_WRONG_STATE = 3, /* not prepared, images are missing, no results yet, ... */
+  VELOSTRIX_BUSY = 4,        /* another thread is using this reconstructor */
+  VELOSTRIX_FAILED = 5       /* none of these; the message has what was reported */
+};
+
+/* A text in UTF-8 (file names and other text from the host as given), ends with a zero; one that is
+ * longer is cut. */
+typedef struct VelostrixMessage {
+  char text[1024];
+} VelostrixMessage;
+
+/* What a status means in general, such as "out of memory"; for those that come without a message:
+ * a failed Create, VELOSTRIX_BUSY. Never null; lives as long as the library. */
+VELOSTRIX_HOST_API const char* VelostrixStatusText(VelostrixStatus status);
+
+/* "MAJOR.MINOR.PATCH" of the library that is loaded. A host compares it with VELOSTRIX_VERSION of
+ * velostrix/version.h, or with the version that it was made for: before 1.0 another minor version
+ * may have other records. Lives as long as the library. */
+VELOSTRIX_HOST_API const char* VelostrixLibraryVersion(void);
+
+/* How many threads the height may use in this process, the caller of a run included: 1 = the caller
+ * alone, 0 = one for each core (the default). Negative is refused. This is OpenCV's number of
+ * threads (cv::setNumThreads), process-wide, so it holds for all reconstructors and for a host's
+ * own OpenCV calls. The bytes of the results do not depend on it. Not while a run is under way. */
+VELOSTRIX_HOST_API VelostrixStatus VelostrixSetThreads(int32_t count);
+
+/* The number in force, at least 1. */
+VELOSTRIX_HOST_API int32_t VelostrixThreads(void);
+
+/* ---- settings ---------------------------------------------------------------------------------
+ */
+
+/* How surface orientation is recovered; the names are those of recipes and command line. */
+enum VelostrixRun {
+  VELOSTRIX_RUN_UNCALI = 0,   /* "uncali": lamps unknown, the whole frame at once */
+  VELOSTRIX_RUN_CALI = 1,     /* "cali": lamps in the fixed ring that follows from their number */
+  VELOSTRIX_RUN_PARTROWS = 2, /* "partrows": lamps unknown, band by band of rows */
+  VELOSTRIX_RUN_PARTCOLS = 3  /* "partcols": lamps unknown, strip by strip of columns */
+};
+
+/* How slopes are differentiated in the full-frame runs. */
+enum VelostrixDifference {
+  VELOSTRIX_DIFFERENCE_CENTRAL = 0, /* "central": calmer */
+  VELOSTRIX_DIFFERENCE_FORWARD = 1  /* "forward": resolves finer lines */
+};
+
+/* The bit of an output (VELOSTRIX_OUTPUT_... of velostrix/records.h) in a set of outputs. */
+#define VELOSTRIX_OUTPUT_BIT(output) (UINT32_C(1) << (output))
+#define VELOSTRIX_ALL_OUTPUTS UINT32_C(0xff)
+
+#define VELOSTRIX_MOST_IMAGES 8
+
+/* A rectangle in pixels of the images. 16 bytes. */
+typedef struct VelostrixRegion {
+  int32_t x; /* first column */
+  int32_t y; /* first row */
+  int32_t width;
+  int32_t height;
+} VelostrixRegion;
+
+/* What a run does. 168 bytes. Number and size of the images are not settings: recipes fit images of
+ * any size that contains their region. */
+typedef struct VelostrixSettings {
+  uint32_t struct_size; /* sizeof(VelostrixSettings) */
+  int32_t run;          /* VelostrixRun; default uncali */
+  int32_t band;         /* partrows, partcols: rows or columns of a piece; below 10 counts as 10;
+                           default 64 */
+  uint32_t outputs;     /* set of outputs to make; normal brings the three channels; default all */
+  int32_t has_region;   /* 0: the whole image (default), 1: the region */
+  VelostrixRegion region; /* inside the images, at least 3 x 2 pixels */
+  int32_t equalise;       /* 1: even out the column brightness of every image first; default 0 */
+  double scale;          /* above 0, at most 1 (default). Below 0.99 images are scaled by it, unless
+                            that would leave 10 pixels or fewer; results come in full size */
+  int32_t difference;    /* VelostrixDifference; default central; ignored by the partial runs */
+  int32_t blur_radius;   /* pixels, 0 (default) to 32767: smoothing of curvature and magnitude */
+  int32_t iteration_cap; /* of the height; default 50, 0 = flat, negative = as many as it takes */
+  int32_t bits;          /* in use of 16-bit samples: 8 to 16; 0 (default): not said, and images of
+                            16-bit samples are refused */
+  double gain[VELOSTRIX_OUTPUT_COUNT];    /* grey levels per unit of the map; factor: multiplies the
+                                             normalised image; normal, height: not read. Finite */
+  int32_t offset[VELOSTRIX_OUTPUT_COUNT]; /* grey level of value 0; factor, normal, height: not
+                                             read */
+  uint32_t kept_gains;   /* set of outputs whose gain and offset ChooseGains leaves alone; the
+                            default is none */
+  uint32_t kept_offsets; /* set of outputs of which it leaves the offset alone */
+} VelostrixSettings;
+
+/* Fills in the defaults; settings->struct_size must be set. */
+VELOSTRIX_HOST_API VelostrixStatus VelostrixSettingsDefaults(VelostrixSettings* settings);
+
+/* Refuses what Prepare would refuse for `count` images of width x height pixels. */
+VELOSTRIX_HOST_API VelostrixStatus VelostrixSettingsCheck(const VelostrixSettings* settings,
+                                                          int32_t count, int32_t width,
+                                                          int32_t height,
+                                                          VelostrixMessage* message);
+
+/* The size that is worked on for images of width x height pixels: that of the region, scaled if it
+ * is to be. */
+VELOSTRIX_HOST_API VelostrixStatus VelostrixWorkingSize(const VelostrixSettings* settings,
+                                                        int32_t width, int32_t height,
+                                                        int32_t* working_width,
+                                                        int32_t* working_height);
+
+/* A recipe is settings as a JSON object in UTF-8; all fields but the first may be missing:
+ *
+ *   "recipe_version"  1
+ *   "run"             "uncali", "cali", "partrows", "partcols"
+ *   "band"            integer
+ *   "outputs"         array of names: "factor", "curvature", "magnitude", "channel0", "channel1",
+ *                     "channel2", "normal", "height"
+ *   "region"          {"x", "y", "width", "height"}, or null for the whole image
+ *   "scale"           number
+ *   "equalise"        true, false
+ *   "difference"      "central", "forward"
+ *   "blur_radius"     integer
+ *   "iteration_cap"   integer
+ *   "bits"            integer; 0: not said
+ *   "gains"           numbers by name of output (not normal, height)
+ *   "offsets"         integers by name of output (not factor, normal, height)
+ *
+ * What is missing has its default. Gains and offsets that are there are kept: their bits are set in
+ * kept_gains and kept_offsets. A record that `velostrix reconstruct` wrote, run.json, is read as
+ * well: its member "recipe" counts. */
+
+/* Writes the settings, with all gains and offsets, as a recipe with a zero at its end. *length is
+ * its length without the zero, at most 4000, whether it fitted or not; text may be null if capacity
+ * is 0. Refused: a capacity (bytes) of *length or less; settings that no image would fit. */
+VELOSTRIX_HOST_API VelostrixStatus VelostrixSettingsToJson(const VelostrixSettings* settings,
+                                                           char* text, int64_t capacity,
+                                                           int64_t* length,
+                                                           VelostrixMessage* message);
+
+/* Reads a recipe of `length` bytes; settings->struct_size must be set, the rest is overwritten,
+ * unless it is refused: what is no JSON, another recipe_version, fields and names that are unknown
+ * or stand there twice, values of another type or out of their range. The message names the field.
+ */
+VELOSTRIX_HOST_API VelostrixStatus VelostrixSettingsFromJson(const char* text, int64_t length,
+                                                             VelostrixSettings* settings,
+                                                             VelostrixMessage* message);
+
+/* ---- reconstructor ----------------------------------------------------------------------------
+ */
+
+typedef struct VelostrixReconstructor VelostrixReconstructor; /* opaque */
+
+/* One image in the host's memory: one channel. 32 bytes. */
+typedef struct VelostrixImage {
+  const void* data;     /* first pixel, aligned to the sample */
+  int64_t row_stride;   /* bytes from one row to the next; 0 = rows without gaps */
+  int32_t width;        /* pixels */
+  int32_t height;       /* pixels */
+  int32_t sample_bytes; /* 1: 8-bit; 2: 16-bit in the machine's byte order, VelostrixSettings::bits
+                           of them in use: level = sample * 255 / (2^bits - 1), rounded */
+  int32_t reserved;     /* 0 */
+} VelostrixImage;
+
+/* Makes a reconstructor in *out, which is null after a failure. */
+VELOSTRIX_HOST_API VelostrixStatus VelostrixReconstructorCreate(VelostrixReconstructor** out);
+
+/* Gives everything back; null does nothing. Busy: nothing is destroyed. */
+VELOSTRIX_HOST_API VelostrixStatus
+VelostrixReconstructorDestroy(VelostrixReconstructor* reconstructor);
+
+/* Copies what the latest call that failed, but for VELOSTRIX_BUSY, had to say; empty before the
+ * first. May be called at any time, by any thread. */
+VELOSTRIX_HOST_API VelostrixStatus VelostrixReconstructorMessage(
+    const VelostrixReconstructor* reconstructor, VelostrixMessage* message);
+
+/* Brings the reconstructor to `count` (3 to 8) images of width x height pixels and to the settings,
+ * and forgets images and results. */
+VELOSTRIX_HOST_API VelostrixStatus
+VelostrixReconstructorPrepare(VelostrixReconstructor* reconstructor, int32_t count, int32_t width,
+                              int32_t height, const VelostrixSettings* settings);
+
+/* Copies the next image in; the order of the images is that of the lamps. Refused: an image of
+ * another size than prepared, a stride below a row, a sample that the bits in use cannot hold, one
+ * image more than prepared. */
+VELOSTRIX_HOST_API VelostrixStatus
+VelostrixReconstructorSetImage(VelostrixReconstructor* reconstructor, const VelostrixImage* image);
+
+/* Forgets the images set so far, to start the part again. */
+VELOSTRIX_HOST_API VelostrixStatus
+VelostrixReconstructorClearImages(VelostrixReconstructor* reconstructor);
+
+/* Runs on the images, all of which must be set, and forgets them; the results replace those of the
+ * run before. */
+VELOSTRIX_HOST_API VelostrixStatus VelostrixReconstructorRun(VelostrixReconstructor* reconstructor);
+
+/* Prepare, SetImage for each of `count` images, and Run. */
+VELOSTRIX_HOST_API VelostrixStatus VelostrixReconstructorReconstruct(
+    VelostrixReconstructor* reconstructor, const VelostrixImage* images, int32_t count,
+    const VelostrixSettings* settings);
+
+/* ---- results ----------------------------------------------------------------------------------
+ */
+
+/* A result image: that of the region, or of the whole image. 32 bytes. Normal has three channels,
+ * 0, 1 and 2, side by side in a pixel; height has samples of 2 bytes; all others are 8-bit. */
+typedef struct VelostrixPlane {
+  const void* data;   /* first pixel; owned by the reconstructor, valid until its next Prepare, Run,
+                         Reconstruct, ChooseGains or Destroy */
+  int64_t row_stride; /* bytes from one row to the next */
+  int32_t width;
+  int32_t height;
+  int32_t channels;     /* 1 or 3 */
+  int32_t sample_bytes; /* 1 or 2 */
+} VelostrixPlane;
+
+/* Where the result of an output is. Wrong state: no run since Prepare. Invalid: the run did not
+ * make it. */
+VELOSTRIX_HOST_API VelostrixStatus VelostrixReconstructorResult(
+    VelostrixReconstructor* reconstructor, int32_t output, VelostrixPlane* plane);
+
+/* Copies a result to the host's memory of `capacity` bytes, a row every row_stride bytes (0 =
+ * without gaps); bytes between the rows are left alone. Refused as above, and when it does not fit.
+ */
+VELOSTRIX_HOST_API VelostrixStatus
+VelostrixReconstructorCopyResult(VelostrixReconstructor* reconstructor, int32_t output, void* out,
+                                 int64_t row_stride, int64_t capacity);
+
+/* How long the calls of the latest part took, in milliseconds. 88 bytes. */
+typedef struct VelostrixTimes {
+  double parameters;                    /* parameters and region */
+  double buffers;                       /* allocating those in use, perhaps for an earlier part */
+  double images[VELOSTRIX_MOST_IMAGES]; /* setting each image; 0 beyond those set */
+  double run;                           /* the run itself */
+} VelostrixTimes;
+
+VELOSTRIX_HOST_API VelostrixStatus
+VelostrixReconstructorTimes(VelostrixReconstructor* reconstructor, VelostrixTimes* times);
+
+/* ---- gains and diagnostics --------------------------------------------------------------------
+ */
+
+/* Chooses gain and offset of every output that the settings ask for, but for those kept, for these
+ * images, stores them in the settings and marks them there as kept. Without the outermost percent
+ * on each side, values fill grey levels 16 to 240 around 128, those of the magnitude 0 to 240;
+ * channel 2, when all its values have one sign, fills 0 to 240 too, by a negative gain if need be.
+ * A flat map keeps the gain that suits usual relief.
+ *
+ * Does this by pilot runs without height, 2 or 3 as a rule and 8 at most. Choose once for a kind of
+ * part and keep the settings: only under equal gains can parts be compared. Afterwards Prepare
+ * comes next. */
+VELOSTRIX_HOST_API VelostrixStatus VelostrixReconstructorChooseGains(
+    VelostrixReconstructor* reconstructor, const VelostrixImage* images, int32_t count,
+    VelostrixSettings* settings);
+
+/* Exposure of one image. 32 bytes. */
+typedef struct VelostrixExposure {
+  double saturated_share; /* 0 to 1, of the pixels, at 255 */
+  double black_share;     /* 0 to 1, of the pixels, at 0 */
+  double mean_level;      /* grey levels */
+  int32_t is_dead;        /* 1: dark all over: lamp dead or lens covered */
+  int32_t equal_to;       /* index of the first earlier image with the same pixels; -1: none */
+} VelostrixExposure;
+
+/* Whether images are fit for reconstruction. 352 bytes. */
+typedef struct VelostrixDiagnostics {
+  uint32_t struct_size; /* sizeof(VelostrixDiagnostics) */
+  int32_t image_count;
+  VelostrixExposure exposures[VELOSTRIX_MOST_IMAGES];
+  /* Of the images x pixels matrix, descending, the first scaled to 1. The second and third say how
+   * much the lamps differ in one and in two directions. */
+  double singular_values[VELOSTRIX_MOST_IMAGES];
+  /* cali: how much of the images (root mean square share, 0 to 1) no normals under the lamps of the
+   * run's ring explain, and how much none under any lamps do, over pixels that are neither
+   * saturated nor black. Negative: not told, as for other runs and for 3 images, which lamps
+   * anywhere explain.
+   */
+  double unexplained_by_ring;
+  double unexplained_by_any;
+  int32_t warning_count; /* of VelostrixReconstructorWarning */
+  int32_t reserved;      /* 0 */
+} VelostrixDiagnostics;
+
+/* Measures the region of the images. Settings: region, run and bits matter. names: of the images in
+ * warnings, such as their files; null: "image 1" and so on. Leaves what is prepared, set and made
+ * alone. */
+VELOSTRIX_HOST_API VelostrixStatus VelostrixReconstructorDiagnose(
+    VelostrixReconstructor* reconstructor, const VelostrixImage* images, int32_t count,
+    const VelostrixSettings* settings, const char* const* names, VelostrixDiagnostics* diagnostics);
+
+/* Warning `index` (from 0) of the latest Diagnose: what is wrong and what to do, in plain words. */
+VELOSTRIX_HOST_API VelostrixStatus VelostrixReconstructorWarning(
+    VelostrixReconstructor* reconstructor, int32_t index, VelostrixMessage* warning);
+
+#ifdef __cplusplus
+}
+#define VELOSTRIX_PIN(condition) static_assert(condition, "record layout")
+#else
+#define VELOSTRIX_PIN(condition) _Static_assert(condition, "record layout")
+#endif
+
+VELOSTRIX_PIN(sizeof(VelostrixMessage) == 1024);
+VELOSTRIX_PIN(sizeof(VelostrixRegion) == 16);
+VELOSTRIX_PIN(sizeof(VelostrixSettings) == 168);
+VELOSTRIX_PIN(offsetof(VelostrixSettings, struct_size) == 0);
+VELOSTRIX_PIN(offsetof(VelostrixSettings, run) == 4);
+VELOSTRIX_PIN(offsetof(VelostrixSettings, band) == 8);
+VELOSTRIX_PIN(offsetof(VelostrixSettings, outputs) == 12);
+VELOSTRIX_PIN(offsetof(VelostrixSettings, has_region) == 16);
+VELOSTRIX_PIN(offsetof(VelostrixSettings, region) == 20);
+VELOSTRIX_PIN(offsetof(VelostrixSettings, equalise) == 36);
+VELOSTRIX_PIN(offsetof(VelostrixSettings, scale) == 40);
+VELOSTRIX_PIN(offsetof(VelostrixSettings, difference) == 48);
+VELOSTRIX_PIN(offsetof(VelostrixSettings, blur_radius) == 52);
+VELOSTRIX_PIN(offsetof(VelostrixSettings, iteration_cap) == 56);
+VELOSTRIX_PIN(offsetof(VelostrixSettings, bits) == 60);
+VELOSTRIX_PIN(offsetof(VelostrixSettings, gain) == 64);
+VELOSTRIX_PIN(offsetof(VelostrixSettings, offset) == 128);
+VELOSTRIX_PIN(offsetof(VelostrixSettings, kept_gains) == 160);
+VELOSTRIX_PIN(offsetof(VelostrixSettings, kept_offsets) == 164);
+
+VELOSTRIX_PIN(sizeof(VelostrixImage) == 32);
+VELOSTRIX_PIN(offsetof(VelostrixImage, row_stride) == 8);
+VELOSTRIX_PIN(offsetof(VelostrixImage, width) == 16);
+VELOSTRIX_PIN(offsetof(VelostrixImage, sample_bytes) == 24);
+
+VELOSTRIX_PIN(sizeof(VelostrixPlane) == 32);
+VELOSTRIX_PIN(offsetof(VelostrixPlane, row_stride) == 8);
+VELOSTRIX_PIN(offsetof(VelostrixPlane, width) == 16);
+VELOSTRIX_PIN(offsetof(VelostrixPlane, channels) == 24);
+
+VELOSTRIX_PIN(sizeof(VelostrixTimes) == 88);
+VELOSTRIX_PIN(offsetof(VelostrixTimes, images) == 16);
+VELOSTRIX_PIN(offsetof(VelostrixTimes, run) == 80);
+
+VELOSTRIX_PIN(sizeof(VelostrixExposure) == 32);
+VELOSTRIX_PIN(offsetof(VelostrixExposure, is_dead) == 24);
+VELOSTRIX_PIN(sizeof(VelostrixDiagnostics) == 352);
+VELOSTRIX_PIN(offsetof(VelostrixDiagnostics, exposures) == 8);
+VELOSTRIX_PIN(offsetof(VelostrixDiagnostics, singular_values) == 264);
+VELOSTRIX_PIN(offsetof(VelostrixDiagnostics, unexplained_by_ring) == 328);
+VELOSTRIX_PIN(offsetof(VelostrixDiagnostics, warning_count) == 344);
+
+#undef VELOSTRIX_PIN
+
+#endif /* VELOSTRIX_HOST_H */
