@@ -24,6 +24,18 @@ enum VelostrixOutput {
   VELOSTRIX_OUTPUT_COUNT = 8
 };
 
+/* What images and parameters are held to, and where scaling begins. */
+enum VelostrixLimit {
+  VELOSTRIX_FEWEST_IMAGES = 3,
+  VELOSTRIX_MOST_IMAGES = 8,
+  VELOSTRIX_SMALLEST_WIDTH = 3, /* pixels to work on */
+  VELOSTRIX_SMALLEST_HEIGHT = 2,
+  VELOSTRIX_SMALLEST_BAND = 10,      /* what is below counts as this */
+  VELOSTRIX_LARGEST_SMALL_SIDE = 10, /* images scaled to this many pixels or fewer are not scaled */
+  VELOSTRIX_LARGEST_BLUR_RADIUS = 32767
+};
+#define VELOSTRIX_SCALED_BELOW 0.99 /* a scale of this or more leaves images as they are */
+
 /* How one float map becomes an 8-bit image: level = saturate(value * gain + offset). */
 typedef struct OutputScaling {
   int32_t offset; /* levels, added after the gain */
@@ -38,7 +50,7 @@ typedef struct UnCalibrationParam {
   int32_t height;      /* pixels; at least 2 for the derivative images */
   int32_t row_step;    /* elements from one row to the next in the tool's planes: at least width */
   int32_t output_enable[VELOSTRIX_OUTPUT_COUNT]; /* non-zero: make that image */
-  double scale; /* below 0.99: the tool works on images scaled by this factor; 1 = full */
+  double scale; /* below VELOSTRIX_SCALED_BELOW the tool works on images scaled by it; 1 = full */
   int32_t difference_mode; /* derivative maps: 1 = forward differences, anything else = central */
   int32_t blur_radius;   /* pixels; k >= 1 smooths with a (2k+1) x (2k+1) Gaussian; at most 32767 */
   int32_t iteration_cap; /* height integration: conjugate-gradient iterations at most; 50 is usual,

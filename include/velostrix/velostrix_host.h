@@ -79,10 +79,14 @@ typedef struct VelostrixMessage {
  * a failed Create, VELOSTRIX_BUSY. Never null; lives as long as the library. */
 VELOSTRIX_HOST_API const char* VelostrixStatusText(VelostrixStatus status);
 
-/* "MAJOR.MINOR.PATCH" of the library that is loaded. A host compares it with VELOSTRIX_VERSION of
- * velostrix/version.h, or with the version that it was made for: before 1.0 another minor version
- * may have other records. Lives as long as the library. */
+/* "MAJOR.MINOR.PATCH" of the library that is loaded; lives as long as it. */
 VELOSTRIX_HOST_API const char* VelostrixLibraryVersion(void);
+
+/* Whether the library that is loaded fits a host that was made with this version of the headers
+ * (VELOSTRIX_VERSION_MAJOR and _MINOR of velostrix/version.h): before 1.0 a minor version may
+ * change what hosts see. Else VELOSTRIX_FAILED. */
+VELOSTRIX_HOST_API VelostrixStatus VelostrixCheckVersion(int32_t major, int32_t minor,
+                                                         VelostrixMessage* message);
 
 /* How many threads the height may use in this process, the caller of a run included: 1 = the caller
  * alone, 0 = one for each core (the default). Negative is refused. This is OpenCV's number of
@@ -113,8 +117,6 @@ enum VelostrixDifference {
 /* The bit of an output (VELOSTRIX_OUTPUT_... of velostrix/records.h) in a set of outputs. */
 #define VELOSTRIX_OUTPUT_BIT(output) (UINT32_C(1) << (output))
 #define VELOSTRIX_ALL_OUTPUTS UINT32_C(0xff)
-
-#define VELOSTRIX_MOST_IMAGES 8
 
 /* A rectangle in pixels of the images. 16 bytes. */
 typedef struct VelostrixRegion {
