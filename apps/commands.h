@@ -5,6 +5,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace velostrix::cli {
 
@@ -24,7 +25,8 @@ constexpr int kNoThreads = 0;
 constexpr int kAllCores = -1;
 
 // Each adds one command with its options; parsing the arguments then runs it.
-void AddReconstructCommand(CLI::App& app);
+// The arguments of the program are for the record of the run.
+void AddReconstructCommand(CLI::App& app, const std::vector<std::string>& arguments);
 void AddRenderCommand(CLI::App& app);
 void AddSheetCommand(CLI::App& app);
 void AddInfoCommand(CLI::App& app);

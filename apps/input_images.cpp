@@ -1,6 +1,9 @@
 // Image files as 8-bit grey images.
 #include "apps/input_images.h"
 
+#include <nettle/base16.h>
+#include <nettle/sha2.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -15,6 +18,7 @@
 
 #include "apps/commands.h"
 #include "apps/stderr_capture.h"
+#include "velostrix/tool.hpp"
 
 namespace velostrix::cli {
 namespace {
@@ -23,21 +27,6 @@ namespace fs = std::filesystem;
 
 constexpr const char* kExpected = "; expected a PNG, BMP, TIFF or JPEG file";
 
-// Exactly as many as the file says to have: some that the system makes up never end.
-std::vector<char> ReadBytes(const std::string& file) {
-  const std::string refusal = WhyUnreadable(file);
-  if (!refusal.empty()) throw Failure(refusal + kExpected);
-  errno = 0;
-  std::ifstream stream(file, std::ios::binary);
-  std::vector<char> bytes(fs::file_size(file));
-  stream.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  if (!stream || bytes.empty()) {
-    const std::string reason = errno == 0 ? "is empty" : std::strerror(errno);
-    throw Failure(file + ": " + reason + kExpected);
-  }
-  return bytes;
-}
-
 std::string SizeText(const cv::Mat& image) {
   return std::to_string(image.cols) + " x " + std::to_string(image.rows) + " pixels";
 }
@@ -45,11 +34,33 @@ std::string SizeText(const cv::Mat& image) {
 // Appends to a note.
 void Add(std::string& note, const std::string& text) { note += (note.empty() ? "" : ", ") + text; }
 
+cv::Mat DecodeBytes(const std::vector<char>& bytes, const std::string& file, std::string* remark) {
+  cv::Mat image;
+  *remark = CodeQuietly([&] { image = cv::imdecode(bytes, cv::IMREAD_UNCHANGED); });
+  if (image.empty()) {
+    throw Failure(file + ": cannot be decoded" + (remark->empty() ? "" : " (" + *remark + ")") +
+                  kExpected);
+  }
+  return image;
+}
+
+std::string Sha256(const std::vector<char>& bytes) {
+  sha256_ctx context;
+  std::array<uint8_t, SHA256_DIGEST_SIZE> digest;
+  sha256_init(&context);
+  sha256_update(&context, bytes.size(), reinterpret_cast<const uint8_t*>(bytes.data()));
+  sha256_digest(&context, digest.size(), digest.data());
+  std::array<char, BASE16_ENCODE_LENGTH(SHA256_DIGEST_SIZE)> text;
+  base16_encode_update(text.data(), digest.size(), digest.data());
+  return {text.begin(), text.end()};
+}
+
 std::vector<InputImage> Decode(const std::vector<std::string>& files) {
   std::vector<InputImage> images;
   for (const std::string& file : files) {
-    images.push_back({file, {}, {}});
-    images.back().pixels = DecodeFile(file, &images.back().note);
+    const std::vector<char> bytes = ReadBytes(file, kExpected);
+    InputImage& image = images.emplace_back(InputImage{file, Sha256(bytes), {}, {}});
+    image.pixels = DecodeBytes(bytes, file, &image.note);
   }
   return images;
 }
@@ -65,25 +76,20 @@ void ReduceDepth(std::vector<InputImage>& images, int& bits) {
     }
     double most = 0.0;
     cv::minMaxLoc(image.pixels.reshape(1), nullptr, &most);
-    if (bits != 0 && most >= 1 << bits) {
-      throw Failure(image.file + ": has the value " + std::to_string(std::lround(most)) +
-                    ", more than --bits " + std::to_string(bits) + " can hold");
-    }
     largest = std::max(largest, static_cast<int>(most));
   }
   if (largest < 0) return;
   if (bits == 0) {
     for (bits = 10; largest >= 1 << bits;) bits += 2;
   }
-  const double full = (1 << bits) - 1;
   std::ostringstream note;
   note << "16-bit samples";
   if (bits < 16) note << " with " << bits << " bits in use";
-  note << " divided by " << full / 255.0;
+  note << " divided by " << ((1 << bits) - 1) / 255.0;
   for (InputImage& image : images) {
     if (image.pixels.depth() == CV_8U) continue;
     Add(image.note, note.str());
-    image.pixels.convertTo(image.pixels, CV_8U, 255.0 / full);
+    image.pixels = ToEightBits(image.pixels, bits, image.file + ':');
   }
 }
 
@@ -97,12 +103,27 @@ cv::Mat Grey(const cv::Mat& image, std::string& note) {
 
 }  // namespace
 
+// Exactly as many as the file says to have: some that the system makes up never end.
+std::vector<char> ReadBytes(const std::string& file, const std::string& expected) {
+  const std::string refusal = WhyUnreadable(file);
+  if (!refusal.empty()) throw Failure(refusal + expected);
+  errno = 0;
+  std::ifstream stream(file, std::ios::binary);
+  std::vector<char> bytes(fs::file_size(file));
+  stream.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  if (!stream || bytes.empty()) {
+    const std::string reason = errno == 0 ? "is empty" : std::strerror(errno);
+    throw Failure(file + ": " + reason + expected);
+  }
+  return bytes;
+}
+
 std::string WhyUnreadable(const std::string& file) {
   std::error_code error;
   const fs::file_status status = fs::status(file, error);
   if (fs::is_regular_file(status)) return {};
   if (fs::is_directory(status)) {
-    return file + ": is a folder; give its images, as in " + (fs::path(file) / "*.png").string();
+    return file + ": is a folder; give its files, as in " + (fs::path(file) / "*").string();
   }
   if (fs::exists(status)) return file + ": is not a regular file";
   if (status.type() != fs::file_type::not_found) return file + ": " + error.message();
@@ -110,16 +131,33 @@ std::string WhyUnreadable(const std::string& file) {
   return file + (is_pattern ? ": no file matches this pattern" : ": no such file");
 }
 
-cv::Mat DecodeFile(const std::string& file, std::string* remark) {
-  const std::vector<char> bytes = ReadBytes(file);
-  cv::Mat image;
-  const std::string said = CodeQuietly([&] { image = cv::imdecode(bytes, cv::IMREAD_UNCHANGED); });
-  if (image.empty()) {
-    throw Failure(file + ": cannot be decoded" + (said.empty() ? "" : " (" + said + ")") +
-                  kExpected);
+cv::Mat DecodeFile(const std::string& file) {
+  std::string remark;
+  return DecodeBytes(ReadBytes(file, kExpected), file, &remark);
+}
+
+bool IsImageName(const std::string& file) {
+  constexpr std::array<const char*, 6> kExtensions = {".png",  ".bmp", ".tif",
+                                                      ".tiff", ".jpg", ".jpeg"};
+  const std::string extension = CLI::detail::to_lower(fs::path(file).extension().string());
+  return std::find(kExtensions.begin(), kExtensions.end(), extension) != kExtensions.end();
+}
+
+std::vector<std::string> ImagesIn(const std::string& folder) {
+  std::error_code error;
+  if (!fs::is_directory(folder, error)) {
+    throw Failure(folder + ": no such folder; expected one of pictures");
   }
-  if (remark != nullptr) *remark = said;
-  return image;
+  std::vector<std::string> files;
+  for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
+    const std::string file = entry.path().string();
+    if (entry.is_regular_file() && IsImageName(file)) files.push_back(file);
+  }
+  if (files.empty()) throw Failure(folder + ": no pictures; expected PNG, BMP, TIFF or JPEG files");
+  std::sort(files.begin(), files.end(), [](const std::string& a, const std::string& b) {
+    return strverscmp(a.c_str(), b.c_str()) < 0;
+  });
+  return files;
 }
 
 std::vector<InputImage> LoadImages(const std::vector<std::string>& files, int& bits) {
@@ -132,7 +170,7 @@ std::vector<InputImage> LoadImages(const std::vector<std::string>& files, int& b
 std::vector<InputImage> LoadChannels(const std::string& file, int& bits) {
   std::vector<InputImage> decoded = Decode({file});
   ReduceDepth(decoded, bits);
-  const auto& [name, note, image] = decoded.front();
+  const auto& [name, hash, note, image] = decoded.front();
   if (image.channels() < 3) {
     throw Failure(file + ": one channel; expected a colour image, whose channels are three lamps");
   }
@@ -140,7 +178,7 @@ std::vector<InputImage> LoadChannels(const std::string& file, int& bits) {
   std::vector<InputImage> images(3);
   for (int k = 0; k < 3; ++k) {
     const auto at = static_cast<size_t>(k);
-    images[at] = {name, note, {}};
+    images[at] = {name, hash, note, {}};
     Add(images[at].note, std::string(kNames[at]) + " channel");
     cv::extractChannel(image, images[at].pixels, 2 - k);  // OpenCV keeps blue, green, red
   }

@@ -7,18 +7,28 @@
 
 namespace velostrix::cli {
 
+// The image files of the folder in natural order: 2 before 10. Failure when there is no such folder
+// or no image in it.
+std::vector<std::string> ImagesIn(const std::string& folder);
+
+// Whether the name ends as those of image files do.
+bool IsImageName(const std::string& file);
+
+// The whole file. Failure says what is wrong with it, and then `expected`.
+std::vector<char> ReadBytes(const std::string& file, const std::string& expected);
+
 // Why the path cannot be an image file, and what to give; empty when it may be one.
 std::string WhyUnreadable(const std::string& file);
 
 // The pixels of a PNG, BMP, TIFF or JPEG file as they stand. Failure names the file and what is
-// wrong with it. Anything that the decoder had to remark is returned in *remark, if that is not
-// null.
-cv::Mat DecodeFile(const std::string& file, std::string* remark = nullptr);
+// wrong with it.
+cv::Mat DecodeFile(const std::string& file);
 
 struct InputImage {
   std::string file;
-  std::string note;  // how the pixels were converted; empty if they were not
-  cv::Mat pixels;    // CV_8UC1
+  std::string sha256;  // of the file
+  std::string note;    // how the pixels were converted; empty if they were not
+  cv::Mat pixels;      // CV_8UC1
 };
 
 // Reads the files and converts colour and 16-bit pixels to 8-bit grey. Of 16-bit samples, `bits`

@@ -3,25 +3,68 @@
 #include <signal.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <iostream>
 #include <new>
+#include <numeric>
 #include <opencv2/core.hpp>
 #include <opencv2/core/utils/logger.hpp>
+#include <string>
+#include <vector>
 
 #include "apps/commands.h"
 #include "apps/console.h"
+#include "apps/help_text.h"
 #include "velostrix/version.h"
 
 namespace {
 
 constexpr int kFailed = 1;
 constexpr int kWrongUsage = 2;
+constexpr const char* kSeeHelp = "; see velostrix --help";
 constexpr const char* kOutOfMemory =
     "out of memory; work on fewer pixels (--roi, --scale, --size, --tile)";
 
 int Complain(int exit_code, const std::string& message) {
   std::cerr << "velostrix: " << velostrix::cli::Printable(message) << '\n';
   return exit_code;
+}
+
+// Insertions, deletions and replacements of letters from one word to the other (Levenshtein 1966).
+size_t Distance(const std::string& from, const std::string& to) {
+  std::vector<size_t> row(to.size() + 1);
+  std::iota(row.begin(), row.end(), size_t{0});
+  for (size_t i = 0; i < from.size(); ++i) {
+    size_t diagonal = row[0]++;
+    for (size_t j = 0; j < to.size(); ++j) {
+      const size_t replaced = diagonal + (from[i] == to[j] ? 0 : 1);
+      diagonal = row[j + 1];
+      row[j + 1] = std::min({replaced, row[j] + 1, diagonal + 1});
+    }
+  }
+  return row.back();
+}
+
+// What was not understood, with the option that was perhaps meant: the one that begins or, of
+// several, is spelled most alike.
+std::string DescribeExtra(const CLI::App& app) {
+  const CLI::App& command = app.get_subcommands().empty() ? app : *app.get_subcommands().front();
+  const std::string extra = command.remaining(true).front();
+  const std::string word = extra.substr(0, extra.find('='));
+  if (word.rfind("--", 0) != 0) return extra + ": is not expected here";
+  std::string nearest;
+  std::pair<size_t, size_t> least;
+  for (const CLI::Option* option : command.get_options()) {
+    for (const std::string& name : option->get_lnames()) {
+      const std::string spelled = "--" + name;
+      const std::pair distance(Distance(word, spelled.substr(0, word.size())),
+                               Distance(word, spelled));
+      if (!nearest.empty() && distance >= least) continue;
+      nearest = spelled;
+      least = distance;
+    }
+  }
+  return word + ": no such option; the nearest is " + nearest;
 }
 
 // The parser's own words do not name the command that it does not know.
@@ -49,14 +92,20 @@ int main(int argc, char** argv) {
   cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
 
   CLI::App app(
-      "Pictures of relief from 3 to 8 pictures of one part, taken from one place, each under "
-      "another "
-      "lamp: print and stains fade, dents, scratches and embossing stand out.",
+      "Surface relief by photometric stereo: from 3 to 8 pictures of one part, taken from one "
+      "place, "
+      "each under another lamp. Print and stains fade; dents, scratches and embossing stand out.",
       "velostrix");
   app.set_version_flag("--version", "velostrix " VELOSTRIX_VERSION);
   app.require_subcommand(1);
-  app.footer("Exit codes: 0 done, 1 failed, 2 wrong arguments.");
-  AddReconstructCommand(app);
+  app.formatter(std::make_shared<HelpText>());
+  app.footer(
+      "Examples:\n"
+      "  velostrix render --out scene\n"
+      "  velostrix reconstruct scene --out relief\n"
+      "  velostrix sheet scene relief --out overview.png\n\n"
+      "Exit codes: 0 done, 1 failed, 2 wrong arguments.");
+  AddReconstructCommand(app, {argv, argv + argc});
   AddRenderCommand(app);
   AddSheetCommand(app);
   AddInfoCommand(app);
@@ -66,8 +115,10 @@ int main(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::Success& e) {
     app.exit(e);  // prints --help, --version
+  } catch (const CLI::ExtrasError&) {
+    return Complain(kWrongUsage, DescribeExtra(app) + kSeeHelp);
   } catch (const CLI::ParseError& e) {
-    return Complain(kWrongUsage, std::string(e.what()) + "; see velostrix --help");
+    return Complain(kWrongUsage, e.what() + std::string(kSeeHelp));
   } catch (const UsageError& e) {
     return Complain(kWrongUsage, e.what());
   } catch (const std::bad_alloc&) {

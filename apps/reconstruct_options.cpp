@@ -2,6 +2,7 @@
 #include "apps/reconstruct_options.h"
 
 #include <algorithm>
+#include <array>
 #include <limits>
 #include <optional>
 #include <utility>
@@ -12,32 +13,22 @@
 namespace velostrix::cli {
 namespace {
 
-const std::map<std::string, Run> kRuns = {{"uncali", Run::kUncalibrated},
-                                          {"cali", Run::kCalibrated},
-                                          {"partrows", Run::kPartRows},
-                                          {"partcols", Run::kPartCols}};
+// The place of one of the names, which the parser has checked.
+template <typename Choice, size_t N>
+Choice Chosen(const std::array<const char*, N>& names, const std::string& name) {
+  return static_cast<Choice>(std::find(names.begin(), names.end(), name) - names.begin());
+}
 
-const std::map<std::string, Difference> kDifferences = {{"central", Difference::kCentral},
-                                                        {"forward", Difference::kForward}};
+template <size_t N>
+CLI::IsMember OneOf(const std::array<const char*, N>& names) {
+  return CLI::IsMember(std::vector<std::string>(names.begin(), names.end()));
+}
 
 std::optional<Output> OutputNamed(const std::string& name) {
   for (const Output output : kAllOutputs) {
     if (name == Name(output)) return output;
   }
   return std::nullopt;
-}
-
-void RequireFileCount(const ReconstructOptions& options) {
-  const size_t count = options.files.size();
-  if (options.split_channels ? count == 1 : (count >= 3 && count <= 8)) return;
-  std::string reason;
-  for (const std::string& file : options.files) {
-    if (reason.empty()) reason = WhyUnreadable(file);
-  }
-  throw UsageError(
-      "IMAGE: " + std::to_string(count) + (count == 1 ? " file given" : " files given") +
-      (reason.empty() ? "" : " (" + reason + ")") + "; expected " +
-      (options.split_channels ? "1 colour file with --split-channels" : "3 to 8 of one scene"));
 }
 
 OutputSet ParseOutputs(const std::string& text) {
@@ -56,18 +47,28 @@ OutputSet ParseOutputs(const std::string& text) {
 }
 
 cv::Rect ParseRegion(const std::string& text) {
-  constexpr int kFarthest = 1 << 24;  // beyond any image; sums stay in range
-  std::vector<int> corners;
+  std::vector<int> numbers;
   for (const std::string& part : CLI::detail::split(text, ',')) {
-    if (!ParseNumber(part, corners.emplace_back())) corners.back() = -1;
+    if (!ParseNumber(part, numbers.emplace_back())) numbers.back() = -1;
   }
-  const bool are_pixels = std::all_of(corners.begin(), corners.end(),
-                                      [](int corner) { return corner >= 0 && corner < kFarthest; });
-  if (!are_pixels || corners.size() != 4 || corners[2] < corners[0] || corners[3] < corners[1]) {
+  const bool are_pixels =
+      std::all_of(numbers.begin(), numbers.end(), [](int number) { return number >= 0; });
+  if (!are_pixels || numbers.size() != 4) {
     throw UsageError("--roi " + text +
-                     ": expected X1,Y1,X2,Y2, first and last pixel of the region, counted from 0");
+                     ": expected X,Y,WIDTH,HEIGHT, the first pixel of the region, counted from 0, "
+                     "and its size");
   }
-  return {corners[0], corners[1], corners[2] - corners[0] + 1, corners[3] - corners[1] + 1};
+  return {numbers[0], numbers[1], numbers[2], numbers[3]};
+}
+
+void ReadRecipe(const std::string& file, ReconstructOptions& options) {
+  const std::vector<char> bytes = ReadBytes(file, "; expected a recipe, such as a run.json");
+  try {
+    options.recipe = velostrix::ParseRecipe({bytes.begin(), bytes.end()});
+  } catch (const Error& e) {
+    throw Failure(file + ": " + e.what());
+  }
+  options.recipe_file = file;
 }
 
 // NAME=VALUE; the name joins those given.
@@ -98,76 +99,116 @@ std::pair<Output, T> ParseScaling(const std::string& option, const std::string& 
 
 void DeclareReconstructOptions(CLI::App& command, ReconstructOptions& options) {
   constexpr int kMost = std::numeric_limits<int>::max();
-  Parameters& p = options.parameters;
-  command.add_option(
-      "IMAGE", options.files,
-      "3 to 8 image files (PNG, BMP, TIFF, JPEG) of one part, each under another lamp; "
-      "colour and 16-bit files are converted to 8-bit grey");
-  AddOut(command, options.out, "Folder to write to; made when it is not there")->type_name("DIR");
-  command.add_flag("--split-channels", options.split_channels,
-                   "IMAGE is one colour file: its red, green and blue channel are three lamps");
+  Recipe& recipe = options.recipe;
+  Parameters& p = recipe.parameters;
+  const char* const images = "Images";
+  command
+      .add_option(
+          "IMAGE", options.files,
+          "3 to 8 image files (PNG, BMP, TIFF, JPEG) of one part, each under another lamp, or the "
+          "folder that has them, taken in natural order (2 before 10); colour and 16-bit files are "
+          "converted to 8-bit grey")
+      ->group(images)
+      ->type_name("");
+  command
+      .add_flag("--split-channels", options.split_channels,
+                "IMAGE is one colour file: its red, green and blue channel are three lamps")
+      ->group(images);
+
+  // First of those that set the recipe: the parser calls them in the order of their declaration.
+  command
+      .add_option_function<std::string>(
+          "--recipe", [&](const std::string& file) { ReadRecipe(file, options); },
+          "Take what is not given here from a recipe: a run.json, or what --save-recipe wrote")
+      ->group("Recipes")
+      ->type_name("FILE");
+  command
+      .add_option("--save-recipe", options.save_recipe,
+                  "Write what was used, chosen gains included, as a recipe of its own")
+      ->group("Recipes")
+      ->type_name("FILE");
+
+  const char* const method = "Method";
+  command
+      .add_option("--bits", recipe.bits,
+                  "Bits in use of the samples of 16-bit files, 8 to 16; when not given, 10, 12, 14 "
+                  "or 16, as the largest sample of all files needs")
+      ->group(images)
+      ->check(CLI::Range(8, 16))
+      ->type_name("B");
+  command
+      .add_option("--roi,--region", options.region,
+                  "Work on this region only: its first pixel, counted from 0, and its size")
+      ->group(images)
+      ->type_name("X,Y,WIDTH,HEIGHT");
+  command
+      .add_option("--scale", p.scale,
+                  "Work on images scaled by this (below 0.99): faster and calmer, less detail")
+      ->group(images)
+      ->check(CLI::Range(0.001, 1.0))
+      ->check(IsNumber())
+      ->capture_default_str()
+      ->type_name("S");
+  command
+      .add_flag("--equalise", p.equalise,
+                "Even out the brightness of the columns of every image first")
+      ->group(images);
   command
       .add_option(
           "--run", options.run,
           "uncali: lamps unknown, whole frame (start here); cali: lamps in the fixed ring; "
           "partrows, partcols: lamps unknown, bands of rows or strips of columns, for light "
           "that changes over the frame")
-      ->check(CLI::IsMember(kRuns))
-      ->capture_default_str()
+      ->group(method)
+      ->check(OneOf(kRunNames))
+      ->default_str(kRunNames[0])
       ->type_name("RUN");
   command.add_option("--band", p.band, "Rows or columns of a piece for partrows, partcols")
-      ->check(CLI::Range(10, kMost).description(""))
+      ->group(method)
+      ->check(CLI::Range(VELOSTRIX_SMALLEST_BAND + 0, kMost).description(""))
       ->capture_default_str()
       ->type_name("B");
-  command
-      .add_option("--outputs", options.outputs,
-                  "Images to make: all, or a list of factor,curvature,magnitude,channel0,channel1,"
-                  "channel2,normal,height")
-      ->capture_default_str()
-      ->type_name("LIST");
-  command
-      .add_option("--roi", options.region,
-                  "Work on this region only: its first and its last pixel, counted from 0")
-      ->type_name("X1,Y1,X2,Y2");
-  command
-      .add_option("--scale", p.scale,
-                  "Work on images scaled by this (below 0.99): faster and calmer, less detail")
-      ->check(CLI::Range(0.001, 1.0))
-      ->check(IsNumber())
-      ->capture_default_str()
-      ->type_name("S");
-  command
-      .add_option("--bits", options.bits,
-                  "Bits in use of the samples of 16-bit files, 8 to 16; when not given, 10, 12, 14 "
-                  "or 16, as the largest sample of all files needs")
-      ->check(CLI::Range(8, 16))
-      ->type_name("B");
-  command.add_flag("--equalise", p.equalise,
-                   "Even out the brightness of the columns of every image first");
   command
       .add_option("--difference", options.difference,
                   "How slopes are differentiated: central is calmer, forward resolves finer lines")
-      ->check(CLI::IsMember(kDifferences))
-      ->capture_default_str()
+      ->group(method)
+      ->check(OneOf(kDifferenceNames))
+      ->default_str(kDifferenceNames[0])
       ->type_name("HOW");
-  command.add_option("--blur", p.blur_radius, "Smooth curvature and magnitude over this radius")
-      ->check(CLI::Range(0, 32767))
+  command
+      .add_option("--blur-radius", p.blur_radius, "Smooth curvature and magnitude over this radius")
+      ->group(method)
+      ->check(CLI::Range(0, VELOSTRIX_LARGEST_BLUR_RADIUS + 0))
       ->capture_default_str()
       ->type_name("PIXELS");
   command
-      .add_option("--iterations", p.iteration_cap,
+      .add_option("--iteration-cap", p.iteration_cap,
                   "Steps of the height at most: 50 shows local relief, more also slow changes; "
                   "negative: as many as it takes")
+      ->group(method)
       ->check(CLI::Range(-kMost, kMost).description(""))
       ->capture_default_str()
       ->type_name("N");
+
+  const char* const results = "Results";
+  AddOut(command, options.out, "Folder to write to; made when it is not there")
+      ->group(results)
+      ->type_name("DIR");
+  command
+      .add_option("--outputs", options.outputs,
+                  "Images to make: all, or some of factor, curvature, magnitude, channel0, "
+                  "channel1, channel2, normal, height, joined by commas")
+      ->group(results)
+      ->default_str("all")
+      ->type_name("LIST");
   command
       .add_option(
           "--gain", options.gains,
           "Grey levels per unit for factor, curvature, magnitude, channel0, channel1 or "
           "channel2; repeat for several. Gains that are not given are chosen by trial runs, so "
-          "that all but 1 % of the pixels at either end fill levels 16 to 240; see run.json "
-          "for what was chosen, and give it again to compare parts")
+          "that all but 1 % of the pixels at either end fill levels 16 to 240; to compare parts, "
+          "run them by the recipe of the first")
+      ->group(results)
       ->allow_extra_args(false)
       ->type_name("NAME=G");
   command
@@ -175,39 +216,39 @@ void DeclareReconstructOptions(CLI::App& command, ReconstructOptions& options) {
           "--offset", options.offsets,
           "Grey level of value 0, for the same names but factor; 128, or 0 for magnitude and "
           "one-sided channel2, when not given")
+      ->group(results)
       ->allow_extra_args(false)
       ->type_name("NAME=O");
-  command.add_flag("--quiet", options.quiet, "Say nothing but errors");
+  command.add_flag("--quiet", options.quiet, "Say nothing but errors")->group(results);
 }
 
-Request ParseRequest(const ReconstructOptions& options) {
-  RequireFileCount(options);
-  Request request = {options.parameters, {}, {}};
-  Parameters& parameters = request.parameters;
-  parameters.run = kRuns.at(options.run);
-  parameters.difference = kDifferences.at(options.difference);
-  parameters.outputs = ParseOutputs(options.outputs);
+Recipe ParseRecipe(const ReconstructOptions& options) {
+  Recipe recipe = options.recipe;
+  Parameters& parameters = recipe.parameters;
+  if (!options.run.empty()) parameters.run = Chosen<Run>(kRunNames, options.run);
+  if (!options.difference.empty()) {
+    parameters.difference = Chosen<Difference>(kDifferenceNames, options.difference);
+  }
+  if (!options.outputs.empty()) parameters.outputs = ParseOutputs(options.outputs);
   if (!options.region.empty()) parameters.region = ParseRegion(options.region);
 
   OutputSet scaled = {Output::kCurvature, Output::kMagnitude, Output::kChannel0, Output::kChannel1,
                       Output::kChannel2};
-  OutputSet made = parameters.outputs;
-  if (made.Contains(Output::kNormal)) {
-    for (const Output channel : kChannels) made.Add(channel);
-  }
+  const OutputSet made = WithChannels(parameters.outputs);
   OutputSet given_offsets;
   for (const std::string& text : options.offsets) {
     const auto [output, offset] = ParseScaling<int>("--offset", text, scaled, made, given_offsets);
-    request.given_offsets[output] = Scaling(parameters, output)->offset = offset;
+    Scaling(parameters, output)->offset = offset;
+    recipe.kept_offsets.Add(output);
   }
   scaled.Add(Output::kFactor);
+  OutputSet given_gains;
   for (const std::string& text : options.gains) {
-    const auto [output, gain] =
-        ParseScaling<double>("--gain", text, scaled, made, request.given_gains);
-    OutputScaling* const scaling = Scaling(parameters, output);
-    (scaling != nullptr ? scaling->gain : parameters.factor_gain) = gain;
+    const auto [output, gain] = ParseScaling<double>("--gain", text, scaled, made, given_gains);
+    *Gain(parameters, output) = gain;
+    recipe.kept_gains.Add(output);
   }
-  return request;
+  return recipe;
 }
 
 }  // namespace velostrix::cli

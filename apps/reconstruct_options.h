@@ -2,41 +2,36 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
-#include <map>
 #include <string>
 #include <vector>
 
-#include "velostrix/tool.hpp"
+#include "velostrix/recipe.hpp"
 
 namespace velostrix::cli {
 
-// As they stand on the command line.
 struct ReconstructOptions {
+  // As they stand on the command line.
   std::vector<std::string> files;
   std::string out;
-  int bits = 0;  // 0: to be found
+  std::string save_recipe;
   bool split_channels = false;
   bool quiet = false;
-  std::string run = "uncali";
-  std::string difference = "central";
-  std::string outputs = "all";
+  std::string run;
+  std::string difference;
+  std::string outputs;
   std::string region;
   std::vector<std::string> gains;
   std::vector<std::string> offsets;
-  Parameters parameters;  // those that stand there as numbers and flags
-};
 
-// What they mean.
-struct Request {
-  Parameters parameters;
-  OutputSet given_gains;                // the others are to be chosen
-  std::map<Output, int> given_offsets;  // they overrule those that come with a chosen gain
+  // That of --recipe with the numbers and flags that stand there; bits are 0: to be found.
+  Recipe recipe;
+  std::string recipe_file;
 };
 
 // Declares the arguments; parsing stores them in the options.
 void DeclareReconstructOptions(CLI::App& command, ReconstructOptions& options);
 
-// Throws UsageError.
-Request ParseRequest(const ReconstructOptions& options);
+// The recipe with all that is asked for. Throws UsageError.
+Recipe ParseRecipe(const ReconstructOptions& options);
 
 }  // namespace velostrix::cli

@@ -1,6 +1,9 @@
 // What one `velostrix reconstruct` did, as it is kept in run.json.
 #include "apps/run_record.h"
 
+#include <unistd.h>
+
+#include <ctime>
 #include <nlohmann/json.hpp>
 
 #include "velostrix/version.h"
@@ -15,8 +18,9 @@ Json ToJson(cv::Size size) { return {{"width", size.width}, {"height", size.heig
 Json Inputs(const RunRecord& record) {
   Json inputs = Json::array();
   for (size_t k = 0; k < record.inputs.size(); ++k) {
-    const Exposure& exposure = record.diagnostics.exposures[k];
+    const VelostrixExposure& exposure = record.diagnostics.exposures[k];
     inputs.push_back({{"file", record.inputs[k].file},
+                      {"sha256", record.inputs[k].sha256},
                       {"conversion", record.inputs[k].note},
                       {"saturated_share", exposure.saturated_share},
                       {"black_share", exposure.black_share},
@@ -25,61 +29,55 @@ Json Inputs(const RunRecord& record) {
   return inputs;
 }
 
-Json UnexplainedShare(const RunRecord& record) {
-  const auto& share = record.diagnostics.unexplained;
-  return share ? Json({{"by_ring", share->by_ring}, {"by_any_lamps", share->by_any}}) : Json();
+Json SingularValues(const Diagnostics& diagnostics) {
+  const double* const values = diagnostics.singular_values;
+  return std::vector<double>(values, values + diagnostics.image_count);
 }
 
-Json Scalings(const RunRecord& record, const Request& request) {
-  Json scalings = {{"factor", {{"gain", record.parameters.factor_gain}}}};
-  for (const Output output : kAllOutputs) {
-    const OutputScaling* const scaling = Scaling(record.parameters, output);
-    if (scaling == nullptr) continue;
-    scalings[Name(output)] = {{"gain", scaling->gain},
-                              {"offset", scaling->offset},
-                              {"gain_given", request.given_gains.Contains(output)}};
-  }
-  return scalings;
+Json UnexplainedShare(const Diagnostics& d) {
+  if (d.unexplained_by_ring < 0.0) return {};
+  return {{"by_ring", d.unexplained_by_ring}, {"by_any_lamps", d.unexplained_by_any}};
 }
 
-Json ParametersOf(const RunRecord& record, const ReconstructOptions& options,
-                  const Request& request) {
-  const Parameters& p = record.parameters;
-  Json json = {{"run", options.run}};
-  if (p.run == Run::kPartRows || p.run == Run::kPartCols) json["band"] = p.band;
-  if (p.region)
-    json["roi"] = {p.region->x, p.region->y, p.region->br().x - 1, p.region->br().y - 1};
-  if (record.bits != 0) {
-    json["bits"] = record.bits;
-    json["bits_given"] = options.bits != 0;
-  }
-  json["scale"] = p.scale;
-  json["equalise"] = p.equalise;
-  json["difference"] = options.difference;
-  json["blur"] = p.blur_radius;
-  json["iterations"] = p.iteration_cap;
-  json["scaling"] = Scalings(record, request);
-  return json;
+std::string Now() {
+  const std::time_t now = std::time(nullptr);
+  std::tm utc = {};
+  gmtime_r(&now, &utc);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
+  return text;
+}
+
+std::string HostName() {
+  char name[256] = {};
+  gethostname(name, sizeof name - 1);
+  return name;
 }
 
 }  // namespace
 
 std::string FileName(Output output) { return std::string(Name(output)) + ".png"; }
 
-std::string ToJson(const RunRecord& record, const ReconstructOptions& options,
-                   const Request& request) {
-  const Parameters& p = record.parameters;
+std::string ToJson(const RunRecord& record) {
+  const Parameters& p = record.recipe.parameters;
   const cv::Size size = record.inputs.front().pixels.size();
   Json outputs = Json::array();
+  Json chosen = Json::array();
   for (const Output output : kAllOutputs) {
     if (p.outputs.Contains(output)) outputs.push_back(FileName(output));
+    if (record.chosen.Contains(output)) chosen.push_back(Name(output));
   }
   const Json json = {{"version", VELOSTRIX_VERSION},
+                     {"command", record.arguments},
+                     {"date", Now()},
+                     {"host", HostName()},
+                     {"threads", record.threads},
                      {"inputs", Inputs(record)},
-                     {"singular_values", record.diagnostics.singular_values},
-                     {"unexplained_share", UnexplainedShare(record)},
+                     {"singular_values", SingularValues(record.diagnostics)},
+                     {"unexplained_share", UnexplainedShare(record.diagnostics)},
                      {"warnings", record.diagnostics.warnings},
-                     {"parameters", ParametersOf(record, options, request)},
+                     {"recipe", Json::parse(WriteRecipe(record.recipe))},
+                     {"chosen_gains", chosen},
                      {"sizes",
                       {{"input", ToJson(size)},
                        {"working", ToJson(WorkingSize(size, p))},

@@ -4,18 +4,20 @@
 #include <string>
 #include <vector>
 
-#include "apps/diagnostics.h"
 #include "apps/input_images.h"
-#include "apps/reconstruct_options.h"
+#include "velostrix/diagnostics.hpp"
+#include "velostrix/recipe.hpp"
 #include "velostrix/tool.hpp"
 
 namespace velostrix::cli {
 
 struct RunRecord {
+  std::vector<std::string> arguments;  // of the program
   std::vector<InputImage> inputs;
-  int bits = 0;  // in use of 16-bit samples; 0 when there are none
   Diagnostics diagnostics;
-  Parameters parameters;  // as used, chosen gains included
+  Recipe recipe;     // as used
+  OutputSet chosen;  // whose gains were not given
+  int threads = 1;
   CallTimes calls;
   double load_ms = 0.0;
   double choose_gains_ms = 0.0;
@@ -26,7 +28,7 @@ constexpr const char* kRecordName = "run.json";
 // Of a result.
 std::string FileName(Output output);
 
-std::string ToJson(const RunRecord& record, const ReconstructOptions& options,
-                   const Request& request);
+// Reads as a recipe that repeats the run.
+std::string ToJson(const RunRecord& record);
 
 }  // namespace velostrix::cli

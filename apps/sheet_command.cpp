@@ -1,6 +1,5 @@
 // `velostrix sheet`: the pictures of folders, a labelled row for each folder, as one picture.
 #include <algorithm>
-#include <array>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -23,13 +22,6 @@ struct SheetOptions {
   int tile_width = 240;
 };
 
-bool IsPicture(const fs::path& file) {
-  constexpr std::array<const char*, 6> kExtensions = {".png",  ".bmp", ".tif",
-                                                      ".tiff", ".jpg", ".jpeg"};
-  return std::find(kExtensions.begin(), kExtensions.end(), file.extension().string()) !=
-         kExtensions.end();
-}
-
 // The place of a result image among the others; 0 for any other picture.
 size_t Rank(const fs::path& file) {
   size_t rank = 1;
@@ -42,30 +34,23 @@ size_t Rank(const fs::path& file) {
 
 // The files are added to those that were read.
 SheetRow ReadRow(const std::string& folder, std::vector<std::string>& read) {
-  if (!fs::is_directory(folder))
-    throw Failure(folder + ": no such folder; expected one of pictures");
-  std::vector<fs::path> files;
-  for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
-    if (entry.is_regular_file() && IsPicture(entry.path())) files.push_back(entry.path());
-  }
-  if (files.empty()) throw Failure(folder + ": no pictures; expected PNG, BMP, TIFF or JPEG files");
-  std::sort(files.begin(), files.end(), [](const fs::path& a, const fs::path& b) {
-    return std::pair(Rank(a), a) < std::pair(Rank(b), b);
-  });
+  std::vector<std::string> files = ImagesIn(folder);
+  std::stable_sort(files.begin(), files.end(),
+                   [](const std::string& a, const std::string& b) { return Rank(a) < Rank(b); });
 
   const fs::path path = fs::path(folder).lexically_normal();
   SheetRow row = {
       path.has_filename() ? path.filename().string() : path.parent_path().filename().string(), {}};
-  for (const fs::path& file : files) {
-    row.tiles.push_back({file.stem().string(), DecodeFile(file.string())});
-    read.push_back(file.string());
+  for (const std::string& file : files) {
+    row.tiles.push_back({fs::path(file).stem().string(), DecodeFile(file)});
   }
+  read.insert(read.end(), files.begin(), files.end());
   return row;
 }
 
 void MakeSheet(const SheetOptions& options) {
   const fs::path out = options.out;
-  if (!IsPicture(out)) {
+  if (!IsImageName(options.out)) {
     throw UsageError("--out " + options.out + ": expected a name that ends in .png, .tiff or .jpg");
   }
   OutputPlan plan = {out.parent_path(), {out.filename().string()}, {}, {}, {}};

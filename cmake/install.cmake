@@ -9,11 +9,13 @@ set(soversion ${PROJECT_VERSION_MAJOR})
 if(soversion EQUAL 0)
   string(APPEND soversion .${PROJECT_VERSION_MINOR})
 endif()
-set_target_properties(VelostrixUncalibration velostrix_mat PROPERTIES
+set_target_properties(VelostrixUncalibration velostrix_host velostrix_mat PROPERTIES
   VERSION ${PROJECT_VERSION} SOVERSION ${soversion})
 set_target_properties(VelostrixUncalibration PROPERTIES EXPORT_NAME Uncalibration)
+set_target_properties(velostrix_host PROPERTIES EXPORT_NAME Host)
 set_target_properties(velostrix_mat PROPERTIES EXPORT_NAME Mat)
-install(TARGETS VelostrixUncalibration velostrix_mat EXPORT VelostrixTargets
+set_target_properties(velostrix_cxx PROPERTIES EXPORT_NAME Velostrix)
+install(TARGETS VelostrixUncalibration velostrix_host velostrix_mat velostrix_cxx EXPORT VelostrixTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT runtime
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
@@ -24,16 +26,25 @@ install(FILES ${PROJECT_BINARY_DIR}/generated/velostrix/version.h
   ${PROJECT_SOURCE_DIR}/hosts/mat/velostrix_mat.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/velostrix COMPONENT development)
 
-if(TARGET velostrix_cli)
-  # An unpacked tarball runs where it lies; what is in /usr needs no path of its own.
-  set_target_properties(velostrix_cli PROPERTIES INSTALL_RPATH
-    "$<IF:$<PLATFORM_ID:Linux>,\$ORIGIN/../${CMAKE_INSTALL_LIBDIR},>")
-  install(TARGETS velostrix_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
+# What is unpacked anywhere runs there; what is in /usr needs no path of its own.
+function(velostrix_find_beside target origin file)
+  if(UNIX AND NOT APPLE)
+    set_target_properties(${target} PROPERTIES INSTALL_RPATH ${origin})
+  endif()
   install(CODE "
     if(CMAKE_INSTALL_PREFIX MATCHES /usr/?$)
-      file(RPATH_REMOVE FILE
-        \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}/velostrix\")
+      file(RPATH_REMOVE FILE \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${file}\")
     endif()" COMPONENT runtime)
+endfunction()
+velostrix_find_beside(velostrix_host "\$ORIGIN"
+  ${CMAKE_INSTALL_LIBDIR}/libvelostrix_host.so.${PROJECT_VERSION})
+
+if(TARGET velostrix_cli)
+  install(TARGETS velostrix_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
+  velostrix_find_beside(velostrix_cli "\$ORIGIN/../${CMAKE_INSTALL_LIBDIR}"
+    ${CMAKE_INSTALL_BINDIR}/velostrix)
+  install(FILES ${CMAKE_CURRENT_LIST_DIR}/velostrix.bash RENAME velostrix
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions COMPONENT runtime)
 
   find_program(VELOSTRIX_HELP2MAN help2man)
   if(VELOSTRIX_HELP2MAN)
@@ -63,16 +74,16 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/images
 install(DIRECTORY ${PROJECT_BINARY_DIR}/reference
   DESTINATION ${documentation_folder}-dev COMPONENT development OPTIONAL)
 
-set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/VelostrixUncalibration)
+set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/Velostrix)
 install(EXPORT VelostrixTargets NAMESPACE Velostrix:: FILE VelostrixTargets.cmake
   DESTINATION ${package_folder} COMPONENT development)
-configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/VelostrixUncalibrationConfig.cmake.in
-  ${PROJECT_BINARY_DIR}/VelostrixUncalibrationConfig.cmake INSTALL_DESTINATION ${package_folder})
+configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/VelostrixConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/VelostrixConfig.cmake INSTALL_DESTINATION ${package_folder})
 # Before 1.0 a minor version may change what hosts see.
-write_basic_package_version_file(${PROJECT_BINARY_DIR}/VelostrixUncalibrationConfigVersion.cmake
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/VelostrixConfigVersion.cmake
   COMPATIBILITY SameMinorVersion)
-install(FILES ${PROJECT_BINARY_DIR}/VelostrixUncalibrationConfig.cmake
-  ${PROJECT_BINARY_DIR}/VelostrixUncalibrationConfigVersion.cmake
+install(FILES ${PROJECT_BINARY_DIR}/VelostrixConfig.cmake
+  ${PROJECT_BINARY_DIR}/VelostrixConfigVersion.cmake
   DESTINATION ${package_folder} COMPONENT development)
 
 file(RELATIVE_PATH pkgconfig_to_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)

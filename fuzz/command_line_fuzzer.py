@@ -16,8 +16,8 @@ import numpy as np
 from PIL import Image
 
 OPTIONS = (
-    "--run --band --bits --outputs --roi --scale --equalise --difference --blur --iterations --gain"
-    " --offset --split-channels --quiet --nonsense"
+    "--run --band --bits --outputs --roi --scale --equalise --difference --blur-radius --iteration-cap"
+    " --gain --offset --recipe --split-channels --quiet --nonsense"
 ).split()
 VALUES = (
     "uncali cali partcols partrows height,normal 0,0,15,15 -1,-1,99,99 5,5,4,4 0.5 nan -inf 1e300 0"

@@ -89,14 +89,11 @@ struct Search {
 //
 // Does this by pilot runs without height, 2 or 3 as a rule and 8 at most. Choose once for a kind of
 // part and keep the parameters: only under equal gains can parts be compared.
-inline Parameters ChooseGains(Tool& tool, const std::vector<cv::Mat>& images, Parameters parameters,
-                              OutputSet keep = {}) {
+[[nodiscard]] inline Parameters ChooseGains(Tool& tool, const std::vector<cv::Mat>& images,
+                                            Parameters parameters, OutputSet keep = {}) {
   constexpr int kMostPilots = 8;
   Check(images, parameters);
-  OutputSet outputs = parameters.outputs;
-  if (outputs.Contains(Output::kNormal)) {
-    for (const Output channel : kChannels) outputs.Add(channel);
-  }
+  const OutputSet outputs = WithChannels(parameters.outputs);
 
   const cv::Size size = WorkingSize(images.front().size(), parameters);
   const double pixels = static_cast<double>(size.width) * size.height;

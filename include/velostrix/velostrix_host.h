@@ -15,10 +15,10 @@
  * Status. Every function that can fail returns a VelostrixStatus, and no exception leaves it. What
  * was refused and what is expected is a text, the same in every language:
  * VelostrixReconstructorMessage, or the `message` of functions without a reconstructor (which may
- * be null). A refusal (VELOSTRIX_INVALID_ARGUMENT, VELOSTRIX_WRONG_STATE, VELOSTRIX_BUSY) leaves
- * the reconstructor, its images and its results as they were. After VELOSTRIX_OUT_OF_MEMORY and
- * VELOSTRIX_FAILED it is as after Create: prepare it again. A null pointer, where none is allowed,
- * is VELOSTRIX_INVALID_ARGUMENT.
+ * be null, and is left alone when nothing was refused). A refusal (VELOSTRIX_INVALID_ARGUMENT,
+ * VELOSTRIX_WRONG_STATE, VELOSTRIX_BUSY) leaves the reconstructor, its images and its results as
+ * they were. After VELOSTRIX_OUT_OF_MEMORY and VELOSTRIX_FAILED it is as after Create: prepare it
+ * again. A null pointer, where none is allowed, is VELOSTRIX_INVALID_ARGUMENT.
  *
  * Ownership. A reconstructor owns its working buffers (about 52 + 5 N bytes a pixel), kept from
  * part to part and allocated anew only when number or size of the images, region or scale change.
@@ -190,9 +190,12 @@ VELOSTRIX_HOST_API VelostrixStatus VelostrixWorkingSize(const VelostrixSettings*
  * kept_gains and kept_offsets. A record that `velostrix reconstruct` wrote, run.json, is read as
  * well: its member "recipe" counts. */
 
-/* Writes the settings, with all gains and offsets, as a recipe with a zero at its end. *length is
- * its length without the zero, at most 4000, whether it fitted or not; text may be null if capacity
- * is 0. Refused: a capacity (bytes) of *length or less; settings that no image would fit. */
+/* Bytes that every recipe fits into, the zero at its end included. */
+#define VELOSTRIX_LONGEST_RECIPE 4096
+
+/* Writes the settings, with all gains and offsets, as a recipe with a zero at its end to text,
+ * which holds `capacity` bytes. *length (may be null) is its length without the zero. Refused: a
+ * capacity that is too small; settings that no image would fit. */
 VELOSTRIX_HOST_API VelostrixStatus VelostrixSettingsToJson(const VelostrixSettings* settings,
                                                            char* text, int64_t capacity,
                                                            int64_t* length,

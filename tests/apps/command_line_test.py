@@ -1,4 +1,5 @@
 """The command line as a user calls it: what it writes, what it says, and how it ends."""
+import hashlib
 import json
 import os
 import pathlib
@@ -61,26 +62,54 @@ class CommandLine(unittest.TestCase):
         record = self.read_json("out/run.json")
         self.assertEqual(record["inputs"][0]["saturated_share"], 0.0)
         self.assertEqual(len(record["singular_values"]), 5)
-        self.assertEqual(record["parameters"]["scaling"]["channel0"]["offset"], 99)
-        self.assertGreater(record["parameters"]["scaling"]["channel0"]["gain"], 1.0)
+        self.assertEqual(record["recipe"]["offsets"]["channel0"], 99)
+        self.assertGreater(record["recipe"]["gains"]["channel0"], 1.0)
+        self.assertEqual(len(record["chosen_gains"]), 5)
+        self.assertRegex(record["date"], r"^20\d\d-\d\d-\d\dT\d\d:\d\d:\d\dZ$")
+        self.assertEqual(record["command"][1:3], ["reconstruct", "inputs/image0.png"])
+        self.assertGreater(record["threads"], 0)
+        self.assertTrue(record["host"])
+        image = (self.folder / "inputs/image4.png").read_bytes()
+        self.assertEqual(record["inputs"][4]["sha256"], hashlib.sha256(image).hexdigest())
         self.assertGreater(record["times_ms"]["run"], 0.0)
 
     def test_given_parameters_are_used_and_recorded(self):
         self.assertEqual("", self.run_well(
             "reconstruct inputs/image*.png --out out --run partcols --band 30 --quiet"
-            " --outputs height,curvature,factor --roi 10,8,69,57 --scale 0.5 --equalise"
-            " --difference forward --blur 2 --iterations 9"
+            " --outputs height,curvature,factor --roi 10,8,60,50 --scale 0.5 --equalise"
+            " --difference forward --blur-radius 2 --iteration-cap 9"
             " --gain curvature=33.5 --offset curvature=-7 --gain factor=2"))
         self.assertEqual(self.read("out/height.png").shape, (50, 60))
         record = self.read_json("out/run.json")
-        expected = {"run": "partcols", "band": 30, "roi": [10, 8, 69, 57], "scale": 0.5,
-                    "equalise": True, "difference": "forward", "blur": 2, "iterations": 9}
-        used = record["parameters"]
+        expected = {"run": "partcols", "band": 30, "scale": 0.5, "equalise": True,
+                    "region": {"x": 10, "y": 8, "width": 60, "height": 50},
+                    "difference": "forward", "blur_radius": 2, "iteration_cap": 9}
+        used = record["recipe"]
         self.assertEqual({name: used[name] for name in expected}, expected)
-        self.assertEqual(used["scaling"]["factor"]["gain"], 2.0)
-        self.assertEqual(used["scaling"]["curvature"],
-                         {"gain": 33.5, "offset": -7, "gain_given": True})
+        self.assertEqual(used["gains"]["factor"], 2.0)
+        self.assertEqual((used["gains"]["curvature"], used["offsets"]["curvature"]), (33.5, -7))
+        self.assertEqual(record["chosen_gains"], [])
         self.assertEqual(record["sizes"]["working"], {"width": 30, "height": 25})
+
+    def test_a_recipe_repeats_a_run_and_gives_way_to_options(self):
+        for k in range(5):
+            self.write(f"lamp{4 * k}.png", self.read(f"inputs/image{k}.png").astype(np.uint16) * 16)
+        files = " ".join(f"lamp{4 * k}.png" for k in range(5))
+        self.run_well(f"reconstruct {files} --out one --roi 3,4,60,50 --run partrows --quiet"
+                      " --offset channel1=100 --save-recipe kept/mine.json")
+        self.run_well(f"reconstruct {files} --out two --quiet --recipe one/run.json")
+        self.run_well(f"reconstruct {files} --out three --quiet --recipe kept/mine.json"
+                      " --outputs height,normal --gain channel0=1")
+        for name in OUTPUTS:
+            one = (self.folder / f"one/{name}.png").read_bytes()
+            self.assertEqual((self.folder / f"two/{name}.png").read_bytes(), one)
+        self.assertEqual(self.files_in("three"), ["height.png", "normal.png", "run.json"])
+        normal = self.read("three/normal.png")
+        np.testing.assert_array_equal(normal[..., 1], self.read("two/channel1.png"))
+        self.assertLess(normal[..., 2].std(), self.read("two/channel0.png").std())
+        self.run_well("reconstruct . --out by_folder --quiet --recipe one/run.json")
+        record = self.read_json("by_folder/run.json")
+        self.assertEqual([pathlib.Path(i["file"]).name for i in record["inputs"]], files.split())
 
     def test_formats_are_converted_and_channels_split(self):
         self.write("colour.bmp", np.dstack([self.image] * 3))
@@ -102,7 +131,7 @@ class CommandLine(unittest.TestCase):
                 f"reconstruct {' '.join(names)} --run cali --outputs normal --out {bits}")
             self.assertIn("b\\x1b.png: 0 % saturated, 0 % black; 16-bit samples ", said)
             record = self.read_json(f"{bits}/run.json")
-            self.assertEqual(record["parameters"]["bits"], bits)
+            self.assertEqual(record["recipe"]["bits"], bits)
             one, other = (self.read(f"{out}/normal.png") for out in ("one", bits))
             np.testing.assert_array_equal(one, other)
         self.assertEqual(record["inputs"][0]["file"], "\ufffd.png")
@@ -187,6 +216,7 @@ class CommandLine(unittest.TestCase):
     def test_refusals_say_in_one_line_what_to_do_and_write_nothing(self):
         (self.folder / "text.png").write_text("no picture")
         (self.folder / "empty.png").touch()
+        (self.folder / "old.json").write_text('{"recipe_version": 1, "blur": 2}')
         whole = (self.folder / "inputs/image0.png").read_bytes()
         (self.folder / "cut.png").write_bytes(whole[: len(whole) // 2])
         self.write("small.png", self.image[2:])
@@ -207,26 +237,29 @@ class CommandLine(unittest.TestCase):
             ("reconstruct a b c", 2, "--out is required"),
             (two, 2, "IMAGE: 2 files given", "expected 3 to 8"),
             (two + "--split-channels", 2, "expected 1 colour file"),
-            (good + "--frobnicate", 2, "--frobnicate"),
+            (good + "--blurr 3", 2, "--blurr: no such option", "--blur-radius"),
             (good + "--run best", 2, "--run", "best", "uncali", "partcols"),
             (good + "--outputs factor,depth", 2, "--outputs factor,depth", "curvature"),
-            (good + "--roi 9,9,5,20", 2, "--roi 9,9,5,20", "first and last pixel"),
-            (good + "--roi 0,0,96,71", 1, "--roi 0,0,96,71", "from 0,0 to 95,71"),
-            (good + "--roi 4,4,5,9", 1, "2 x 6 pixels", "at least 3 x 2"),
+            (good + "--roi 9,9,5", 2, "--roi 9,9,5", "X,Y,WIDTH,HEIGHT"),
+            (good + "--roi 1,0,96,72", 1, "region of 96 x 72 pixels at (1, 0)", "96 x 72"),
+            (good + "--roi 4,4,2,6", 1, "2 x 6 pixels", "at least 3 x 2"),
+            (good + "--recipe none.json", 1, "none.json: no such file", "run.json"),
+            (good + "--recipe old.json", 1, "old.json: recipe: blur is no field", "blur_radius"),
             (good + "--scale 0", 2, "--scale", "0.001"),
             (good + "--scale nan", 2, "--scale", "nan"),
-            (good + "--blur -1", 2, "--blur", "0 to 32767"),
+            (good + "--blur-radius -1", 2, "--blur-radius", "0 to 32767"),
             (good + "--gain height=2", 2, "--gain height=2", "NAME=NUMBER", "factor, curvature"),
             (good + "--offset channel0=1.5", 2, "--offset channel0=1.5", "NAME=NUMBER"),
             (good + "--outputs height --gain factor=2", 2, "--gain factor=2", "not made"),
             (good + "--gain factor=2 --gain factor=3", 2, "--gain factor=3", "twice"),
             (pair + "inputs/image2.png --out ''", 2, "--out"),
-            ("reconstruct inputs --out out", 2, "1 file given", "is a folder", "inputs/*.png"),
+            ("reconstruct given --out out", 2, "2 files given (in the folder given)"),
+            (two + "inputs", 1, "inputs: is a folder", "inputs/*"),
             ("reconstruct 'x*.png' --out out", 2, "1 file given", "no file matches"),
             (two + "fifo", 1, "fifo: is not a regular file"),
             (two + "/dev/zero", 1, "/dev/zero: is not a regular file"),
             (two + "'no\nsuch.png'", 1, "no\\x0asuch.png: no such file"),
-            (two + "words.tiff --bits 12", 1, "words.tiff: has the value", "--bits 12"),
+            (two + "words.tiff --bits 12", 1, "words.tiff: has the value", "than 12 bits"),
             (pair + "inputs/image2.png --out given", 1, "inputs/image2.png: is an input"),
             (pair + "inputs/image3.png --out folder", 1, "folder/height.png: is there already"),
             ("render --out given", 1, "given/image0.png: is there already"),

@@ -50,12 +50,12 @@ TEST(HostTool, RefusalsSayWhatAndLeaveTheToolUsable) {
        [](Call& c) { c.parameters.region = cv::Rect(60, 0, 5, 5); }},
       {"(-1, 0)", [](Call& c) { c.parameters.region = cv::Rect(-1, 0, 5, 5); }},
       {"is not inside", [](Call& c) { c.parameters.region = cv::Rect(1, 1, INT_MAX, 5); }},
-      {"2 x 9 pixels to work on; expected",
+      {"region has 2 x 9 pixels; expected at least",
        [](Call& c) { c.parameters.region = cv::Rect(5, 5, 2, 9); }},
       {"scale 0", [](Call& c) { c.parameters.scale = 0.0; }},
       {"scale 2", [](Call& c) { c.parameters.scale = 2.0; }},
       {"scale", [](Call& c) { c.parameters.scale = kNan; }},
-      {"blur radius 32768", [](Call& c) { c.parameters.blur_radius = 32768; }},
+      {"blur_radius 32768", [](Call& c) { c.parameters.blur_radius = 32768; }},
       {"gain is not finite", [](Call& c) { c.parameters.channel[1].gain = kNan; }}};
   Tool tool;
   const Results before = tool.Reconstruct(Call().images, {});
@@ -64,7 +64,7 @@ TEST(HostTool, RefusalsSayWhatAndLeaveTheToolUsable) {
     Call call;
     c.spoil(call);
     try {
-      tool.Reconstruct(call.images, call.parameters);
+      static_cast<void>(tool.Reconstruct(call.images, call.parameters));
       ADD_FAILURE() << "not refused";
     } catch (const Error& error) {
       EXPECT_NE(std::string(error.what()).find(c.message), std::string::npos) << error.what();

@@ -38,7 +38,8 @@ Parameters Tuned() {
   return tuned;
 }
 constexpr const char* kTunedArguments =
-    " --roi 8,6,87,65 --scale 0.75 --equalise --difference forward --blur 2 --iterations 30"
+    " --roi 8,6,80,60 --scale 0.75 --equalise --difference forward --blur-radius 2"
+    " --iteration-cap 30"
     " --band 20 --gain factor=0.9 --gain curvature=300.5 --gain magnitude=200.25"
     " --gain channel0=90 --gain channel1=-90 --gain channel2=4000 --offset curvature=120"
     " --offset magnitude=3 --offset channel0=100 --offset channel1=140 --offset channel2=5";

@@ -1,14 +1,21 @@
 // A C++ host on an installed copy.
-#include <velostrix/velostrix_mat.h>
+#include <velostrix/velostrix_host.h>
 #include <velostrix/version.h>
 
 #include <cstdio>
 #include <opencv2/core.hpp>
 #include <vector>
 #include <velostrix/auto_gain.hpp>
+#include <velostrix/diagnostics.hpp>
+#include <velostrix/recipe.hpp>
 #include <velostrix/tool.hpp>
 
 int main() {
+  VelostrixMessage message = {};
+  if (VelostrixCheckVersion(VELOSTRIX_VERSION_MAJOR, VELOSTRIX_VERSION_MINOR, &message) != 0) {
+    std::fprintf(stderr, "%s\n", message.text);
+    return 1;
+  }
   std::vector<cv::Mat> images;
   cv::RNG noise(1);
   for (int k = 0; k < 4; ++k) {
@@ -16,10 +23,14 @@ int main() {
     noise.fill(images.back(), cv::RNG::UNIFORM, 20, 200);
   }
   velostrix::Tool tool;
-  velostrix::Parameters parameters;
-  parameters = velostrix::ChooseGains(tool, images, parameters);
-  const velostrix::Results results = tool.Reconstruct(images, parameters);
-  const cv::Size size = results[velostrix::Output::kHeight].size();
-  std::printf("%s: %d x %d\n", VELOSTRIX_VERSION, size.width, size.height);
-  return size == cv::Size(60, 40) ? 0 : 1;
+  const velostrix::Recipe recipe =
+      velostrix::ChooseGains(tool, images, velostrix::ParseRecipe("{\"recipe_version\": 1}"));
+  tool.Prepare(4, images.front().size(), recipe.parameters);
+  for (const cv::Mat& image : images) tool.SetImage(image);
+  int made = 0;
+  for (const auto& [output, image] : tool.Run()) {
+    std::printf("%s: %d x %d\n", velostrix::Name(output), image.cols, image.rows);
+    made += image.size() == cv::Size(60, 40) ? 1 : 0;
+  }
+  return made == 8 && velostrix::Diagnose(images, recipe.parameters).warnings.empty() ? 0 : 1;
 }

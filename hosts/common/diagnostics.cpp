@@ -1,5 +1,5 @@
 // Whether a set of images is fit for reconstruction: exposure, and how different the lamps are.
-#include "apps/diagnostics.h"
+#include "diagnostics.h"
 
 #include <algorithm>
 #include <cmath>
@@ -8,7 +8,7 @@
 
 #include "scene/lamps.h"
 
-namespace velostrix::cli {
+namespace velostrix {
 namespace {
 
 // Pixels without information pull the factorisation towards themselves; a few per cent do no harm.
@@ -27,10 +27,16 @@ constexpr double kDeadMean = 2.0;
 // 0.013 and more.
 constexpr double kForeignLamps = 0.02;
 
-Exposure Measure(const cv::Mat& image) {
+VelostrixExposure Measure(const cv::Mat& image) {
   const auto pixels = static_cast<double>(image.total());
-  return {cv::countNonZero(image == 255) / pixels, cv::countNonZero(image == 0) / pixels,
-          cv::mean(image)[0]};
+  VelostrixExposure exposure = {};
+  exposure.saturated_share = cv::countNonZero(image == 255) / pixels;
+  exposure.black_share = cv::countNonZero(image == 0) / pixels;
+  exposure.mean_level = cv::mean(image)[0];
+  const bool is_dead = exposure.black_share > kDeadShare || exposure.mean_level < kDeadMean;
+  exposure.is_dead = is_dead ? 1 : 0;
+  exposure.equal_to = -1;
+  return exposure;
 }
 
 // The images' inner products, which are exact.
@@ -45,8 +51,13 @@ cv::Mat1d Gram(const std::vector<cv::Mat>& images) {
   return gram;
 }
 
-bool IsDead(const Exposure& exposure) {
-  return exposure.black_share > kDeadShare || exposure.mean_level < kDeadMean;
+// The first of the images before image b that has the same pixels; -1 when none has.
+// ||a - b||^2 = a.a + b.b - 2 a.b
+int FirstEqual(const cv::Mat1d& gram, int b) {
+  for (int a = 0; a < b; ++a) {
+    if (gram(a, a) + gram(b, b) - 2.0 * gram(a, b) == 0.0) return a;
+  }
+  return -1;
 }
 
 // Square roots of the eigenvalues of the Gram matrix.
@@ -63,16 +74,16 @@ std::vector<double> SingularValues(const cv::Mat1d& gram) {
 
 // For the Gram matrix G of the images I (N x pixels) and orthonormal columns Q that span the lamps
 // (N x 3), the least ||I - Q X||^2 over all X is trace G - trace Q'GQ.
-std::optional<Diagnostics::Unexplained> MeasureRing(const std::vector<cv::Mat>& images) {
+void MeasureRing(const std::vector<cv::Mat>& images, VelostrixDiagnostics* diagnostics) {
   const auto count = static_cast<int>(images.size());
-  if (count == 3) return std::nullopt;
+  if (count == 3) return;
   cv::Mat usable(images.front().size(), CV_8UC1, cv::Scalar(255));
   for (const cv::Mat& image : images) usable &= (image > 0) & (image < 255);
   std::vector<cv::Mat> parts(images.size());
   for (size_t k = 0; k < images.size(); ++k) cv::bitwise_and(images[k], usable, parts[k]);
   const cv::Mat1d gram = Gram(parts);
   const double whole = cv::trace(gram)[0];
-  if (whole <= 0.0) return std::nullopt;
+  if (whole <= 0.0) return;
 
   const std::vector<cv::Vec3f> ring = scene::PlaceLamps(scene::Lamps::kRing, count, 0);
   cv::Mat1d lamps;
@@ -82,8 +93,8 @@ std::optional<Diagnostics::Unexplained> MeasureRing(const std::vector<cv::Mat>& 
   cv::eigen(gram, eigenvalues);
   const double by_ring = cv::trace(q.t() * gram * q)[0] / whole;
   const double by_any = cv::sum(eigenvalues.rowRange(0, 3))[0] / whole;
-  return Diagnostics::Unexplained{std::sqrt(std::max(0.0, 1.0 - by_ring)),
-                                  std::sqrt(std::max(0.0, 1.0 - by_any))};
+  diagnostics->unexplained_by_ring = std::sqrt(std::max(0.0, 1.0 - by_ring));
+  diagnostics->unexplained_by_any = std::sqrt(std::max(0.0, 1.0 - by_any));
 }
 
 std::string Percent(double share) {
@@ -92,9 +103,9 @@ std::string Percent(double share) {
   return text;
 }
 
-void WarnOfExposure(const Exposure& exposure, const std::string& name,
+void WarnOfExposure(const VelostrixExposure& exposure, const std::string& name,
                     std::vector<std::string>& warnings) {
-  if (IsDead(exposure)) {
+  if (exposure.is_dead != 0) {
     warnings.push_back(name + ": dark all over; its lamp is dead, or the lens is covered");
     return;
   }
@@ -112,49 +123,45 @@ void WarnOfExposure(const Exposure& exposure, const std::string& name,
   }
 }
 
-// ||a - b||^2 = a.a + b.b - 2 a.b
-void WarnOfEqualImages(const cv::Mat1d& gram, const std::vector<std::string>& names,
-                       Diagnostics& diagnostics) {
-  for (int b = 1; b < gram.rows; ++b) {
-    if (IsDead(diagnostics.exposures[static_cast<size_t>(b)])) continue;
-    for (int a = 0; a < b; ++a) {
-      if (gram(a, a) + gram(b, b) - 2.0 * gram(a, b) != 0.0) continue;
-      diagnostics.warnings.push_back(names[static_cast<size_t>(b)] + ": equal to " +
-                                     names[static_cast<size_t>(a)] +
-                                     "; the camera or the lamps were not triggered anew");
-      break;
-    }
-  }
-}
-
 }  // namespace
 
-Diagnostics Diagnose(const std::vector<cv::Mat>& images, const std::vector<std::string>& names,
-                     bool with_ring) {
-  Diagnostics diagnostics;
-  for (size_t k = 0; k < images.size(); ++k) {
-    diagnostics.exposures.push_back(Measure(images[k]));
-    WarnOfExposure(diagnostics.exposures.back(), names[k], diagnostics.warnings);
-  }
+std::vector<std::string> DiagnoseImages(const std::vector<cv::Mat>& images,
+                                        const std::vector<std::string>& names, bool with_ring,
+                                        VelostrixDiagnostics* diagnostics) {
+  std::vector<std::string> warnings;
   const cv::Mat1d gram = Gram(images);
-  WarnOfEqualImages(gram, names, diagnostics);
-  diagnostics.singular_values = SingularValues(gram);
-  if (diagnostics.singular_values[1] < kNoiseLevel) {
-    diagnostics.warnings.emplace_back(
+  diagnostics->image_count = gram.rows;
+  for (size_t k = 0; k < images.size(); ++k) {
+    VelostrixExposure& exposure = diagnostics->exposures[k];
+    exposure = Measure(images[k]);
+    exposure.equal_to = FirstEqual(gram, static_cast<int>(k));
+    WarnOfExposure(exposure, names[k], warnings);
+    if (exposure.equal_to >= 0 && exposure.is_dead == 0) {
+      warnings.push_back(names[k] + ": equal to " + names[static_cast<size_t>(exposure.equal_to)] +
+                         "; the camera or the lamps were not triggered anew");
+    }
+  }
+  const std::vector<double> values = SingularValues(gram);
+  std::copy(values.begin(), values.end(), diagnostics->singular_values);
+  if (values[1] < kNoiseLevel) {
+    warnings.emplace_back(
         "the images are too alike to show relief; light each from another direction");
-  } else if (diagnostics.singular_values[2] < kNoiseLevel) {
-    diagnostics.warnings.emplace_back(
+  } else if (values[2] < kNoiseLevel) {
+    warnings.emplace_back(
         "the images are too alike to determine relief in two directions; place the lamps around "
         "the part, not along a line");
   }
-  if (with_ring) diagnostics.unexplained = MeasureRing(images);
-  if (const auto& u = diagnostics.unexplained;
-      u && u->by_ring * u->by_ring - u->by_any * u->by_any > kForeignLamps * kForeignLamps) {
-    diagnostics.warnings.push_back(
-        "the lamps are not those of the ring of --run cali, or in another order or brightness: " +
-        Percent(u->by_ring) + " of the images does not fit; see the guide, or use --run uncali");
+  diagnostics->unexplained_by_ring = diagnostics->unexplained_by_any = -1.0;
+  if (with_ring) MeasureRing(images, diagnostics);
+  const double by_ring = diagnostics->unexplained_by_ring;
+  const double by_any = diagnostics->unexplained_by_any;
+  if (by_ring * by_ring - by_any * by_any > kForeignLamps * kForeignLamps) {
+    warnings.push_back(
+        "the lamps are not those of the ring of the run cali, or in another order or brightness: " +
+        Percent(by_ring) + " of the images does not fit; see the guide, or use the run uncali");
   }
-  return diagnostics;
+  diagnostics->warning_count = static_cast<int32_t>(warnings.size());
+  return warnings;
 }
 
-}  // namespace velostrix::cli
+}  // namespace velostrix

@@ -1,0 +1,16 @@
+// Help that fits the width of a terminal.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <string>
+
+namespace velostrix::cli {
+
+// The parser's help, its long lines broken at blanks and continued below where their text begins.
+class HelpText : public CLI::Formatter {
+ public:
+  std::string make_help(const CLI::App* app, std::string name,
+                        CLI::AppFormatMode mode) const override;
+};
+
+}  // namespace velostrix::cli

@@ -1,0 +1,65 @@
+// C++ hosts: whether images are fit for reconstruction. Header-only, C++17; on the host library.
+#pragma once
+
+#include <memory>
+#include <new>
+#include <opencv2/core.hpp>
+#include <string>
+#include <vector>
+
+#include "velostrix/recipe.hpp"
+#include "velostrix/tool.hpp"
+#include "velostrix/velostrix_host.h"
+
+namespace velostrix {
+
+// The fields are documented in velostrix_host.h.
+struct Diagnostics : VelostrixDiagnostics {
+  std::vector<std::string> warnings;  // what is wrong and what to do, in plain words
+};
+
+// Measures the parameters' region of the images, which are what a reconstruction takes; when their
+// run is the calibrated one, also whether the lamps are those of its ring. names: of the images in
+// warnings, such as their files; without any "image 1" and so on. Throws Error as Check does.
+[[nodiscard]] inline Diagnostics Diagnose(const std::vector<cv::Mat>& images,
+                                          const Parameters& parameters,
+                                          const std::vector<std::string>& names = {}) {
+  Check(images, parameters);
+  std::vector<VelostrixImage> records;
+  for (const cv::Mat& image : images) {
+    records.push_back(
+        {image.data, static_cast<int64_t>(image.step[0]), image.cols, image.rows, 1, 0});
+  }
+  std::vector<const char*> texts;
+  for (const std::string& name : names) texts.push_back(name.c_str());
+  if (!names.empty() && names.size() != images.size()) {
+    throw Error(std::to_string(names.size()) + " names for " + std::to_string(images.size()) +
+                " images; expected one for each");
+  }
+
+  VelostrixReconstructor* made = nullptr;
+  if (VelostrixReconstructorCreate(&made) != VELOSTRIX_OK) throw std::bad_alloc();
+  const std::unique_ptr<VelostrixReconstructor, VelostrixStatus (*)(VelostrixReconstructor*)>
+      reconstructor(made, VelostrixReconstructorDestroy);
+  Recipe recipe;
+  recipe.parameters = parameters;
+  const VelostrixSettings settings = ToRecord(recipe);
+  Diagnostics diagnostics = {};
+  diagnostics.struct_size = sizeof(VelostrixDiagnostics);
+  const VelostrixStatus status = VelostrixReconstructorDiagnose(
+      made, records.data(), static_cast<int32_t>(records.size()), &settings,
+      texts.empty() ? nullptr : texts.data(), &diagnostics);
+  VelostrixMessage message = {};
+  if (status != VELOSTRIX_OK) {
+    VelostrixReconstructorMessage(made, &message);
+    if (status == VELOSTRIX_OUT_OF_MEMORY) throw OutOfMemory(message.text);
+    throw Error(message.text);
+  }
+  for (int32_t k = 0; k < diagnostics.warning_count; ++k) {
+    VelostrixReconstructorWarning(made, k, &message);
+    diagnostics.warnings.emplace_back(message.text);
+  }
+  return diagnostics;
+}
+
+}  // namespace velostrix

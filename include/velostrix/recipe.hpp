@@ -1,0 +1,157 @@
+// C++ hosts: parameters from and to recipes, the JSON files that the command line and the hosts in
+// other languages share. Header-only, C++17; what a recipe holds is documented in velostrix_host.h.
+#pragma once
+
+#include <string>
+
+#include "velostrix/auto_gain.hpp"
+#include "velostrix/tool.hpp"
+#include "velostrix/velostrix_host.h"
+
+namespace velostrix {
+
+// Parameters, and what else a recipe says.
+struct Recipe {
+  Parameters parameters;
+  OutputSet kept_gains;    // whose gain and offset are given: what ChooseGains is to keep
+  OutputSet kept_offsets;  // whose offset is given
+  int bits = 0;            // in use of 16-bit samples, 8 to 16; 0: not said
+};
+
+namespace recipe_detail {
+
+inline uint32_t ToBits(const OutputSet& outputs) {
+  uint32_t bits = 0;
+  for (const Output output : kAllOutputs) {
+    if (outputs.Contains(output)) bits |= VELOSTRIX_OUTPUT_BIT(static_cast<unsigned>(output));
+  }
+  return bits;
+}
+
+inline OutputSet ToOutputs(uint32_t bits, const char* name) {
+  if ((bits & ~VELOSTRIX_ALL_OUTPUTS) != 0) {
+    throw Error(std::string(name) + " has bits that are no output; expected those below " +
+                std::to_string(VELOSTRIX_ALL_OUTPUTS + 1));
+  }
+  OutputSet outputs;
+  for (const Output output : kAllOutputs) {
+    if ((bits & VELOSTRIX_OUTPUT_BIT(static_cast<unsigned>(output))) != 0) outputs.Add(output);
+  }
+  return outputs;
+}
+
+template <size_t N>
+void RequireOneOf(int32_t value, const char* name, const std::array<const char*, N>& choices) {
+  if (value >= 0 && value < static_cast<int32_t>(N)) return;
+  std::string text = std::string(name) + ' ' + std::to_string(value) + "; expected 0 to " +
+                     std::to_string(N - 1) + ", that is";
+  for (const char* choice : choices) text += std::string(" ") + choice;
+  throw Error(text);
+}
+
+}  // namespace recipe_detail
+
+// The record of the flat interface as a recipe and back. Throws Error for what no images would fit.
+[[nodiscard]] inline Recipe FromRecord(const VelostrixSettings& record) {
+  using namespace recipe_detail;
+  if (record.struct_size != sizeof record) {
+    throw Error("settings of " + std::to_string(record.struct_size) + " bytes; expected " +
+                std::to_string(sizeof record) + ", set struct_size");
+  }
+  RequireOneOf(record.run, "run", kRunNames);
+  RequireOneOf(record.difference, "difference", kDifferenceNames);
+  if (record.bits != 0 && (record.bits < 8 || record.bits > 16)) {
+    throw Error("bits " + std::to_string(record.bits) + "; expected 8 to 16, or 0 for not said");
+  }
+  Recipe recipe;
+  Parameters& p = recipe.parameters;
+  p.run = static_cast<Run>(record.run);
+  p.band = record.band;
+  p.outputs = ToOutputs(record.outputs, "outputs");
+  if (record.has_region != 0) {
+    const VelostrixRegion& r = record.region;
+    p.region = cv::Rect(r.x, r.y, r.width, r.height);
+  }
+  p.scale = record.scale;
+  p.equalise = record.equalise != 0;
+  p.difference = static_cast<Difference>(record.difference);
+  p.blur_radius = record.blur_radius;
+  p.iteration_cap = record.iteration_cap;
+  for (const Output output : kAllOutputs) {
+    const auto k = static_cast<size_t>(output);
+    if (double* const gain = Gain(p, output)) *gain = record.gain[k];
+    if (OutputScaling* const scaling = Scaling(p, output)) scaling->offset = record.offset[k];
+  }
+  recipe.kept_gains = ToOutputs(record.kept_gains, "kept_gains");
+  recipe.kept_offsets = ToOutputs(record.kept_offsets, "kept_offsets");
+  recipe.bits = record.bits;
+  Check(p);
+  return recipe;
+}
+
+[[nodiscard]] inline VelostrixSettings ToRecord(const Recipe& recipe) {
+  const Parameters& p = recipe.parameters;
+  VelostrixSettings record = {};
+  record.struct_size = sizeof record;
+  record.run = static_cast<int32_t>(p.run);
+  record.band = p.band;
+  record.outputs = recipe_detail::ToBits(p.outputs);
+  record.has_region = p.region ? 1 : 0;
+  if (p.region) record.region = {p.region->x, p.region->y, p.region->width, p.region->height};
+  record.equalise = p.equalise ? 1 : 0;
+  record.scale = p.scale;
+  record.difference = static_cast<int32_t>(p.difference);
+  record.blur_radius = p.blur_radius;
+  record.iteration_cap = p.iteration_cap;
+  record.bits = recipe.bits;
+  for (const Output output : kAllOutputs) {
+    const auto k = static_cast<size_t>(output);
+    if (const double* const gain = Gain(p, output)) record.gain[k] = *gain;
+    if (const OutputScaling* const s = Scaling(p, output)) record.offset[k] = s->offset;
+  }
+  record.kept_gains = recipe_detail::ToBits(recipe.kept_gains);
+  record.kept_offsets = recipe_detail::ToBits(recipe.kept_offsets);
+  return record;
+}
+
+// Reads the text of a recipe or of a run.json. Throws Error, which names the field.
+[[nodiscard]] inline Recipe ParseRecipe(const std::string& text) {
+  VelostrixSettings record = {};
+  record.struct_size = sizeof record;
+  VelostrixMessage message = {};
+  const VelostrixStatus status =
+      VelostrixSettingsFromJson(text.data(), static_cast<int64_t>(text.size()), &record, &message);
+  if (status != VELOSTRIX_OK) throw Error(message.text);
+  return FromRecord(record);
+}
+
+// The text of a recipe, with all gains and offsets. Throws Error for what no images would fit.
+[[nodiscard]] inline std::string WriteRecipe(const Recipe& recipe) {
+  const VelostrixSettings record = ToRecord(recipe);
+  VelostrixMessage message = {};
+  std::string text(VELOSTRIX_LONGEST_RECIPE, '\0');
+  int64_t length = 0;
+  const VelostrixStatus status = VelostrixSettingsToJson(
+      &record, text.data(), static_cast<int64_t>(text.size()), &length, &message);
+  if (status != VELOSTRIX_OK) throw Error(message.text);
+  text.resize(static_cast<size_t>(length));
+  return text;
+}
+
+// The recipe with gains and offsets chosen for these images where none are kept; they are kept from
+// here on. See auto_gain.hpp.
+[[nodiscard]] inline Recipe ChooseGains(Tool& tool, const std::vector<cv::Mat>& images,
+                                        Recipe recipe) {
+  const Parameters given = recipe.parameters;
+  recipe.parameters = ChooseGains(tool, images, given, recipe.kept_gains);
+  const OutputSet made = WithChannels(given.outputs);
+  for (const Output output : kAllOutputs) {
+    OutputScaling* const scaling = Scaling(recipe.parameters, output);
+    if (scaling == nullptr) continue;
+    if (recipe.kept_offsets.Contains(output)) scaling->offset = Scaling(given, output)->offset;
+    if (made.Contains(output)) recipe.kept_gains.Add(output);
+  }
+  return recipe;
+}
+
+}  // namespace velostrix
