@@ -51,6 +51,7 @@ Diagnostics DiagnoseInputs(const std::vector<InputImage>& inputs,
                            const std::vector<cv::Mat>& images, const Parameters& parameters,
                            Console& console) {
   std::vector<std::string> names;
+  names.reserve(inputs.size());
   for (const InputImage& input : inputs) names.push_back(input.file);
   Diagnostics diagnostics = Diagnose(images, parameters, names);
   for (size_t k = 0; k < inputs.size(); ++k) {

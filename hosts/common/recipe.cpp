@@ -1,7 +1,9 @@
 // Recipes: parameters as JSON text.
 #include "recipe.h"
 
+#include <algorithm>
 #include <functional>
+#include <limits>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -43,7 +45,7 @@ bool Switch(const std::string& field, const Json& value) {
 
 std::string Joined(const std::vector<std::string>& names) {
   std::string text;
-  for (const std::string& name : names) text += (text.empty() ? "" : ", ") + name;
+  for (const std::string& name : names) text.append(text.empty() ? "" : ", ").append(name);
   return text;
 }
 
@@ -60,10 +62,12 @@ using Readers = std::map<std::string, std::function<void(const std::string&, con
 void ReadMembers(const std::string& path, const Json& object, const Readers& readers) {
   if (!object.is_object()) Refuse(path, object, "an object");
   for (const auto& [name, value] : object.items()) {
-    const std::string field = path.empty() ? name : path + '.' + name;
+    std::string field = path;
+    field.append(path.empty() ? "" : ".").append(name);
     const auto reader = readers.find(name);
     if (reader == readers.end()) {
       std::vector<std::string> names;
+      names.reserve(readers.size());
       for (const auto& known : readers) names.push_back(known.first);
       throw Error("recipe: " + field + " is no field of it; expected some of " + Joined(names));
     }
@@ -72,8 +76,8 @@ void ReadMembers(const std::string& path, const Json& object, const Readers& rea
 }
 
 std::vector<std::string> OutputNames() {
-  std::vector<std::string> names;
-  for (const Output output : kAllOutputs) names.emplace_back(Name(output));
+  std::vector<std::string> names(kAllOutputs.size());
+  std::transform(kAllOutputs.begin(), kAllOutputs.end(), names.begin(), Name);
   return names;
 }
 

@@ -124,8 +124,8 @@ cv::Mat Take(const VelostrixImage& image, int index, int bits) {
     refuse(" has rows of " + std::to_string(row) + " bytes every " + std::to_string(stride) +
            "; expected a row_stride of no less, and samples aligned to their size");
   }
-  const cv::Mat mat(image.height, image.width, sample == 1 ? CV_8UC1 : CV_16UC1,
-                    const_cast<void*>(image.data), static_cast<size_t>(stride));
+  cv::Mat mat(image.height, image.width, sample == 1 ? CV_8UC1 : CV_16UC1,
+              const_cast<void*>(image.data), static_cast<size_t>(stride));
   if (sample == 1) return mat;
   if (bits == 0) {
     refuse(" has 16-bit samples; expected settings that say how many bits are in use (bits)");
@@ -138,6 +138,7 @@ std::vector<cv::Mat> Take(const VelostrixImage* images, int32_t count,
   Required(images, "images");
   velostrix::CheckCount(count);
   std::vector<cv::Mat> mats;
+  mats.reserve(static_cast<size_t>(count));
   for (int32_t k = 0; k < count; ++k) mats.push_back(Take(images[k], k, recipe.bits));
   velostrix::Check(mats, recipe.parameters);
   return mats;

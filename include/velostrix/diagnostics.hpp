@@ -26,11 +26,13 @@ struct Diagnostics : VelostrixDiagnostics {
                                           const std::vector<std::string>& names = {}) {
   Check(images, parameters);
   std::vector<VelostrixImage> records;
+  records.reserve(images.size());
   for (const cv::Mat& image : images) {
     records.push_back(
         {image.data, static_cast<int64_t>(image.step[0]), image.cols, image.rows, 1, 0});
   }
   std::vector<const char*> texts;
+  texts.reserve(names.size());
   for (const std::string& name : names) texts.push_back(name.c_str());
   if (!names.empty() && names.size() != images.size()) {
     throw Error(std::to_string(names.size()) + " names for " + std::to_string(images.size()) +

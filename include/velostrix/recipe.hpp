@@ -12,7 +12,7 @@ namespace velostrix {
 
 // Parameters, and what else a recipe says.
 struct Recipe {
-  Parameters parameters;
+  Parameters parameters;   // what a run does
   OutputSet kept_gains;    // whose gain and offset are given: what ChooseGains is to keep
   OutputSet kept_offsets;  // whose offset is given
   int bits = 0;            // in use of 16-bit samples, 8 to 16; 0: not said
@@ -51,7 +51,7 @@ void RequireOneOf(int32_t value, const char* name, const std::array<const char*,
 
 }  // namespace recipe_detail
 
-// The record of the flat interface as a recipe and back. Throws Error for what no images would fit.
+// The record of the flat interface as a recipe. Throws Error for what no images would fit.
 [[nodiscard]] inline Recipe FromRecord(const VelostrixSettings& record) {
   using namespace recipe_detail;
   if (record.struct_size != sizeof record) {
@@ -89,6 +89,7 @@ void RequireOneOf(int32_t value, const char* name, const std::array<const char*,
   return recipe;
 }
 
+// The recipe as the record of the flat interface.
 [[nodiscard]] inline VelostrixSettings ToRecord(const Recipe& recipe) {
   const Parameters& p = recipe.parameters;
   VelostrixSettings record = {};

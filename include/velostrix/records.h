@@ -34,7 +34,9 @@ enum VelostrixLimit {
   VELOSTRIX_LARGEST_SMALL_SIDE = 10, /* images scaled to this many pixels or fewer are not scaled */
   VELOSTRIX_LARGEST_BLUR_RADIUS = 32767
 };
-#define VELOSTRIX_SCALED_BELOW 0.99 /* a scale of this or more leaves images as they are */
+
+/* A scale of this or more leaves images as they are. */
+#define VELOSTRIX_SCALED_BELOW 0.99
 
 /* How one float map becomes an 8-bit image: level = saturate(value * gain + offset). */
 typedef struct OutputScaling {

@@ -194,6 +194,8 @@ inline const double* Gain(const Parameters& parameters, Output output) {
   const OutputScaling* const scaling = Scaling(parameters, output);
   return scaling == nullptr ? nullptr : &scaling->gain;
 }
+
+// The same, to be changed.
 inline double* Gain(Parameters& parameters, Output output) {
   return const_cast<double*>(Gain(std::as_const(parameters), output));
 }
@@ -209,37 +211,40 @@ inline double* Gain(Parameters& parameters, Output output) {
   return is_scaled ? cv::Size(static_cast<int>(width), static_cast<int>(height)) : size;
 }
 
+namespace tool_detail {
+
+// Over the images that are not empty, by the order of kAllOutputs.
+class ResultIterator {
+ public:
+  ResultIterator(const cv::Mat* images, size_t place) : images_(images), place_(place) { Skip(); }
+
+  std::pair<Output, const cv::Mat&> operator*() const { return {kAllOutputs[place_], Image()}; }
+  ResultIterator& operator++() {
+    ++place_;
+    Skip();
+    return *this;
+  }
+  bool operator!=(const ResultIterator& other) const { return place_ != other.place_; }
+
+ private:
+  const cv::Mat& Image() const { return images_[static_cast<size_t>(kAllOutputs[place_])]; }
+  void Skip() {
+    while (place_ < kAllOutputs.size() && Image().empty()) ++place_;
+  }
+
+  const cv::Mat* images_;
+  size_t place_;
+};
+
+}  // namespace tool_detail
+
 // The images that a run made; those that were not asked for are empty.
 class Results {
  public:
-  // Over those that were made, in the order of kAllOutputs.
-  class Iterator {
-   public:
-    Iterator(const Results& results, size_t place) : results_(&results), place_(place) {
-      SkipEmpty();
-    }
-    std::pair<Output, const cv::Mat&> operator*() const {
-      return {kAllOutputs[place_], (*results_)[kAllOutputs[place_]]};
-    }
-    Iterator& operator++() {
-      ++place_;
-      SkipEmpty();
-      return *this;
-    }
-    bool operator!=(const Iterator& other) const { return place_ != other.place_; }
-
-   private:
-    void SkipEmpty() {
-      while (place_ < kAllOutputs.size() && (*results_)[kAllOutputs[place_]].empty()) ++place_;
-    }
-
-    const Results* results_;
-    size_t place_;
-  };
-
-  // For `for (const auto& [output, image] : results)`.
-  Iterator begin() const { return {*this, 0}; }
-  Iterator end() const { return {*this, kAllOutputs.size()}; }
+  // Over those that were made, in the order of kAllOutputs:
+  // `for (const auto& [output, image] : results)`.
+  tool_detail::ResultIterator begin() const { return {images_.data(), 0}; }
+  tool_detail::ResultIterator end() const { return {images_.data(), kAllOutputs.size()}; }
 
   // The image of an output, empty when it was not asked for.
   cv::Mat& operator[](Output output) { return images_[static_cast<size_t>(output)]; }
@@ -315,8 +320,10 @@ class Tool {
   }
 
   // Runs on the images that were set, all of those prepared for, and forgets them. Results as those
-  // of Reconstruct and ReconstructViews.
+  // of Reconstruct.
   [[nodiscard]] Results Run() { return Copies(RunViews()); }
+
+  // The same with results as those of ReconstructViews.
   [[nodiscard]] Results RunViews() &;
 
   // How many images are set and not yet run on.

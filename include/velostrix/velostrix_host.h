@@ -59,7 +59,10 @@ extern "C" {
 /* ---- status and texts -------------------------------------------------------------------------
  */
 
+/* One of the values below. */
 typedef int32_t VelostrixStatus;
+
+/* What a call ended with. */
 enum {
   VELOSTRIX_OK = 0,
   VELOSTRIX_INVALID_ARGUMENT = 1, /* an argument or a setting is wrong */
@@ -72,7 +75,7 @@ enum {
 /* A text in UTF-8 (file names and other text from the host as given), ends with a zero; one that is
  * longer is cut. */
 typedef struct VelostrixMessage {
-  char text[1024];
+  char text[1024]; /* with its zero */
 } VelostrixMessage;
 
 /* What a status means in general, such as "out of memory"; for those that come without a message:
@@ -116,14 +119,16 @@ enum VelostrixDifference {
 
 /* The bit of an output (VELOSTRIX_OUTPUT_... of velostrix/records.h) in a set of outputs. */
 #define VELOSTRIX_OUTPUT_BIT(output) (UINT32_C(1) << (output))
+
+/* The set of all outputs. */
 #define VELOSTRIX_ALL_OUTPUTS UINT32_C(0xff)
 
 /* A rectangle in pixels of the images. 16 bytes. */
 typedef struct VelostrixRegion {
-  int32_t x; /* first column */
-  int32_t y; /* first row */
-  int32_t width;
-  int32_t height;
+  int32_t x;      /* first column */
+  int32_t y;      /* first row */
+  int32_t width;  /* columns */
+  int32_t height; /* rows */
 } VelostrixRegion;
 
 /* What a run does. 168 bytes. Number and size of the images are not settings: recipes fit images of
@@ -271,9 +276,9 @@ typedef struct VelostrixPlane {
   const void* data;   /* first pixel; owned by the reconstructor, valid until its next Prepare, Run,
                          Reconstruct, ChooseGains or Destroy */
   int64_t row_stride; /* bytes from one row to the next */
-  int32_t width;
-  int32_t height;
-  int32_t channels;     /* 1 or 3 */
+  int32_t width;      /* pixels */
+  int32_t height;     /* pixels */
+  int32_t channels;   /* 1 or 3 */
   int32_t sample_bytes; /* 1 or 2 */
 } VelostrixPlane;
 
@@ -297,6 +302,7 @@ typedef struct VelostrixTimes {
   double run;                           /* the run itself */
 } VelostrixTimes;
 
+/* Fills in *times; zeros before the first part. */
 VELOSTRIX_HOST_API VelostrixStatus
 VelostrixReconstructorTimes(VelostrixReconstructor* reconstructor, VelostrixTimes* times);
 
@@ -327,9 +333,9 @@ typedef struct VelostrixExposure {
 
 /* Whether images are fit for reconstruction. 352 bytes. */
 typedef struct VelostrixDiagnostics {
-  uint32_t struct_size; /* sizeof(VelostrixDiagnostics) */
-  int32_t image_count;
-  VelostrixExposure exposures[VELOSTRIX_MOST_IMAGES];
+  uint32_t struct_size;                               /* sizeof(VelostrixDiagnostics) */
+  int32_t image_count;                                /* of the images that were measured */
+  VelostrixExposure exposures[VELOSTRIX_MOST_IMAGES]; /* of each image */
   /* Of the images x pixels matrix, descending, the first scaled to 1. The second and third say how
    * much the lamps differ in one and in two directions. */
   double singular_values[VELOSTRIX_MOST_IMAGES];
