@@ -4,6 +4,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "apps/commands.h"
@@ -29,7 +30,8 @@ std::string Format(double value) {
 // The files to read: those given, or those of the folder that is given.
 std::vector<std::string> FilesOf(const ReconstructOptions& options) {
   std::vector<std::string> files = options.files;
-  const bool is_folder = files.size() == 1 && std::filesystem::is_directory(files.front());
+  std::error_code ignored;  // what cannot be looked at is refused as a file
+  const bool is_folder = files.size() == 1 && std::filesystem::is_directory(files.front(), ignored);
   if (is_folder) files = ImagesIn(files.front());
   const size_t count = files.size();
   const bool is_enough = options.split_channels
