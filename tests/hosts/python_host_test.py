@@ -1,5 +1,13 @@
-"""The Python package: results, refusals that name the argument, memory, threads."""
-import ctypes
+"""The Python package: what goes to the host library and comes back, threads, processes, memory."""
+import copy
+import dataclasses
+import gc
+import multiprocessing
+import os
+import pathlib
+import pickle
+import resource
+import tempfile
 import threading
 import time
 import unittest
@@ -8,160 +16,267 @@ import unittest.mock
 import numpy as np
 
 import velostrix
-from velostrix import _native
+from velostrix import Parameters, Tool
 
 
 def noise(count=4, shape=(60, 80), seed=7):
     return list(np.random.default_rng(seed).integers(0, 256, (count, *shape), np.uint8))
 
 
-def run(tool, images, parameters=velostrix.Parameters(), **keywords):
-    tool.prepare(len(images), images[0].shape, parameters)
-    for image in images:
-        tool.set_image(image)
-    return tool.run(**keywords)
+def expect_equal(result, expected):
+    assert list(result) == list(expected)
+    for name, image in expected.items():
+        np.testing.assert_array_equal(result[name], image, name)
 
 
-CURVATURE = velostrix.Parameters(outputs=["curvature"])
+CURVATURE = Parameters(outputs=["curvature"])
 
 
-class Reconstruction(unittest.TestCase):
-    def test_images_have_their_shapes_and_types_and_are_those_asked_for(self):
+class Marshalling(unittest.TestCase):
+    def test_results_have_their_shapes_and_types_and_show_themselves(self):
         result = velostrix.reconstruct(noise())
         self.assertEqual(list(result), list(velostrix.OUTPUTS))
         for name, image in result.items():
             self.assertEqual(image.shape, (60, 80, 3) if name == "normal" else (60, 80))
             self.assertEqual(image.dtype, np.uint16 if name == "height" else np.uint8)
             self.assertTrue(image.flags.owndata)
+        for k in range(3):
+            np.testing.assert_array_equal(result.normal[..., k], result[f"channel{k}"])
+        self.assertGreater(min(result.timings.images + (result.timings.run,)), 0.0)
         self.assertEqual(len(result.timings.images), 4)
-        self.assertGreater(result.timings.run, 0.0)
-        result = velostrix.reconstruct(noise(), outputs=["height"])
-        self.assertEqual(list(result), ["height"])
-        with self.assertRaisesRegex(KeyError, "curvature"):
-            result["curvature"]
+        self.assertRegex(repr(result), r"uncali, 80 x 60 pixels.*\n.*factor.*height.*\n.*curvature")
+        self.assertEqual(len(repr(result).splitlines()), 3)
+        self.assertEqual(result._repr_html_().count("data:image/png"), 8)
+        with unittest.mock.patch.dict("sys.modules", PIL=None):
+            self.assertIsNone(result._repr_html_())
+        expect_equal(pickle.loads(pickle.dumps(result)), result)
+        height = velostrix.reconstruct(noise(), outputs=["height"])
+        self.assertEqual(list(height), ["height"])
+        text = "'curvature' was not made, only height"
+        self.assertRaisesRegex(KeyError, text, height.__getitem__, "curvature")
+        self.assertRaisesRegex(AttributeError, text, getattr, height, "curvature")
 
-    def test_pixels_may_lie_apart(self):
+    def test_pixels_may_lie_apart_and_have_16_bits(self):
         wide = np.zeros((60, 200), np.uint8)
         colour = np.zeros((60, 80, 3), np.uint8)
+        wide_16 = np.zeros((60, 99), np.uint16)
         layouts = {
-            "rows apart": lambda image: wide[:, 7:87],
-            "pixels apart": lambda image: colour[:, :, 1],
-            "upside down": lambda image: image[::-1].copy()[::-1],
-            "columns first": lambda image: np.asfortranarray(image),
+            "rows apart": (0, lambda image: fill(wide[:, 7:87], image)),
+            "pixels apart": (0, lambda image: fill(colour[:, :, 1], image)),
+            "upside down": (0, lambda image: image[::-1].copy()[::-1]),
+            "columns first": (0, np.asfortranarray),
+            "12 bits, rows apart": (12, lambda image: fill(wide_16[:, 9:89], np.rint(image / 255 * 4095))),
+            "another byte order": (16, lambda image: (image * np.uint16(257)).astype(">u2")),
         }
-        with velostrix.Tool() as tool:
-            expected = run(tool, noise(), CURVATURE).curvature
-            for name, layout in layouts.items():
+
+        def fill(array, image):
+            array[...] = image
+            return array
+
+        expected = Tool().reconstruct(noise(), CURVATURE)
+        for name, (bits, layout) in layouts.items():
+            with self.subTest(name), Tool() as tool:
+                tool.prepare(4, (60, 80), dataclasses.replace(CURVATURE, bits=bits))
                 for image in noise():
-                    wide[:, 7:87] = image
-                    colour[:, :, 1] = image
                     tool.set_image(layout(image))
-                np.testing.assert_array_equal(tool.run().curvature, expected, name)
+                expect_equal(tool.run(), expected)
 
-    def test_chosen_gains_can_be_given_again_and_given_offsets_are_kept(self):
-        first = velostrix.reconstruct(noise())
-        chosen = first.parameters
-        again = velostrix.reconstruct(noise(), gains=chosen.gains, offsets=chosen.offsets)
-        for name, image in first.items():
-            np.testing.assert_array_equal(image, again[name], name)
-        given = velostrix.reconstruct(noise(), gains={"channel0": 5.0}, offsets={"curvature": 100})
+    def test_every_parameter_arrives_and_comes_back(self):
+        parameters = Parameters(
+            "partcols", 20, ("factor", "normal"), (8, 6, 50, 40), 0.75, True, "forward", 2, 30, 12,
+            {"factor": 0.9, "channel2": -4000.5}, {"curvature": 120, "channel2": -5})
+        read = Parameters.from_json(parameters.to_json())
+        for field in dataclasses.fields(Parameters):
+            given, back = getattr(parameters, field.name), getattr(read, field.name)
+            self.assertNotEqual(given, getattr(Parameters(), field.name), "give it another value")
+            if field.name in ("gains", "offsets"):  # a recipe has all of them
+                back = {name: back[name] for name in given}
+            self.assertEqual(back, given, field.name)
+        self.assertEqual(Parameters.from_json('{"recipe_version": 1}'), Parameters())
+        with tempfile.TemporaryDirectory() as folder:
+            path = pathlib.Path(folder, "recipe.json")
+            parameters.save(path)
+            self.assertEqual(Parameters.load(str(path)), read)
+            path.write_text('{"recipe_version": 1, "blur": 2}')
+            self.assertRaisesRegex(ValueError, "recipe.json: recipe: blur", Parameters.load, path)
+
+    def test_chosen_gains_can_be_given_again_and_given_ones_are_kept(self):
+        for chosen in (Parameters("cali"), Parameters(), Parameters(gains={"channel2": 9.0})):
+            first = velostrix.reconstruct(noise(), chosen)
+            expect_equal(Tool().reconstruct(noise(), first.parameters), first)
+        given = velostrix.reconstruct(noise(), gains={"channel0": 5.0}, offsets={"curvature": 99})
         self.assertEqual(given.parameters.gains["channel0"], 5.0)
-        self.assertEqual(given.parameters.offsets["curvature"], 100)
+        self.assertEqual(given.parameters.offsets["curvature"], 99)
 
-
-class Refusals(unittest.TestCase):
-    def test_bad_arguments_are_named(self):
-        good = noise()
-        for error, text, images, keywords in [
-            (ValueError, "^images: 2 given", good[:2], {}),
-            (ValueError, "^images: 0 given", [], {}),
-            (ValueError, "^images: 2 x 60 pixels", [image[:, :2] for image in good], {}),
-            (TypeError, r"^images\[0\]: holds float32", [i.astype(np.float32) for i in good], {}),
-            (ValueError, r"^images\[3\]: has shape", good[:3] + [good[3][1:]], {}),
-            (ValueError, r"^images\[0\]: has shape", [np.zeros((4, 4, 3), np.uint8)] * 3, {}),
-            (ValueError, "^run: 'fast' is unknown", good, {"run": "fast"}),
-            (ValueError, "^roi:", good, {"roi": (1, 0, 80, 60)}),
-            (ValueError, "^roi:", good, {"roi": (-1, 0, 10, 10)}),
-            (ValueError, "^roi:", good, {"roi": (0, 0, 2, 2)}),
-            (ValueError, "^roi:", good, {"roi": (0, 0, 2)}),
-            (TypeError, "^roi:", good, {"roi": (0, 0, 20.5, 20)}),
-            (ValueError, "^scale:", good, {"scale": 0}),
-            (ValueError, "^scale:", good, {"scale": float("nan")}),
-            (ValueError, "^outputs: 'colour'", good, {"outputs": ["colour"]}),
-            (TypeError, "^outputs:", good, {"outputs": "height"}),
-            (ValueError, "^difference:", good, {"difference": "left"}),
-            (ValueError, "^blur:", good, {"blur": 32768}),
-            (TypeError, "^iterations:", good, {"iterations": 1.5}),
-            (ValueError, "^gains: 'height'", good, {"gains": {"height": 1.0}}),
-            (ValueError, r"^gains\['factor'\]", good, {"gains": {"factor": float("inf")}}),
-            (TypeError, r"^offsets\['channel0'\]", good, {"offsets": {"channel0": "up"}}),
-        ]:
-            with self.subTest(text, keywords=keywords):
-                self.assertRaisesRegex(error, text, velostrix.reconstruct, images, **keywords)
-
-    def test_a_tool_in_the_wrong_order_refuses_and_goes_on(self):
+    def test_diagnostics_say_what_the_command_line_says(self):
         images = noise()
-        tool = velostrix.Tool()
+        images[2] = images[1] * np.uint8(0)
+        found = velostrix.diagnose(images[:3] + images[:1], names=["a", pathlib.Path("b"), "c", "d"])
+        self.assertTrue(any(text.startswith("c: dark all over") for text in found.warnings))
+        self.assertTrue(any(text.startswith("d: equal to a") for text in found.warnings))
+        self.assertEqual([e.equal_to for e in found.exposures], [None, None, None, 0])
+        self.assertEqual([e.is_dead for e in found.exposures], [False, False, True, False])
+        self.assertEqual(len(found.singular_values), 4)
+        self.assertIsNone(found.unexplained_by_ring)
+        self.assertGreater(velostrix.diagnose(noise(), Parameters("cali")).unexplained_by_ring, 0.0)
+
+    def test_what_is_wrong_is_named_with_what_to_do(self):
+        good, to_bytes = noise(), r".*: image = .*astype\(np.uint8\)"
+        cases = [
+            (TypeError, "^images: None", None, {}),
+            (TypeError, r"^images\[3\]: None", good[:3] + [None], {}),
+            (ValueError, "^2 images given; expected 3 to 8", good[:2], {}),
+            (ValueError, "^image 4 has 80 x 59 pixels", good[:3] + [good[3][1:]], {}),
+            (ValueError, r"^images\[0\]: has shape \(6,\)", [np.zeros(6, np.uint8)] * 3, {}),
+            (TypeError, "^run: 3 given; expected one of uncali", good, {"run": 3}),
+            (ValueError, "^run: 'fast' is unknown", good, {"run": "fast"}),
+            (ValueError, "^outputs: 'depth' is unknown", good, {"outputs": ["depth"]}),
+            (TypeError, "^outputs: 'height' given", good, {"outputs": "height"}),
+            (ValueError, "^region: .* expected .x, y, width, height", good, {"region": (0, 0, 2)}),
+            (TypeError, "^region: 20.5", good, {"region": (0, 0, 20.5, 20)}),
+            (ValueError, "region .* is not inside", good, {"region": (1, 0, 80, 60)}),
+            (ValueError, "^blur_radius 32768", good, {"blur_radius": 32768}),
+            (ValueError, "^blur_radius: 4294967296", good, {"blur_radius": 2**32}),
+            (ValueError, "^scale: 1000", good, {"scale": 10**400}),
+            (ValueError, "^gains: 'height' is unknown", good, {"gains": {"height": 1.0}}),
+            (TypeError, r"^gains\['factor'\]: 'x'", good, {"gains": {"factor": "x"}}),
+            (TypeError, r"^offsets\['channel0'\]: 1.5", good, {"offsets": {"channel0": 1.5}}),
+            (TypeError, "unexpected keyword argument 'blur'", good, {"blur": 1}),
+        ]
+        cases += [(TypeError, f"^{field.name}: None given", good, {field.name: None})
+                  for field in dataclasses.fields(Parameters) if field.name != "region"]
+        for error, text, images, changes in cases:
+            with self.subTest(text, changes=changes):
+                self.assertRaisesRegex(error, text, velostrix.reconstruct, images, **changes)
+        tool = Tool()
+        for text, call, *arguments in [
+            ("^count: None", tool.prepare, None, (60, 80)), ("^shape: None", tool.prepare, 4, None),
+            ("^parameters: None", tool.prepare, 4, (60, 80), None),
+            ("^parameters: 'cali'", velostrix.reconstruct, good, "cali"),
+            ("^image: None", tool.set_image, None), ("^path: None", Parameters.load, None),
+            ("^names: None", tool.diagnose, good, Parameters(), [None] * 4),
+            ("^recipe: None", Parameters.from_json, None), ("^count: None", velostrix.set_threads, None),
+        ]:
+            with self.subTest(call=call):
+                self.assertRaisesRegex(TypeError, text, call, *arguments)
+        self.assertRaisesRegex(ValueError, "^names: 1 given", tool.diagnose, good, Parameters(), ["a"])
+
+        grey = good[0] // 2  # below 128, so that colours of it average exactly
+        for image in (grey / 255, grey.astype(np.float32), grey.astype(int),
+                      np.dstack([grey] * 3), np.dstack([grey] * 4)):
+            with self.assertRaisesRegex((TypeError, ValueError), to_bytes) as refused:
+                tool.set_image(image)
+            names = {"image": image, "np": np}
+            exec(str(refused.exception).split("convert it: ")[1], names)  # the line it gives
+            np.testing.assert_array_equal(names["image"], grey)
+
+
+class Use(unittest.TestCase):
+    def test_what_is_refused_leaves_the_tool_as_it_was(self):
+        images, tool = noise(), Tool()
         self.assertRaisesRegex(RuntimeError, "prepare", tool.set_image, images[0])
-        self.assertRaisesRegex(RuntimeError, "prepare", tool.run)
-        tool.prepare(4, (60, 80))
-        tool.set_image(images[0])
-        self.assertRaisesRegex(RuntimeError, "1 of 4", tool.run)
-        for image in images[1:]:
+        tool.prepare(4, (60, 80), CURVATURE)
+        for k, image in enumerate(images):
+            self.assertRaisesRegex(RuntimeError, f"{k} of 4", tool.run)
+            for wrong in (Parameters(blur_radius=-1), Parameters(run="fast")):
+                self.assertRaises(ValueError, tool.prepare, 4, (60, 80), wrong)
+            self.assertRaises(ValueError, tool.prepare, 9, (60, 80))
+            self.assertRaises(ValueError, tool.set_image, image[1:])
+            self.assertRaisesRegex(TypeError, "copied or pickled", copy.copy, tool)
+            self.assertRaisesRegex(TypeError, "copied or pickled", copy.deepcopy, tool)
+            self.assertRaisesRegex(TypeError, "copied or pickled", pickle.dumps, tool)
             tool.set_image(image)
-        self.assertRaisesRegex(ValueError, "all 4", tool.set_image, images[0])
-        self.assertRaises(ValueError, tool.prepare, 9, (60, 80))
-        self.assertEqual(tool.run().height.shape, (60, 80))
-        self.assertRaisesRegex(RuntimeError, "0 of 4", tool.run)
+        self.assertRaisesRegex(RuntimeError, "all 4", tool.set_image, images[0])
+        expect_equal(tool.run(), Tool().reconstruct(images, CURVATURE))
         tool.close()
         tool.close()
-        self.assertRaisesRegex(RuntimeError, "prepare", tool.run)
+        self.assertRaisesRegex(RuntimeError, "closed", tool.run)
 
-    def test_a_failed_allocation_is_a_memory_error(self):
-        setter = "SetVelostrixUnCalibrationToolImage_CPU_csharp"
-        with unittest.mock.patch.object(_native.module, setter, lambda *_: False):
-            self.assertRaisesRegex(MemoryError, "smaller scale", run, velostrix.Tool(), noise())
+    def test_views_keep_their_memory_alive_and_copies_their_levels(self):
+        expected = Tool().reconstruct(noise())
+        closed = Tool()
+        views = [Tool().reconstruct(noise(), copy=False), closed.reconstruct(noise(), copy=False)]
+        closed.close()
+        gc.collect()
+        others = [Tool().reconstruct(noise(seed=seed)) for seed in range(8)]
+        for view in views:
+            expect_equal(view, expected)
+            self.assertFalse(view.height.flags.writeable)
+        self.assertFalse((others[0].curvature == expected.curvature).all())
 
-
-class Lifetimes(unittest.TestCase):
-    def test_views_show_the_next_run_and_copies_stay(self):
-        with velostrix.Tool() as tool:
-            view = run(tool, noise(), CURVATURE, copy=False).curvature
-            copy = view.copy()
-            owned = run(tool, noise(seed=8), CURVATURE).curvature
-            np.testing.assert_array_equal(view, owned)
-            self.assertFalse((copy == owned).all())
-
-    def test_the_geometry_may_change_and_change_back(self):
-        part = velostrix.Parameters(scale=0.5, roi=(1, 2, 40, 30))
-        with velostrix.Tool() as tool:
-            first = run(tool, noise())
-            self.assertEqual(run(tool, noise(), part).height.shape, (30, 40))
-            np.testing.assert_array_equal(run(tool, noise()).height, first.height)
-
-    def test_other_threads_go_on_during_a_run(self):
-        self.assertNotIsInstance(_native.module, ctypes.PyDLL)
-        # The run takes as many iterations as it needs: long against the other thread's steps.
-        steps, is_done = 0, threading.Event()
-
-        def count_steps():
-            nonlocal steps
-            while not is_done.is_set():
-                steps += 1
-                time.sleep(0.0001)
-
-        tool = velostrix.Tool()
-        tool.prepare(4, (300, 400), velostrix.Parameters(outputs=["height"], iterations=3000))
-        for image in noise(shape=(300, 400)):
+    def test_other_threads_go_on_during_a_run_but_not_with_its_tool(self):
+        images, results, refused = noise(shape=(200, 300)), [], 0
+        tool = Tool()
+        tool.prepare(4, (200, 300), Parameters(outputs=["height"], iteration_cap=2000))
+        for image in images:
             tool.set_image(image)
-        counter = threading.Thread(target=count_steps)
-        counter.start()
-        steps_at_start = steps
-        tool.run()
-        seen = steps - steps_at_start
-        is_done.set()
-        counter.join()
-        self.assertGreater(seen, 20)
+
+        def run_when_free():
+            while not results:
+                try:
+                    results.append(tool.run())
+                except RuntimeError as error:
+                    assert "another thread" in str(error), error
+
+        worker = threading.Thread(target=run_when_free)
+        worker.start()
+        while worker.is_alive():
+            try:
+                tool.set_image(images[0])
+            except RuntimeError as error:
+                refused += "another thread" in str(error)
+            time.sleep(0.0001)
+        worker.join()
+        self.assertGreater(refused, 0)
+        self.assertEqual(list(results[0]), ["height"])
+
+    def test_forked_processes_go_on_with_the_tool(self):
+        # The height has used threads before, which are not in the children.
+        images, tool = noise(shape=(300, 400)), Tool()
+        expected = Tool().reconstruct(images)
+        tool.prepare(4, (300, 400))
+        for image in images:
+            tool.set_image(image)
+
+        def child():
+            expect_equal(tool.run(), expected)
+            expect_equal(tool.reconstruct(images), expected)
+
+        self.assertEqual(exit_codes(child, child), [0, 0])
+        expect_equal(tool.run(), expected)
+
+    @unittest.skipIf("asan" in os.environ.get("LD_PRELOAD", ""), "its shadow is address space")
+    def test_too_little_memory_is_a_memory_error_at_every_limit(self):
+        def child():
+            images, small, tool = noise(shape=(1000, 1000)), noise(), Tool()
+            expected = Tool().reconstruct(small)
+            page = resource.getpagesize()
+            used = int(pathlib.Path("/proc/self/statm").read_text().split()[0]) * page
+            unlimited = resource.getrlimit(resource.RLIMIT_AS)
+            refused = 0
+            for megabytes in range(0, 4096, 8):
+                limit = used + (megabytes << 20)
+                resource.setrlimit(resource.RLIMIT_AS, (limit, unlimited[1]))
+                try:
+                    tool.reconstruct(images)
+                    break
+                except MemoryError:
+                    refused += 1
+                finally:
+                    resource.setrlimit(resource.RLIMIT_AS, unlimited)
+                expect_equal(tool.reconstruct(small), expected)
+            assert refused > 3, refused
+
+        self.assertEqual(exit_codes(child), [0])
+
+
+def exit_codes(*jobs):
+    children = [multiprocessing.get_context("fork").Process(target=job) for job in jobs]
+    for child in children:
+        child.start()
+    for child in children:
+        child.join()
+    return [child.exitcode for child in children]
 
 
 if __name__ == "__main__":

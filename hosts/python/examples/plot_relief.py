@@ -7,6 +7,7 @@ Needs python3-matplotlib. The cells may be pasted into a notebook.
 """
 # %% Images in
 import argparse
+import sys
 
 import matplotlib
 import numpy as np
@@ -25,13 +26,15 @@ import velostrix
 
 images = [np.asarray(Image.open(path).convert("L")) for path in options.images]
 
-# %% Reconstruct: gains are chosen so that the pictures can be read
+# %% Reconstruct: gains are chosen so that the images can be read
 try:
-    result = velostrix.reconstruct(images, run=options.run)
+    parameters = velostrix.Parameters(run=options.run)
+    for warning in velostrix.diagnose(images, parameters, options.images).warnings:
+        print(f"plot_relief: {warning}", file=sys.stderr)
+    result = velostrix.reconstruct(images, parameters)
 except (ValueError, TypeError) as error:
     raise SystemExit(f"plot_relief: {error}")
-print(f"{images[0].shape[1]} x {images[0].shape[0]} pixels, run {result.timings.run:.1f} ms")
-print("gains", {name: round(gain, 1) for name, gain in result.parameters.gains.items()})
+print(result)
 
 # %% Look
 names = ["factor", "channel0", "channel1", "curvature", "magnitude", "height"]

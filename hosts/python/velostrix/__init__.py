@@ -1,4 +1,4 @@
-"""Pictures of relief from 3 to 8 pictures of a part under different lamps.
+"""Surface relief by photometric stereo, from 3 to 8 images of a part under different lamps.
 
 ::
 
@@ -8,64 +8,87 @@
 
 `reconstruct` does everything for one part. `Tool` keeps its memory from part to part, for a line.
 """
-from typing import Mapping, Optional, Sequence, Tuple
+import dataclasses
+import os
+from typing import Any, Iterable, Mapping, Optional, Sequence, Tuple, Union, overload
 
-import numpy as np
+from numpy.typing import ArrayLike
 
-from .auto_gain import choose_gains
-from .parameters import DEFAULT_OFFSETS, OUTPUTS, RUNS, Parameters
-from .tool import Result, Timings, Tool, check_image
+from . import _native
+from .parameters import (
+    OUTPUTS, RUNS, Difference, GainOutput, Output, Parameters, Run, ScaledOutput, expect,
+    integer, sequence)
+from .result import Result, Timings
+from .tool import Diagnostics, Exposure, Tool
 
 __all__ = [
-    "OUTPUTS", "RUNS", "Parameters", "Result", "Timings", "Tool", "choose_gains", "reconstruct",
+    "OUTPUTS", "RUNS", "Diagnostics", "Exposure", "Parameters", "Result", "Timings", "Tool",
+    "diagnose", "reconstruct", "set_threads", "threads",
 ]
+__version__: str = _native.call("LibraryVersion").decode()
+
+
+@overload
+def reconstruct(images: Iterable[ArrayLike], parameters: Parameters) -> Result: ...
+
+
+@overload
+def reconstruct(
+    images: Iterable[ArrayLike],
+    *,
+    run: Run = ...,
+    band: int = ...,
+    outputs: Sequence[Output] = ...,
+    region: Optional[Tuple[int, int, int, int]] = ...,
+    scale: float = ...,
+    equalise: bool = ...,
+    difference: Difference = ...,
+    blur_radius: int = ...,
+    iteration_cap: int = ...,
+    bits: int = ...,
+    gains: Mapping[GainOutput, float] = ...,
+    offsets: Mapping[ScaledOutput, int] = ...,
+) -> Result: ...
 
 
 def reconstruct(
-    images: Sequence[np.ndarray],
-    run: str = "uncali",
-    *,
-    roi: Optional[Tuple[int, int, int, int]] = None,
-    scale: float = 1.0,
-    outputs: Sequence[str] = OUTPUTS,
-    equalise: bool = False,
-    difference: str = "central",
-    blur: int = 0,
-    iterations: int = 50,
-    gains: Optional[Mapping[str, float]] = None,
-    offsets: Optional[Mapping[str, int]] = None,
-    band: int = 64,
+    images: Iterable[ArrayLike], parameters: Parameters = Parameters(), **changes: Any
 ) -> Result:
     """Reconstructs one part from 3 to 8 images of one scene under different lamps.
 
-    images: uint8 arrays of one shape (rows, cols), at least 2 x 3; not changed.
-    gains: grey levels per unit of the map, by output (``{"curvature": 300.0}``). Outputs without one
-        get a gain that makes the image readable, found by 2 or 3 runs more; so, to compare parts,
-        pass the gains and offsets of the first part's ``result.parameters`` for the next ones.
-    offsets: grey levels added, by output; in place of the usual or the chosen offset.
+    images: uint8 arrays of one shape (rows, cols), or uint16 with `bits`; not changed.
+    parameters, or their fields by name: see `Parameters`. Outputs without a gain get one that makes
+        the image readable, found by 2 or 3 runs more; so, to compare parts, pass the first part's
+        ``result.parameters`` for the next ones.
 
-    The other arguments are told in `Parameters`, the images and timings in `Result`.
-
-    Raises ValueError or TypeError whose text begins with the argument's name, MemoryError when the
-    buffers cannot be allocated. Other Python threads go on during the run.
+    Raises TypeError or ValueError with the argument's name, MemoryError when memory does not suffice.
+    Other Python threads go on during the run.
     """
-    parameters = Parameters(
-        run, band, outputs, roi, scale, equalise, difference, blur, iterations, dict(gains or {}),
-        dict(offsets or {}),
-    )
-    images = [np.asarray(image) for image in images]
-    shape = images[0].shape if images else ()
-    if images and len(shape) != 2:
-        raise ValueError(f"images[0]: has shape {shape}; expected (rows, cols)")
-    for k, image in enumerate(images):
-        check_image(f"images[{k}]", image, shape)
-    parameters.check(len(images), *(shape or (0, 0)))
-
+    given = sequence("images", images, "a sequence of 3 to 8 arrays")
+    expect("parameters", parameters, Parameters, "velostrix.Parameters")
+    parameters = dataclasses.replace(parameters, **changes)
     with Tool() as tool:
-        given_offsets = parameters.offsets
-        parameters = choose_gains(tool, images, parameters, keep=parameters.gains)
-        parameters.offsets = {**DEFAULT_OFFSETS, **parameters.offsets, **given_offsets}
-        tool.prepare(len(images), shape, parameters)
-        for image in images:
-            tool.set_image(image)
-        return tool.run()
+        return tool.reconstruct(given, tool.choose_gains(given, parameters))
+
+
+def diagnose(
+    images: Iterable[ArrayLike],
+    parameters: Parameters = Parameters(),
+    names: Optional[Sequence[Union[str, "os.PathLike[str]"]]] = None,
+) -> Diagnostics:
+    """Whether images are fit for reconstruction: see `Tool.diagnose`."""
+    with Tool() as tool:
+        return tool.diagnose(images, parameters, names)
+
+
+def set_threads(count: int) -> None:
+    """How many threads the height may use in this process: 1 = the caller's alone, 0 = one for each
+    core. This is OpenCV's number of threads, also of other modules that use it."""
+    if _native.call("SetThreads", integer("count", count)):
+        raise ValueError(f"count: {count} given; expected 0 or more")
+
+
+def threads() -> int:
+    """The number in force, at least 1."""
+    count: int = _native.call("Threads")
+    return count

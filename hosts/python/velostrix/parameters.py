@@ -1,150 +1,206 @@
-"""What a run does: parameters with names, defaults and refusals that name the argument."""
-import math
-import numbers
+"""What a run does: parameters with names and defaults, to and from recipes."""
+import ctypes
+import operator
+import os
+import pathlib
 from dataclasses import dataclass, field
-from typing import Mapping, Optional, Sequence, Tuple
+from typing import (
+    Any, Collection, Dict, Iterable, Literal, Mapping, Optional, Sequence, Tuple, Type, TypeVar, Union, get_args)
+
+import numpy as np
 
 from . import _native
 
-RUNS = ("uncali", "cali", "partrows", "partcols")
-# In the order of the record's switches.
-OUTPUTS = ("factor", "curvature", "magnitude", "height", "channel0", "channel1", "channel2", "normal")
-CHANNELS = ("channel0", "channel1", "channel2")
-# The outputs that a gain and an offset bring to grey levels.
-SCALED_OUTPUTS = ("curvature", "magnitude") + CHANNELS
+Run = Literal["uncali", "cali", "partrows", "partcols"]
+Difference = Literal["central", "forward"]
+ByteOutput = Literal[
+    "factor", "curvature", "magnitude", "channel0", "channel1", "channel2", "normal"]
+Output = Literal[ByteOutput, Literal["height"]]
+ScaledOutput = Literal["curvature", "magnitude", "channel0", "channel1", "channel2"]
+GainOutput = Literal[Literal["factor"], ScaledOutput]
 
-DEFAULT_GAINS = {
-    "factor": 1.0,
-    "curvature": 256.0,
-    "magnitude": 256.0,
-    "channel0": 128.0,
-    "channel1": 128.0,
-    "channel2": 127.0,
-}
-DEFAULT_OFFSETS = {"curvature": 128, "magnitude": 0, "channel0": 128, "channel1": 128, "channel2": 128}
+# All in the order of the host library's numbers.
+RUNS: Tuple[Run, ...] = get_args(Run)
+DIFFERENCES: Tuple[Difference, ...] = get_args(Difference)
+OUTPUTS: Tuple[Output, ...] = (
+    "factor", "curvature", "magnitude", "height", "channel0", "channel1", "channel2", "normal")
+CHANNELS: Tuple[Output, ...] = ("channel0", "channel1", "channel2")
+_WITH_OFFSET: Tuple[ScaledOutput, ...] = get_args(ScaledOutput)
+_WITH_GAIN: Tuple[GainOutput, ...] = get_args(GainOutput)
 
-_LARGEST_INT = 2**31 - 1
+_T = TypeVar("_T")
 
 
-@dataclass
+def expect(argument: str, value: object, kind: Union[type, Tuple[type, ...]], text: str) -> None:
+    if not isinstance(value, kind):
+        raise TypeError(f"{argument}: {value!r} given; expected {text}")
+
+
+def integer(argument: str, value: object) -> int:
+    """The value as a C integer of 32 bits."""
+    try:
+        number = operator.index(value)  # type: ignore[arg-type]  # what it is for
+    except TypeError:
+        raise TypeError(f"{argument}: {value!r} given; expected an integer") from None
+    if not -(2**31) <= number < 2**31:
+        raise ValueError(f"{argument}: {number} given; expected an integer of 32 bits")
+    return number
+
+
+def _number(argument: str, value: object) -> float:
+    expect(argument, value, (int, float, np.integer, np.floating), "a number")
+    try:
+        return float(value)  # type: ignore[arg-type]  # just seen to
+    except OverflowError:
+        raise ValueError(f"{argument}: {value} given; expected a finite number") from None
+
+
+def _index(argument: str, value: object, names: Sequence[object]) -> int:
+    expect(argument, value, str, f"one of {', '.join(map(str, names))}")
+    if value not in names:
+        expected = ", ".join(map(str, names))
+        raise ValueError(f"{argument}: {value!r} is unknown; expected one of {expected}")
+    return names.index(value)
+
+
+def sequence(argument: str, values: Iterable[_T], text: str) -> Tuple[_T, ...]:
+    try:
+        if isinstance(values, (str, bytes)):
+            raise TypeError
+        return tuple(values)
+    except TypeError:
+        raise TypeError(f"{argument}: {values!r} given; expected {text}") from None
+
+
+def _set_of(argument: str, outputs: Iterable[object], names: Sequence[Output]) -> int:
+    return sum({1 << OUTPUTS.index(names[_index(argument, name, names)]) for name in outputs})
+
+
+def names_in(bits: int, names: Sequence[Any]) -> Tuple[Any, ...]:
+    return tuple(name for name in names if bits >> OUTPUTS.index(name) & 1)
+
+
+@dataclass(frozen=True)
 class Parameters:
-    """Parameters of a run. Number and size of the images come from the images themselves.
-
-    run: ``"uncali"`` (lamps unknown, whole frame), ``"cali"`` (the fixed ring of lamps),
-        ``"partrows"`` or ``"partcols"`` (lamps unknown, pieces of `band` rows or columns).
-    band: rows or columns of a piece; below 10 counts as 10.
-    outputs: names of the images to make, from ``velostrix.OUTPUTS``; ``"normal"`` brings the three
-        channels with it.
-    roi: ``(x, y, width, height)`` in pixels, inside the images, at least 3 x 2; None = whole image.
-    scale: above 0, at most 1. Below 0.99 the tool works on images scaled by it, unless that would
-        leave 10 pixels or fewer; results come in full size.
-    equalise: even out the column brightness of every image first.
-    difference: ``"central"`` or ``"forward"`` differences of the slopes.
-    blur: radius in pixels, 0 to 32767, of the smoothing of curvature and magnitude.
-    iterations: of the height at most; 0 = flat, negative = as many as it takes.
-    gains: grey levels per unit of the map, by output; factor: multiplies the normalised image.
-    offsets: grey levels added, by output. What is not named has its default.
+    """Parameters of a run. Number and size of the images come from the images themselves. To change
+    some: ``dataclasses.replace(parameters, run="cali")``. What is wrong with them is raised by their
+    first use.
     """
 
-    run: str = "uncali"
+    #: ``"uncali"`` (lamps unknown, whole frame), ``"cali"`` (the fixed ring of lamps), ``"partrows"``
+    #: or ``"partcols"`` (lamps unknown, pieces of `band` rows or columns)
+    run: Run = "uncali"
+    #: rows or columns of a piece; below 10 counts as 10
     band: int = 64
-    outputs: Sequence[str] = OUTPUTS
-    roi: Optional[Tuple[int, int, int, int]] = None
+    #: images to make; ``"normal"`` brings the three channels with it
+    outputs: Sequence[Output] = OUTPUTS
+    #: ``(x, y, width, height)`` in pixels, inside the images, at least 3 x 2; None = whole image
+    region: Optional[Tuple[int, int, int, int]] = None
+    #: above 0, at most 1. Below 0.99 the tool works on images scaled by it, unless that would leave
+    #: 10 pixels or fewer; results come in full size
     scale: float = 1.0
+    #: even out the column brightness of every image first
     equalise: bool = False
-    difference: str = "central"
-    blur: int = 0
-    iterations: int = 50
-    gains: Mapping[str, float] = field(default_factory=dict)
-    offsets: Mapping[str, int] = field(default_factory=dict)
+    #: differences of the slopes; ignored by the partial runs
+    difference: Difference = "central"
+    #: pixels, 0 to 32767: smoothing of curvature and magnitude
+    blur_radius: int = 0
+    #: of the height; 0 = flat, negative = as many as it takes
+    iteration_cap: int = 50
+    #: in use of uint16 images, 8 to 16; 0: not said, and uint16 is refused
+    bits: int = 0
+    #: grey levels per unit of the map, by output; factor: multiplies the normalised image. What is
+    #: not named is chosen by `reconstruct` and has the default of the library in `Tool.prepare`
+    gains: Mapping[GainOutput, float] = field(default_factory=dict)
+    #: grey level of value 0, by output; not named: as for gains
+    offsets: Mapping[ScaledOutput, int] = field(default_factory=dict)
 
-    def gain(self, output: str) -> float:
-        return float(self.gains.get(output, DEFAULT_GAINS[output]))
+    @classmethod
+    def from_json(cls: Type["Parameters"], recipe: Union[str, bytes]) -> "Parameters":
+        """The parameters of a recipe, or of the run.json of a run. What is missing has its default.
 
-    def offset(self, output: str) -> int:
-        return int(self.offsets.get(output, DEFAULT_OFFSETS[output]))
+        Raises ValueError that names the field for what is no recipe.
+        """
+        expect("recipe", recipe, (str, bytes), "the text of a recipe")
+        text = recipe.encode() if isinstance(recipe, str) else recipe
+        settings = new_settings()
+        _native.call_with_message("SettingsFromJson", text, len(text), ctypes.byref(settings))
+        return cls.from_settings(settings)
 
-    def working_shape(self, rows: int, cols: int) -> Tuple[int, int]:
-        """(rows, cols) that the tool works on for images of rows x cols."""
-        if self.roi is not None:
-            cols, rows = self.roi[2:]
-        height, width = rows * self.scale, cols * self.scale
-        is_scaled = self.scale < 0.99 and height > 10.0 and width > 10.0
-        return (int(height), int(width)) if is_scaled else (rows, cols)
+    def to_json(self) -> str:
+        """A recipe with all gains and offsets; those that are not given have their defaults."""
+        text = ctypes.create_string_buffer(_native.LONGEST_RECIPE)
+        _native.call_with_message(
+            "SettingsToJson", ctypes.byref(self.settings()), text, len(text), None)
+        return text.value.decode()
 
-    def check(self, count: int, rows: int, cols: int) -> None:
-        """Raises ValueError or TypeError when a run on `count` images of rows x cols would be
-        refused."""
-        if not 3 <= count <= 8:
-            raise ValueError(f"images: {count} given; expected 3 to 8")
-        _expect_member("run", self.run, RUNS)
-        _expect_member("difference", self.difference, ("central", "forward"))
-        if isinstance(self.outputs, str):
-            raise TypeError(f"outputs: expected a sequence of names, such as ['{self.outputs}']")
-        for output in self.outputs:
-            _expect_member("outputs", output, OUTPUTS)
-        _expect_int("band", self.band, -_LARGEST_INT, _LARGEST_INT)
-        _expect_int("blur", self.blur, 0, 32767)
-        _expect_int("iterations", self.iterations, -_LARGEST_INT, _LARGEST_INT)
+    @classmethod
+    def load(cls: Type["Parameters"], path: Union[str, "os.PathLike[str]"]) -> "Parameters":
+        """Reads a recipe file: one of `save`, or run.json or --save-recipe of the command line."""
+        expect("path", path, (str, os.PathLike), "the path of a recipe")
+        try:
+            return cls.from_json(pathlib.Path(path).read_bytes())
+        except ValueError as error:
+            raise ValueError(f"{os.fspath(path)}: {error}") from None
+
+    def save(self, path: Union[str, "os.PathLike[str]"]) -> None:
+        """Writes a recipe file, for `load` and for ``velostrix reconstruct --recipe``."""
+        expect("path", path, (str, os.PathLike), "the path of a recipe")
+        pathlib.Path(path).write_text(self.to_json(), encoding="utf-8")
+
+    def settings(self) -> _native.Settings:
+        """The record of the host library."""
+        record = new_settings()
+        record.run = _index("run", self.run, RUNS)
+        expect("outputs", self.outputs, Collection, "a sequence of names")
+        outputs = sequence("outputs", self.outputs, "a sequence of names")
+        record.outputs = _set_of("outputs", outputs, OUTPUTS)
+        expect("equalise", self.equalise, (bool, np.bool_), "True or False")
+        record.equalise = bool(self.equalise)
+        record.scale = _number("scale", self.scale)
+        record.difference = _index("difference", self.difference, DIFFERENCES)
+        for name in ("band", "blur_radius", "iteration_cap", "bits"):
+            setattr(record, name, integer(name, getattr(self, name)))
+        if self.region is not None:
+            text = "(x, y, width, height)"
+            region = sequence("region", self.region, text)
+            if len(region) != 4:
+                raise ValueError(f"region: {self.region!r} given; expected {text}")
+            record.has_region = 1
+            record.region = tuple(integer("region", value) for value in region)
+        expect("gains", self.gains, Mapping, "a mapping from output to number")
+        expect("offsets", self.offsets, Mapping, "a mapping from output to integer")
+        record.kept_gains = _set_of("gains", self.gains, _WITH_GAIN)
+        record.kept_offsets = _set_of("offsets", self.offsets, _WITH_OFFSET)
         for output, gain in self.gains.items():
-            _expect_member("gains", output, DEFAULT_GAINS)
-            _expect_finite(f"gains[{output!r}]", gain)
-        for output, offset in self.offsets.items():
-            _expect_member("offsets", output, DEFAULT_OFFSETS)
-            _expect_int(f"offsets[{output!r}]", offset, -_LARGEST_INT, _LARGEST_INT)
-        _expect_finite("scale", self.scale)
-        if not 0.0 < self.scale <= 1.0:
-            raise ValueError(f"scale: {self.scale} given; expected above 0, at most 1")
-        self._check_region(rows, cols)
+            record.gain[OUTPUTS.index(output)] = _number(f"gains[{output!r}]", gain)
+        for scaled, offset in self.offsets.items():
+            record.offset[OUTPUTS.index(scaled)] = integer(f"offsets[{scaled!r}]", offset)
+        return record
 
-    def _check_region(self, rows: int, cols: int) -> None:
-        if self.roi is not None and len(self.roi) != 4:
-            raise ValueError(f"roi: {self.roi} given; expected (x, y, width, height)")
-        x, y, width, height = self.roi or (0, 0, cols, rows)
-        for value in (x, y, width, height):
-            _expect_int("roi", value, -_LARGEST_INT, _LARGEST_INT)
-        if x < 0 or y < 0 or x + width > cols or y + height > rows:
-            raise ValueError(f"roi: {self.roi} is not inside the images of {cols} x {rows} pixels")
-        if width < 3 or height < 2:
-            name = "roi" if self.roi else "images"
-            raise ValueError(f"{name}: {width} x {height} pixels; expected at least 3 x 2")
-
-    def record(self, count: int, rows: int, cols: int) -> _native.UnCalibrationParam:
-        def scaling(output):
-            return _native.OutputScaling(self.offset(output), self.gain(output))
-
-        return _native.UnCalibrationParam(
-            image_count=count,
-            width=cols,
-            height=rows,
-            row_step=cols,
-            output_enable=tuple(int(output in self.outputs) for output in OUTPUTS),
-            scale=self.scale,
-            difference_mode=int(self.difference == "forward"),
-            blur_radius=self.blur,
-            iteration_cap=self.iterations,
-            factor_gain=self.gain("factor"),
-            curvature=scaling("curvature"),
-            magnitude=scaling("magnitude"),
-            channel=tuple(scaling(channel) for channel in CHANNELS),
-            equalise_on=int(self.equalise),
+    @classmethod
+    def from_settings(cls: Type["Parameters"], record: _native.Settings) -> "Parameters":
+        region = record.region
+        plain = ("band", "scale", "blur_radius", "iteration_cap", "bits")
+        return cls(
+            run=RUNS[record.run],
+            outputs=names_in(record.outputs, OUTPUTS),
+            region=(region.x, region.y, region.width, region.height) if record.has_region else None,
+            equalise=bool(record.equalise),
+            difference=DIFFERENCES[record.difference],
+            gains={
+                output: record.gain[OUTPUTS.index(output)]
+                for output in names_in(record.kept_gains, _WITH_GAIN)
+            },
+            offsets={
+                output: record.offset[OUTPUTS.index(output)]
+                for output in names_in(record.kept_gains | record.kept_offsets, _WITH_OFFSET)
+            },
+            **{name: getattr(record, name) for name in plain},
         )
 
 
-def _expect_member(argument: str, value: object, choices) -> None:
-    if value not in choices:
-        raise ValueError(f"{argument}: {value!r} is unknown; expected one of {', '.join(choices)}")
-
-
-def _expect_int(argument: str, value: object, low: int, high: int) -> None:
-    if not isinstance(value, numbers.Integral):
-        raise TypeError(f"{argument}: {value!r} given; expected an integer")
-    if not low <= value <= high:
-        raise ValueError(f"{argument}: {value} given; expected {low} to {high}")
-
-
-def _expect_finite(argument: str, value: object) -> None:
-    if not isinstance(value, numbers.Real):
-        raise TypeError(f"{argument}: {value!r} given; expected a number")
-    if not math.isfinite(value):
-        raise ValueError(f"{argument}: {value} given; expected a finite number")
+def new_settings() -> _native.Settings:
+    settings = _native.Settings(struct_size=ctypes.sizeof(_native.Settings))
+    _native.call("SettingsDefaults", ctypes.byref(settings))
+    return settings

@@ -1,67 +1,48 @@
 """The tool as a context manager: prepare once, then set images and run, part after part."""
+import contextlib
 import ctypes
-import time
-from dataclasses import dataclass, field, replace
-from typing import Dict, Iterator, List, Optional
+import os
+import threading
+from dataclasses import dataclass
+from typing import Iterable, Iterator, NoReturn, Optional, Sequence, Tuple, Union
 
 import numpy as np
+from numpy.typing import ArrayLike
 
 from . import _native
-from .parameters import CHANNELS, OUTPUTS, Parameters
-
-# Positions of the images among the arguments of a run.
-_RUN_ARGUMENTS = (
-    "factor", "curvature", "magnitude", "channel0", "channel1", "channel2", "normal", "height",
-)
-_EIGHT_BIT_ONE_CHANNEL = 1  # type code of an image record
-_PIXEL_TYPES = {0: (np.uint8, 1), 2: (np.uint16, 1), 16: (np.uint8, 3)}  # by OpenCV's number
+from .images import Images, View, read_image
+from .parameters import CHANNELS, OUTPUTS, Parameters, expect, integer, names_in, sequence
+from .result import Result, Timings
 
 
-@dataclass
-class Timings:
-    """How long the calls took, in milliseconds."""
+@dataclass(frozen=True)
+class Exposure:
+    """Exposure of one image."""
 
-    parameters: float = 0.0  #: parameters and region
-    buffers: float = 0.0  #: allocating those in use, perhaps for an earlier part
-    images: List[float] = field(default_factory=list)  #: setting each image
-    run: float = 0.0
+    saturated_share: float  #: of the pixels, 0 to 1, at 255
+    black_share: float  #: of the pixels, 0 to 1, at 0
+    mean_level: float  #: grey levels
+    is_dead: bool  #: dark all over: lamp dead or lens covered
+    equal_to: Optional[int]  #: index of the first earlier image with the same pixels
 
 
-@dataclass
-class Result:
-    """The images of a run; those that were not asked for are None.
+@dataclass(frozen=True)
+class Diagnostics:
+    """Whether images are fit for reconstruction."""
 
-    All have the shape (rows, cols) of the region or, without one, of the inputs, and hold uint8;
-    `normal` has (rows, cols, 3), channels 0, 1, 2; `height` holds uint16. ``result["height"]`` is
-    ``result.height``; iterating gives the names of the images that were made.
-    """
-
-    parameters: Parameters  #: with the gains and offsets that were used
-    timings: Timings
-    factor: Optional[np.ndarray] = None  #: brightness (cali: albedo)
-    curvature: Optional[np.ndarray] = None  #: where slopes change
-    magnitude: Optional[np.ndarray] = None  #: the same without sign
-    channel0: Optional[np.ndarray] = None  #: slope along the rows (cali: normal x)
-    channel1: Optional[np.ndarray] = None  #: slope across the rows (cali: normal y)
-    channel2: Optional[np.ndarray] = None  #: brightness (cali: normal z)
-    normal: Optional[np.ndarray] = None  #: the three channels in one image
-    height: Optional[np.ndarray] = None  #: relative height over the full 16-bit range
-
-    def __getitem__(self, name: str) -> np.ndarray:
-        image = getattr(self, name) if name in OUTPUTS else None
-        if image is None:
-            raise KeyError(f"{name!r}: no such image was made; expected one of {', '.join(self)}")
-        return image
-
-    def __iter__(self) -> Iterator[str]:
-        return (name for name in OUTPUTS if getattr(self, name) is not None)
-
-    def items(self):
-        return ((name, getattr(self, name)) for name in self)
+    warnings: Tuple[str, ...]  #: what is wrong and what to do, as the command line says it
+    exposures: Tuple[Exposure, ...]  #: of each image
+    #: of the images x pixels matrix, descending, the first scaled to 1: the second and third say how
+    #: much the lamps differ in one and in two directions
+    singular_values: Tuple[float, ...]
+    #: cali: how much of the images (root mean square share) no normals under the lamps of the run's
+    #: ring explain; None for other runs and 3 images
+    unexplained_by_ring: Optional[float]
+    unexplained_by_any: Optional[float]  #: the same under any lamps
 
 
 class Tool:
-    """One tool of the module, with buffers that are kept from part to part.
+    """One reconstructor, with buffers that are kept from part to part.
 
     ::
 
@@ -74,173 +55,172 @@ class Tool:
 
     A tool takes about (52 + 5 count) bytes a pixel until it is closed. It is used by one thread at a
     time; separate tools are independent, and native calls release the interpreter lock.
+
+    Raises TypeError or ValueError, with the argument's name, for what is wrong with it, RuntimeError
+    for a call out of order or while another thread is using the tool; the tool is then as it was.
+    After MemoryError it has to be prepared again.
     """
 
     def __init__(self) -> None:
-        self._handle: Optional[int] = None
-        self._mats: Optional[int] = None
-        self._key: Optional[tuple] = None
-        self._parameters: Optional[Parameters] = None
-        self._images_set = 0
-        self._timings = Timings()
+        self._lock = threading.Lock()
+        self._reconstructor: Optional[_native.Reconstructor] = _native.Reconstructor()
+        self._prepared = (0, Parameters(), 0)  # images, parameters, set of outputs
 
     def __enter__(self) -> "Tool":
         return self
 
-    def __exit__(self, *exception) -> None:
+    def __exit__(self, *exception: object) -> None:
         self.close()
 
-    def __del__(self) -> None:
-        self.close()
+    def __reduce_ex__(self, protocol: object) -> NoReturn:
+        raise TypeError("a Tool cannot be copied or pickled; make one for each thread or process")
 
     def close(self) -> None:
-        """Gives all memory back; harmless to repeat. Views of results end here."""
-        handle, self._handle = self._handle, None
-        mats, self._mats = self._mats, None
-        self._parameters = None
-        if mats:
-            _native.module.DestroyImageArrayCPU(mats)
-        if handle:
-            _native.module.ReleaseVelostrixUnCalibrationToolImage_CPU(handle)
-            _native.module.DestroyVelostrixUnCalibrationToolPtr_CPU(handle)
+        """Gives all memory back, or as soon as no view of a result is left; harmless to repeat."""
+        self._reconstructor = None
 
-    def prepare(self, count: int, shape, parameters: Parameters = Parameters()) -> None:
-        """Brings the tool to `count` images of `shape` = (rows, cols) and to the parameters; forgets
-        images set so far. Allocates only when count, shape, region or scale change.
+    @contextlib.contextmanager
+    def _alone(self) -> Iterator[_native.Reconstructor]:
+        """The reconstructor, for this thread alone."""
+        if not self._lock.acquire(blocking=False):
+            _native.refuse(_native.BUSY)
+        try:
+            if self._reconstructor is None:
+                raise RuntimeError("the tool is closed; make another one")
+            yield self._reconstructor
+        finally:
+            self._lock.release()
 
-        Raises ValueError or TypeError, naming the argument; the tool is then as it was.
+    def prepare(
+        self, count: int, shape: Sequence[int], parameters: Parameters = Parameters()
+    ) -> None:
+        """Brings the tool to `count` (3 to 8) images of `shape` = (rows, cols) and to the parameters;
+        forgets images set so far. Allocates only when count, shape, region or scale change.
         """
-        rows, cols = (int(length) for length in shape)
-        parameters.check(count, rows, cols)
-        # Scaling goes by way of a region, which fixes the working size without new buffers.
-        roi = parameters.roi
-        if roi is None and parameters.scale < 1.0:
-            roi = (0, 0, cols, rows)
-        key = (count, rows, cols, roi and tuple(roi), parameters.scale)
-        self._timings = Timings(buffers=self._timings.buffers)
-        is_new = self._handle is None or key != self._key
-        if is_new:
-            # Another tool: scaling, once on, is not switched off by later parameters.
-            start = time.perf_counter()
-            self.close()
-            self._handle = _native.module.CreateVelostrixUnCalibrationToolPtr_CPU(None)
-            self._mats = _native.mat.VelostrixMatNewArray(len(OUTPUTS))
-            self._key = key
-            self._timings.buffers = _milliseconds_since(start)
+        text = "(rows, cols)"
+        size = tuple(integer("shape", side) for side in sequence("shape", shape, text))
+        if len(size) != 2:
+            raise ValueError(f"shape: {shape!r} given; expected {text}")
+        settings = _settings_of(parameters)
+        with self._alone() as native:
+            native.call("Prepare", integer("count", count), size[1], size[0], ctypes.byref(settings))
+            self._prepared = (count, parameters, settings.outputs)
 
-        start = time.perf_counter()
-        record = parameters.record(count, rows, cols)
-        _native.module.SetVelostrixUnCalibrationToolParam_CPU(self._handle, ctypes.byref(record))
-        if roi is not None:
-            x, y, width, height = roi
-            _native.module.SetVelostrixUnCalibrationToolROI_CPU(
-                self._handle, x, y, x + width - 1, y + height - 1
-            )
-        self._timings.parameters = _milliseconds_since(start)
-        if is_new:
-            start = time.perf_counter()
-            _native.module.InitialVelostrixUnCalibrationToolImage_CPU(self._handle)
-            self._timings.buffers += _milliseconds_since(start)
-        _native.module.ClearVelostrixUnCalibrationToolImage_CPU(self._handle)
-        self._parameters = replace(parameters)
-        self._images_set = 0
-
-    def set_image(self, image: np.ndarray) -> None:
-        """Copies the next image, uint8 of shape (rows, cols), into the tool. Rows may be apart, as in
-        a slice of a larger image; an array whose pixels are apart too is made contiguous first.
-
-        Raises ValueError or TypeError for another type, shape or one image too many, RuntimeError
-        before `prepare`, MemoryError when the buffers could not be allocated.
+    def set_image(self, image: ArrayLike) -> None:
+        """Copies the next image into the tool: uint8, or uint16 with the parameters' bits, of shape
+        (rows, cols). Rows may be apart, as in a slice of a larger image; an array whose pixels are
+        apart too is made contiguous first.
         """
-        count, rows, cols = self._geometry()
-        if self._images_set == count:
-            raise ValueError(f"image: all {count} images are set; run() comes next")
-        image = check_image("image", image, (rows, cols))
-        if image.strides[1] != 1 or not cols <= image.strides[0] < 2**31:
-            image = np.ascontiguousarray(image)
-        start = time.perf_counter()
-        record = _native.ImageRecord(
-            data=image.ctypes.data,
-            width=cols,
-            height=rows,
-            row_stride=image.strides[0],
-            type_code=_EIGHT_BIT_ONE_CHANNEL,
-        )
-        if not _native.module.SetVelostrixUnCalibrationToolImage_CPU_csharp(
-            self._handle, ctypes.byref(record)
-        ):
-            self.close()
-            raise MemoryError(
-                f"buffers for {count} images of {cols} x {rows} pixels could not be allocated; "
-                "use a region or a smaller scale"
-            )
-        self._images_set += 1
-        self._timings.images.append(_milliseconds_since(start))
+        _array, record = read_image("image", image)  # the array has the memory of the record
+        with self._alone() as native:
+            native.call("SetImage", ctypes.byref(record))
+
+    def clear_images(self) -> None:
+        """Forgets the images set so far, to start the part again."""
+        with self._alone() as native:
+            native.call("ClearImages")
 
     def run(self, copy: bool = True) -> Result:
-        """Runs on the images that were set and returns the result images.
+        """Runs on the images that were set, and forgets them.
 
-        copy: False gives arrays over the tool's memory, valid only until the next `run`, `prepare`
-            with another geometry, or `close`: reading them later reads freed memory.
-
-        Raises RuntimeError when images are missing.
+        copy: False gives read-only arrays over the tool's memory. They keep that memory alive, but
+            are valid only until the next call of `run`, `reconstruct`, `prepare` or `choose_gains`.
         """
-        count = self._geometry()[0]
-        if self._images_set != count:
-            raise RuntimeError(f"run: {self._images_set} of {count} images are set")
-        parameters = self._parameters
-        function = {
-            "uncali": _native.module.RunVelostrixUnCalibration_CPU_uncali,
-            "cali": _native.module.RunVelostrixUnCalibration_CPU_cali,
-            "partrows": _native.module.RunVelostrixUnCalibration_CPU_partrows_uncali,
-            "partcols": _native.module.RunVelostrixUnCalibration_CPU_partcols_uncali,
-        }[parameters.run]
-        band = [parameters.band] if parameters.run.startswith("part") else []
-        mats = [
-            _native.mat.VelostrixMatAt(self._mats, len(OUTPUTS), k) for k in range(len(OUTPUTS))
-        ]
-        start = time.perf_counter()
-        done = function(self._handle, *mats, *band)
-        self._timings.run = _milliseconds_since(start)
-        if not done:
-            raise RuntimeError("run: refused by the module")
-        self._images_set = 0
-        result = Result(parameters, self._timings)
-        self._timings = Timings(buffers=self._timings.buffers)
-        made = set(parameters.outputs) | set(CHANNELS if "normal" in parameters.outputs else ())
-        for name, mat in zip(_RUN_ARGUMENTS, mats):
-            if name in made:
-                view = _view(mat)
-                setattr(result, name, view.copy() if copy else view)
-        return result
+        with self._alone() as native:
+            native.call("Run")
+            return self._result(native, copy)
 
-    def _geometry(self):
-        if self._parameters is None:
-            raise RuntimeError("the tool is not prepared; call prepare() first")
-        return self._key[:3]
+    def reconstruct(
+        self, images: Iterable[ArrayLike], parameters: Parameters = Parameters(), copy: bool = True
+    ) -> Result:
+        """`prepare`, `set_image` for each image and `run`."""
+        given = Images(images)
+        settings = _settings_of(parameters)
+        with self._alone() as native:
+            native.call(
+                "Reconstruct", given.records, len(given.records), ctypes.byref(settings))
+            self._prepared = (len(given.records), parameters, settings.outputs)
+            return self._result(native, copy)
+
+    def choose_gains(
+        self, images: Iterable[ArrayLike], parameters: Parameters = Parameters()
+    ) -> Parameters:
+        """The parameters with gain and offset of every output that they ask for chosen for these
+        images, but for those that they have (factor, normal and height have nothing to choose).
+
+        Without the outermost percent on each side, values fill grey levels 16 to 240 around 128, those
+        of the magnitude 0 to 240. Channel 2, when all its values have one sign, fills 0 to 240 too, by
+        a negative gain if need be. A flat map keeps the gain that suits usual relief.
+
+        Does this by pilot runs without height, 2 or 3 as a rule and 8 at most. Choose once for a kind
+        of part and keep the parameters: only under equal gains can parts be compared. Afterwards the
+        tool is to be prepared.
+        """
+        given = Images(images)
+        settings = _settings_of(parameters)
+        with self._alone() as native:
+            native.call(
+                "ChooseGains", given.records, len(given.records), ctypes.byref(settings))
+        return Parameters.from_settings(settings)
+
+    def diagnose(
+        self,
+        images: Iterable[ArrayLike],
+        parameters: Parameters = Parameters(),
+        names: Optional[Sequence[Union[str, "os.PathLike[str]"]]] = None,
+    ) -> Diagnostics:
+        """Measures the parameters' region of the images; run and bits matter too. Leaves what is
+        prepared and set alone.
+
+        names: of the images in warnings, such as their files; else "image 1" and so on.
+        """
+        given = Images(images)
+        count = len(given.records)
+        c_names = None
+        if names is not None:
+            listed = sequence("names", names, "a sequence of names")
+            if len(listed) != count:
+                raise ValueError(f"names: {len(listed)} given for {count} images")
+            for name in listed:
+                expect("names", name, (str, os.PathLike), "names or paths")
+            c_names = (ctypes.c_char_p * count)(*map(os.fsencode, listed))
+        settings = _settings_of(parameters)
+        found = _native.Diagnostics(struct_size=ctypes.sizeof(_native.Diagnostics))
+        with self._alone() as native:
+            native.call("Diagnose", given.records, count, ctypes.byref(settings), c_names,
+                        ctypes.byref(found))
+            warnings = []
+            for k in range(found.warning_count):
+                message = _native.Message()
+                native.call("Warning", k, ctypes.byref(message))
+                warnings.append(_native.text_of(message))
+        return Diagnostics(
+            tuple(warnings),
+            tuple(
+                Exposure(e.saturated_share, e.black_share, e.mean_level, bool(e.is_dead),
+                         None if e.equal_to < 0 else e.equal_to)
+                for e in found.exposures[:count]
+            ),
+            tuple(found.singular_values[:count]),
+            *(None if share < 0 else share
+              for share in (found.unexplained_by_ring, found.unexplained_by_any)),
+        )
+
+    def _result(self, native: _native.Reconstructor, copy: bool) -> Result:
+        count, parameters, outputs = self._prepared
+        times = _native.Times()
+        native.call("Times", ctypes.byref(times))
+        made = {*names_in(outputs, OUTPUTS)}
+        if "normal" in made:
+            made.update(CHANNELS)
+        views = {name: np.asarray(View(native, OUTPUTS.index(name))) for name in made}
+        return Result(
+            parameters,
+            Timings(times.parameters, times.buffers, tuple(times.images[:count]), times.run),
+            {name: view.copy() if copy else view for name, view in views.items()},
+        )
 
 
-def check_image(argument: str, image: np.ndarray, shape) -> np.ndarray:
-    """Returns the image as an array of the shape, or refuses it by the argument's name."""
-    image = np.asarray(image)
-    if image.dtype != np.uint8:
-        raise TypeError(f"{argument}: holds {image.dtype}; expected uint8")
-    if image.shape != tuple(shape):
-        raise ValueError(f"{argument}: has shape {image.shape}; expected {tuple(shape)}")
-    return image
-
-
-def _milliseconds_since(start: float) -> float:
-    return (time.perf_counter() - start) * 1000.0
-
-
-def _view(mat: int) -> np.ndarray:
-    info = _native.MatInfo()
-    _native.mat.VelostrixMatInspect(mat, ctypes.byref(info))
-    pixel, channels = _PIXEL_TYPES[info.type]
-    memory = (ctypes.c_uint8 * (info.step * (info.rows - 1) + info.cols * info.pixel_bytes))
-    sample_bytes = np.dtype(pixel).itemsize
-    shape, strides = (info.rows, info.cols), (info.step, info.pixel_bytes)
-    if channels > 1:
-        shape, strides = shape + (channels,), strides + (sample_bytes,)
-    return np.ndarray(shape, pixel, memory.from_address(info.data), 0, strides)
+def _settings_of(parameters: Parameters) -> _native.Settings:
+    expect("parameters", parameters, Parameters, "velostrix.Parameters")
+    return parameters.settings()

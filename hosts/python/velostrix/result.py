@@ -1,0 +1,111 @@
+"""What a run made: the images, and how they show themselves."""
+import base64
+import io
+from dataclasses import dataclass
+from typing import Any, Dict, Iterator, Literal, Optional, Tuple, Union, overload
+
+import numpy as np
+from numpy.typing import NDArray
+
+from .parameters import OUTPUTS, ByteOutput, Output, Parameters
+
+_SHOWN_SIZE = (320, 320)  # pixels at most, in a notebook
+
+
+@dataclass(frozen=True)
+class Timings:
+    """How long the calls of a part took, in milliseconds."""
+
+    parameters: float  #: parameters and region
+    buffers: float  #: allocating those in use, perhaps for an earlier part
+    images: Tuple[float, ...]  #: setting each image
+    run: float
+
+
+class Result:
+    """The images of a run, as attributes: those that were asked for.
+
+    All have the shape (rows, cols) of the region or, without one, of the inputs, and hold uint8;
+    `normal` has (rows, cols, 3), channels 0, 1, 2; `height` holds uint16. ``result["height"]`` is
+    ``result.height``; iterating gives the names of the images that were made.
+    """
+
+    parameters: Parameters  #: with the gains and offsets that were chosen
+    timings: Timings
+    factor: NDArray[np.uint8]  #: brightness (cali: albedo)
+    curvature: NDArray[np.uint8]  #: where slopes change
+    magnitude: NDArray[np.uint8]  #: the same without sign
+    channel0: NDArray[np.uint8]  #: slope along the rows (cali: normal x)
+    channel1: NDArray[np.uint8]  #: slope across the rows (cali: normal y)
+    channel2: NDArray[np.uint8]  #: brightness (cali: normal z)
+    normal: NDArray[np.uint8]  #: the three channels in one image
+    height: NDArray[np.uint16]  #: relative height over the full 16-bit range
+
+    def __init__(
+        self, parameters: Parameters, timings: Timings, images: Dict[str, NDArray[Any]]
+    ) -> None:
+        self.parameters = parameters
+        self.timings = timings
+        vars(self).update(images)
+
+    def _refusal(self, name: str) -> str:
+        return f"{name!r} was not made, only {', '.join(self)}; ask for it in outputs"
+
+    def __getattr__(self, name: str) -> Any:
+        raise AttributeError(self._refusal(name) if name in OUTPUTS else f"Result has no {name!r}")
+
+    @overload
+    def __getitem__(self, name: Literal["height"]) -> NDArray[np.uint16]: ...
+
+    @overload
+    def __getitem__(self, name: ByteOutput) -> NDArray[np.uint8]: ...
+
+    @overload
+    def __getitem__(self, name: str) -> NDArray[Union[np.uint8, np.uint16]]: ...
+
+    def __getitem__(self, name: str) -> NDArray[Any]:
+        if name not in self:
+            raise KeyError(self._refusal(name))
+        image: NDArray[Any] = vars(self)[name]
+        return image
+
+    def __contains__(self, name: object) -> bool:
+        return name in OUTPUTS and name in vars(self)
+
+    def __iter__(self) -> Iterator[Output]:
+        return (name for name in OUTPUTS if name in vars(self))
+
+    def items(self) -> Iterator[Tuple[Output, NDArray[Any]]]:
+        return ((name, self[name]) for name in self)
+
+    def __repr__(self) -> str:
+        sizes = [f"{image.shape[1]} x {image.shape[0]}" for _, image in self.items()]
+        gains = [f"{name} {gain:.4g}" for name, gain in self.parameters.gains.items()]
+        return (
+            f"velostrix.Result: {self.parameters.run}, {(sizes or ['no'])[0]} pixels, "
+            f"{self.timings.run:.1f} ms\n"
+            f"  images: {', '.join(self) or 'none'}\n"
+            f"  gains: {', '.join(gains) or 'those of the library'}"
+        )
+
+    def _repr_html_(self) -> Optional[str]:
+        """The images for Jupyter, at most 320 pixels wide; None, so that the text is shown, without
+        PIL."""
+        try:
+            from PIL import Image
+        except ImportError:
+            return None
+        figures = []
+        for name, pixels in self.items():
+            # 16 bits to 8, channels 0, 1, 2 to blue, green, red.
+            levels = pixels >> 8 if name == "height" else pixels
+            picture = Image.fromarray(
+                np.ascontiguousarray(levels[..., ::-1] if levels.ndim == 3 else levels, np.uint8))
+            picture.thumbnail(_SHOWN_SIZE)
+            png = io.BytesIO()
+            picture.save(png, "png")
+            data = base64.b64encode(png.getvalue()).decode()
+            figures.append(
+                '<figure style="display: inline-block; margin: 4px">'
+                f'<img src="data:image/png;base64,{data}"/><figcaption>{name}</figcaption></figure>')
+        return "<div>" + "".join(figures) + "</div>"
