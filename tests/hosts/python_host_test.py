@@ -128,13 +128,11 @@ class Marshalling(unittest.TestCase):
             (ValueError, "^2 images given; expected 3 to 8", good[:2], {}),
             (ValueError, "^image 4 has 80 x 59 pixels", good[:3] + [good[3][1:]], {}),
             (ValueError, r"^images\[0\]: has shape \(6,\)", [np.zeros(6, np.uint8)] * 3, {}),
-            (TypeError, "^run: 3 given; expected one of uncali", good, {"run": 3}),
             (ValueError, "^run: 'fast' is unknown", good, {"run": "fast"}),
             (ValueError, "^outputs: 'depth' is unknown", good, {"outputs": ["depth"]}),
             (TypeError, "^outputs: 'height' given", good, {"outputs": "height"}),
             (ValueError, "^region: .* expected .x, y, width, height", good, {"region": (0, 0, 2)}),
             (TypeError, "^region: 20.5", good, {"region": (0, 0, 20.5, 20)}),
-            (ValueError, "region .* is not inside", good, {"region": (1, 0, 80, 60)}),
             (ValueError, "^blur_radius 32768", good, {"blur_radius": 32768}),
             (ValueError, "^blur_radius: 4294967296", good, {"blur_radius": 2**32}),
             (ValueError, "^scale: 1000", good, {"scale": 10**400}),
@@ -182,9 +180,8 @@ class Use(unittest.TestCase):
                 self.assertRaises(ValueError, tool.prepare, 4, (60, 80), wrong)
             self.assertRaises(ValueError, tool.prepare, 9, (60, 80))
             self.assertRaises(ValueError, tool.set_image, image[1:])
-            self.assertRaisesRegex(TypeError, "copied or pickled", copy.copy, tool)
-            self.assertRaisesRegex(TypeError, "copied or pickled", copy.deepcopy, tool)
-            self.assertRaisesRegex(TypeError, "copied or pickled", pickle.dumps, tool)
+            for duplicate in (copy.copy, copy.deepcopy, pickle.dumps):
+                self.assertRaisesRegex(TypeError, "copied or pickled", duplicate, tool)
             tool.set_image(image)
         self.assertRaisesRegex(RuntimeError, "all 4", tool.set_image, images[0])
         expect_equal(tool.run(), Tool().reconstruct(images, CURVATURE))

@@ -7,8 +7,8 @@ import ctypes
 import os
 import pathlib
 import sys
-from ctypes import POINTER, Structure, c_char_p, c_double, c_int32, c_int64, c_uint32, c_void_p
-from typing import Any, Callable, NoReturn, Optional
+from ctypes import Structure, c_double, c_int32, c_int64, c_uint32, c_void_p
+from typing import Any, Callable, List, NoReturn, Tuple
 
 SEARCH_VARIABLE = "VELOSTRIX_LIBRARY_PATH"
 OUTPUT_COUNT = 8
@@ -18,123 +18,55 @@ BUSY = 4
 _ERRORS = {1: ValueError, 2: MemoryError}  # by status; RuntimeError for all others
 
 
+def _fields(*groups: Tuple[Any, str]) -> List[Tuple[str, Any]]:
+    return [(name, kind) for kind, names in groups for name in names.split()]
+
+
 class Message(Structure):
-    _fields_ = [("text", ctypes.c_char * 1024)]
+    _fields_ = _fields((ctypes.c_char * 1024, "text"))
 
 
 class Region(Structure):
-    _fields_ = [("x", c_int32), ("y", c_int32), ("width", c_int32), ("height", c_int32)]
+    _fields_ = _fields((c_int32, "x y width height"))
 
 
 class Settings(Structure):
-    _fields_ = [
-        ("struct_size", c_uint32),
-        ("run", c_int32),
-        ("band", c_int32),
-        ("outputs", c_uint32),
-        ("has_region", c_int32),
-        ("region", Region),
-        ("equalise", c_int32),
-        ("scale", c_double),
-        ("difference", c_int32),
-        ("blur_radius", c_int32),
-        ("iteration_cap", c_int32),
-        ("bits", c_int32),
-        ("gain", c_double * OUTPUT_COUNT),
-        ("offset", c_int32 * OUTPUT_COUNT),
-        ("kept_gains", c_uint32),
-        ("kept_offsets", c_uint32),
-    ]
+    _fields_ = _fields(
+        (c_uint32, "struct_size"), (c_int32, "run band"), (c_uint32, "outputs"),
+        (c_int32, "has_region"), (Region, "region"), (c_int32, "equalise"), (c_double, "scale"),
+        (c_int32, "difference blur_radius iteration_cap bits"), (c_double * OUTPUT_COUNT, "gain"),
+        (c_int32 * OUTPUT_COUNT, "offset"), (c_uint32, "kept_gains kept_offsets"))
 
 
 class Image(Structure):
-    _fields_ = [
-        ("data", c_void_p),
-        ("row_stride", c_int64),
-        ("width", c_int32),
-        ("height", c_int32),
-        ("sample_bytes", c_int32),
-        ("reserved", c_int32),
-    ]
+    _fields_ = _fields(
+        (c_void_p, "data"), (c_int64, "row_stride"), (c_int32, "width height sample_bytes reserved"))
 
 
 class Plane(Structure):
-    _fields_ = [
-        ("data", c_void_p),
-        ("row_stride", c_int64),
-        ("width", c_int32),
-        ("height", c_int32),
-        ("channels", c_int32),
-        ("sample_bytes", c_int32),
-    ]
+    _fields_ = _fields(
+        (c_void_p, "data"), (c_int64, "row_stride"), (c_int32, "width height channels sample_bytes"))
 
 
 class Times(Structure):
-    _fields_ = [
-        ("parameters", c_double),
-        ("buffers", c_double),
-        ("images", c_double * MOST_IMAGES),
-        ("run", c_double),
-    ]
+    _fields_ = _fields(
+        (c_double, "parameters buffers"), (c_double * MOST_IMAGES, "images"), (c_double, "run"))
 
 
 class Exposure(Structure):
-    _fields_ = [
-        ("saturated_share", c_double),
-        ("black_share", c_double),
-        ("mean_level", c_double),
-        ("is_dead", c_int32),
-        ("equal_to", c_int32),
-    ]
+    _fields_ = _fields(
+        (c_double, "saturated_share black_share mean_level"), (c_int32, "is_dead equal_to"))
 
 
 class Diagnostics(Structure):
-    _fields_ = [
-        ("struct_size", c_uint32),
-        ("image_count", c_int32),
-        ("exposures", Exposure * MOST_IMAGES),
-        ("singular_values", c_double * MOST_IMAGES),
-        ("unexplained_by_ring", c_double),
-        ("unexplained_by_any", c_double),
-        ("warning_count", c_int32),
-        ("reserved", c_int32),
-    ]
+    _fields_ = _fields(
+        (c_uint32, "struct_size"), (c_int32, "image_count"), (Exposure * MOST_IMAGES, "exposures"),
+        (c_double * MOST_IMAGES, "singular_values"),
+        (c_double, "unexplained_by_ring unexplained_by_any"), (c_int32, "warning_count reserved"))
 
 
 for _record, _size in {Settings: 168, Image: 32, Plane: 32, Times: 88, Diagnostics: 352}.items():
     assert ctypes.sizeof(_record) == _size, _record
-
-_PREFIX = "Velostrix"
-_RECONSTRUCTOR = c_void_p
-_FUNCTIONS = {
-    "StatusText": (c_char_p, [c_int32]),
-    "LibraryVersion": (c_char_p, []),
-    "CheckVersion": (c_int32, [c_int32, c_int32, POINTER(Message)]),
-    "SetThreads": (c_int32, [c_int32]),
-    "Threads": (c_int32, []),
-    "SettingsDefaults": (c_int32, [POINTER(Settings)]),
-    "SettingsToJson": (
-        c_int32, [POINTER(Settings), c_char_p, c_int64, POINTER(c_int64), POINTER(Message)]),
-    "SettingsFromJson": (c_int32, [c_char_p, c_int64, POINTER(Settings), POINTER(Message)]),
-    "ReconstructorCreate": (c_int32, [POINTER(_RECONSTRUCTOR)]),
-    "ReconstructorDestroy": (c_int32, [_RECONSTRUCTOR]),
-    "ReconstructorMessage": (c_int32, [_RECONSTRUCTOR, POINTER(Message)]),
-    "ReconstructorPrepare": (
-        c_int32, [_RECONSTRUCTOR, c_int32, c_int32, c_int32, POINTER(Settings)]),
-    "ReconstructorSetImage": (c_int32, [_RECONSTRUCTOR, POINTER(Image)]),
-    "ReconstructorClearImages": (c_int32, [_RECONSTRUCTOR]),
-    "ReconstructorRun": (c_int32, [_RECONSTRUCTOR]),
-    "ReconstructorReconstruct": (
-        c_int32, [_RECONSTRUCTOR, POINTER(Image), c_int32, POINTER(Settings)]),
-    "ReconstructorResult": (c_int32, [_RECONSTRUCTOR, c_int32, POINTER(Plane)]),
-    "ReconstructorTimes": (c_int32, [_RECONSTRUCTOR, POINTER(Times)]),
-    "ReconstructorChooseGains": (
-        c_int32, [_RECONSTRUCTOR, POINTER(Image), c_int32, POINTER(Settings)]),
-    "ReconstructorDiagnose": (
-        c_int32, [_RECONSTRUCTOR, POINTER(Image), c_int32, POINTER(Settings), POINTER(c_char_p),
-                  POINTER(Diagnostics)]),
-    "ReconstructorWarning": (c_int32, [_RECONSTRUCTOR, c_int32, POINTER(Message)]),
-}
 
 
 def _load() -> ctypes.CDLL:
@@ -153,10 +85,8 @@ def _load() -> ctypes.CDLL:
             f"{file} could not be loaded ({error}); build or install Velostrix, or set "
             f"{SEARCH_VARIABLE} to the folder that holds it, and install OpenCV 4"
         ) from error
-    for name, (result, arguments) in _FUNCTIONS.items():
-        function = getattr(library, _PREFIX + name)
-        function.restype = result
-        function.argtypes = arguments
+    for function in library.VelostrixStatusText, library.VelostrixLibraryVersion:
+        function.restype = ctypes.c_char_p
     return library
 
 
@@ -164,8 +94,9 @@ _library = _load()
 
 
 def call(name: str, *arguments: Any) -> Any:
-    """What the function returns that is Velostrix and the name."""
-    return getattr(_library, _PREFIX + name)(*arguments)
+    """What the function returns that is Velostrix and the name. Numbers are integers of 32 bits, all
+    else is of a ctypes type."""
+    return getattr(_library, "Velostrix" + name)(*arguments)
 
 
 def text_of(message: Message) -> str:

@@ -124,14 +124,15 @@ class Parameters:
         expect("recipe", recipe, (str, bytes), "the text of a recipe")
         text = recipe.encode() if isinstance(recipe, str) else recipe
         settings = new_settings()
-        _native.call_with_message("SettingsFromJson", text, len(text), ctypes.byref(settings))
+        _native.call_with_message(
+            "SettingsFromJson", text, ctypes.c_int64(len(text)), ctypes.byref(settings))
         return cls.from_settings(settings)
 
     def to_json(self) -> str:
         """A recipe with all gains and offsets; those that are not given have their defaults."""
         text = ctypes.create_string_buffer(_native.LONGEST_RECIPE)
         _native.call_with_message(
-            "SettingsToJson", ctypes.byref(self.settings()), text, len(text), None)
+            "SettingsToJson", ctypes.byref(self.settings()), text, ctypes.c_int64(len(text)), None)
         return text.value.decode()
 
     @classmethod
