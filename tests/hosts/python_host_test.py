@@ -1,5 +1,6 @@
 """The Python package: what goes to the host library and comes back, threads, processes, memory."""
 import copy
+import ctypes
 import dataclasses
 import gc
 import multiprocessing
@@ -107,6 +108,8 @@ class Marshalling(unittest.TestCase):
         given = velostrix.reconstruct(noise(), gains={"channel0": 5.0}, offsets={"curvature": 99})
         self.assertEqual(given.parameters.gains["channel0"], 5.0)
         self.assertEqual(given.parameters.offsets["curvature"], 99)
+        bright = velostrix.reconstruct([image // 2 + 99 for image in noise()])
+        self.assertEqual(bright.parameters.offsets["channel2"], 0)
 
     def test_diagnostics_say_what_the_command_line_says(self):
         images = noise()
@@ -225,6 +228,7 @@ class Use(unittest.TestCase):
             time.sleep(0.0001)
         worker.join()
         self.assertGreater(refused, 0)
+        self.assertNotIsInstance(velostrix._native._library, ctypes.PyDLL)  # holds the interpreter
         self.assertEqual(list(results[0]), ["height"])
 
     def test_forked_processes_go_on_with_the_tool(self):
