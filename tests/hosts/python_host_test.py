@@ -66,7 +66,8 @@ class Marshalling(unittest.TestCase):
             "pixels apart": (0, lambda image: fill(colour[:, :, 1], image)),
             "upside down": (0, lambda image: image[::-1].copy()[::-1]),
             "columns first": (0, np.asfortranarray),
-            "12 bits, rows apart": (12, lambda image: fill(wide_16[:, 9:89], np.rint(image / 255 * 4095))),
+            "12 bits, rows apart": (
+                12, lambda image: fill(wide_16[:, 9:89], np.rint(image / 255 * 4095))),
             "another byte order": (16, lambda image: (image * np.uint16(257)).astype(">u2")),
         }
 

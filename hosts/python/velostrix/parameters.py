@@ -5,7 +5,8 @@ import os
 import pathlib
 from dataclasses import dataclass, field
 from typing import (
-    Any, Collection, Dict, Iterable, Literal, Mapping, Optional, Sequence, Tuple, Type, TypeVar, Union, get_args)
+    Any, Collection, Iterable, Literal, Mapping, Optional, Sequence, Tuple, Type, TypeVar, Union,
+    get_args)
 
 import numpy as np
 
