@@ -1,15 +1,18 @@
-// What the C# blocks of a page take as given: a tool, four pictures, and images of a wrapper.
+// What the C# blocks of a page take as given: a tool, four images, and places for results.
 using System;
 using System.Collections.Generic;
+using System.Drawing;
+using System.Linq;
 using System.Runtime.InteropServices;
 using Velostrix;
 
 static class Page
 {
-    // Stands for the image of an OpenCV wrapper.
-    sealed class WrapperImage
+    // Stands for a camera, and for the image of an OpenCV wrapper.
+    sealed class Frame
     {
-        public IntPtr NativePointer = NativeMat.VelostrixMatNew();
+        public readonly IntPtr Data = Marshal.AllocHGlobal(stride * height);
+        public int Stride { get { return stride; } }
     }
 
     const int width = 80, height = 60, stride = 96;
@@ -18,10 +21,9 @@ static class Page
     {
         Outputs = new[] { VelostrixOutput.Curvature, VelostrixOutput.Height }
     };
-    static readonly List<byte[]> images = new List<byte[]>();
-    static readonly List<WrapperImage> frames = new List<WrapperImage>();
-    static readonly WrapperImage curvatureMat = new WrapperImage(), heightMat = new WrapperImage();
-    static readonly IntPtr pixels = Marshal.AllocHGlobal(stride * height);
+    static readonly List<byte[]> frames = new List<byte[]>();
+    static readonly List<Frame> mats = new List<Frame>();
+    static readonly Frame curvatureMat = new Frame();
 
     /* steps */
 
@@ -30,13 +32,11 @@ static class Page
         var random = new Random(1);
         for (int lamp = 0; lamp < 4; ++lamp)
         {
-            var image = new byte[width * height];
-            random.NextBytes(image);
-            images.Add(image);
-            frames.Add(new WrapperImage
-            {
-                NativePointer = NativeMat.VelostrixMatNewSized(height, width, 0)
-            });
+            var frame = new byte[width * height];
+            random.NextBytes(frame);
+            frames.Add(frame);
+            mats.Add(new Frame());
+            Marshal.Copy(frame, 0, mats[lamp].Data, frame.Length);
         }
         /* calls */
     }

@@ -10,8 +10,8 @@ What becomes of a block is told by its fence:
     console, text not run: installs packages, takes minutes or needs what a test does not have
 
 Blocks of other kinds, indented ones too, are refused, and so are links to files that do not exist.
-The folder looks like the top of the project after a build, with four pictures image0 to image3 as
-PNG and PGM files; the installed copy of the project is on the paths.
+The folder looks like the top of the project after a build, with four pictures image0.png to
+image3.png; the installed copy of the project is on the paths.
 """
 import argparse
 import os
@@ -20,8 +20,6 @@ import shutil
 import subprocess
 import sys
 from pathlib import Path
-
-from PIL import Image
 
 KINDS = ("sh", "cpp", "python", "csharp", "console", "text")
 
@@ -107,8 +105,6 @@ def main() -> None:
             sys.exit(f"{options.page}: exit code {done.returncode} of {command[0]}")
 
     run("velostrix", "render", "--out", ".", "--images", 4, "--size", "160x120", "--quiet")
-    for k in range(4):
-        Image.open(options.work / f"image{k}.png").save(options.work / f"image{k}.pgm")
 
     def codes(kind: str) -> list:
         return [code for _, block_kind, _, code in blocks if block_kind == kind]
@@ -131,7 +127,9 @@ def main() -> None:
         (options.work / "Page.cs").write_text(
             context.replace("/* steps */", "".join(steps)).replace("/* calls */", " ".join(calls)))
         library = sorted((options.work / "hosts/csharp").glob("*.cs"))
-        run(options.mcs, "-langversion:7", "-out:page.exe", *library, "Page.cs")
+        bitmaps = options.work / "hosts/csharp/drawing/BitmapImages.cs"
+        run(options.mcs, "-langversion:7", "-out:page.exe", "-r:System.Drawing.dll", *library,
+            bitmaps, "Page.cs")
         run(options.mono, "--debug", "page.exe")
 
 

@@ -1,21 +1,127 @@
-// The tool as a C# object: prepare once, then set images and run, part after part.
+// The reconstructor as a C# object: prepare once, then set images and run, part after part.
 using System;
 using System.Collections.Generic;
 using System.Runtime.InteropServices;
+using System.Text;
 
 namespace Velostrix
 {
+    /// <summary>Why a call did nothing, or failed.</summary>
+    public enum VelostrixStatus
+    {
+        /// <summary>It did not.</summary>
+        Ok,
+        /// <summary>An argument or a parameter is wrong.</summary>
+        InvalidArgument,
+        /// <summary>Thrown as OutOfMemoryException.</summary>
+        OutOfMemory,
+        /// <summary>Not prepared, images are missing, no results yet.</summary>
+        WrongState,
+        /// <summary>Another thread is using the tool.</summary>
+        Busy,
+        /// <summary>None of these; the message has what was reported.</summary>
+        Failed
+    }
+
     /// <summary>What was refused and what is expected instead.</summary>
     public sealed class VelostrixException : Exception
     {
-        /// <summary>Refuses with this text.</summary>
-        public VelostrixException(string text) : base(text) { }
+        internal VelostrixException(VelostrixStatus status, string text) : base(text)
+        {
+            Status = status;
+        }
+
+        /// <summary>The kind of refusal. After Failed, prepare the tool again.</summary>
+        public VelostrixStatus Status { get; }
+    }
+
+    /// <summary>How long the calls of the latest part took, in milliseconds.</summary>
+    public sealed class VelostrixTimes
+    {
+        internal VelostrixTimes(double[] times)
+        {
+            Parameters = times[0];
+            Buffers = times[1];
+            Images = new ArraySegment<double>(times, 2, Native.MostImages);
+            Run = times[2 + Native.MostImages];
+        }
+
+        /// <summary>Parameters and region.</summary>
+        public double Parameters { get; }
+        /// <summary>Allocating the buffers in use, perhaps for an earlier part.</summary>
+        public double Buffers { get; }
+        /// <summary>Setting each image; 0 beyond those set.</summary>
+        public IReadOnlyList<double> Images { get; }
+        /// <summary>The run itself.</summary>
+        public double Run { get; }
+    }
+
+    /// <summary>Exposure of one image.</summary>
+    public sealed class VelostrixExposure
+    {
+        internal VelostrixExposure(Native.Exposure exposure)
+        {
+            SaturatedShare = exposure.SaturatedShare;
+            BlackShare = exposure.BlackShare;
+            MeanLevel = exposure.MeanLevel;
+            IsDead = exposure.IsDead != 0;
+            EqualTo = exposure.EqualTo < 0 ? (int?)null : exposure.EqualTo;
+        }
+
+        /// <summary>Of the pixels, at 255: 0 to 1.</summary>
+        public double SaturatedShare { get; }
+        /// <summary>Of the pixels, at 0: 0 to 1.</summary>
+        public double BlackShare { get; }
+        /// <summary>Grey levels.</summary>
+        public double MeanLevel { get; }
+        /// <summary>Dark all over: lamp dead or lens covered.</summary>
+        public bool IsDead { get; }
+        /// <summary>Index of the first earlier image with the same pixels; null: none.</summary>
+        public int? EqualTo { get; }
+    }
+
+    /// <summary>Whether images are fit for reconstruction.</summary>
+    public sealed class VelostrixDiagnostics
+    {
+        internal VelostrixDiagnostics(Native.Diagnostics record, IReadOnlyList<string> warnings)
+        {
+            int count = record.ImageCount;
+            Exposures = Array.ConvertAll(
+                new List<Native.Exposure>(record.Exposures).GetRange(0, count).ToArray(),
+                exposure => new VelostrixExposure(exposure));
+            SingularValues = new ArraySegment<double>(record.SingularValues, 0, count);
+            if (record.UnexplainedByRing >= 0) UnexplainedByRing = record.UnexplainedByRing;
+            if (record.UnexplainedByAny >= 0) UnexplainedByAny = record.UnexplainedByAny;
+            Warnings = warnings;
+        }
+
+        /// <summary>Of each image.</summary>
+        public IReadOnlyList<VelostrixExposure> Exposures { get; }
+        /// <summary>
+        /// Of the images x pixels matrix, descending, the first scaled to 1. The second and third say
+        /// how much the lamps differ in one and in two directions.
+        /// </summary>
+        public IReadOnlyList<double> SingularValues { get; }
+        /// <summary>
+        /// Calibrated run: how much of the images (root mean square share, 0 to 1) no normals under
+        /// the lamps of the ring explain; null: not told.
+        /// </summary>
+        public double? UnexplainedByRing { get; }
+        /// <summary>How much no normals under any lamps explain; null: not told.</summary>
+        public double? UnexplainedByAny { get; }
+        /// <summary>What is wrong and what to do, in plain words.</summary>
+        public IReadOnlyList<string> Warnings { get; }
     }
 
     /// <summary>
-    /// A tool of the module, with buffers that are kept from part to part: about 52 + 5 N bytes a
-    /// pixel until it is disposed. One thread at a time uses a tool; separate tools are independent.
+    /// A reconstructor, with buffers that are kept from part to part: about 52 + 5 N bytes a pixel
+    /// until it is disposed. One thread at a time uses a tool; separate tools are independent.
     /// </summary>
+    /// <remarks>
+    /// All members throw VelostrixException for what is refused, which leaves the tool as it was;
+    /// OutOfMemoryException, after which the tool must be prepared again; and
+    /// ObjectDisposedException.
+    /// </remarks>
     /// <example><code>
     /// using (var tool = new VelostrixTool())
     /// {
@@ -29,277 +135,272 @@ namespace Velostrix
     /// </code></example>
     public sealed class VelostrixTool : IDisposable
     {
-        const int OutputCount = 8;
+        readonly ReconstructorHandle handle;
+        int width, height;  // prepared
 
-        // Positions of the images among the arguments of a run.
-        static readonly VelostrixOutput[] RunArguments =
+        /// <summary>A tool that is not prepared yet.</summary>
+        /// <exception cref="VelostrixException">The native library has another version.</exception>
+        public VelostrixTool()
         {
-            VelostrixOutput.Factor, VelostrixOutput.Curvature, VelostrixOutput.Magnitude,
-            VelostrixOutput.Channel0, VelostrixOutput.Channel1, VelostrixOutput.Channel2,
-            VelostrixOutput.Normal, VelostrixOutput.Height
-        };
-
-        struct Geometry
-        {
-            public int Count, Width, Height;
-            public VelostrixRegion? Region;
-            public double Scale;
+            var message = new byte[Native.LongestMessage];
+            Native.Check(
+                Native.VelostrixCheckVersion(Native.Major, Native.Minor, message), message);
+            Native.Check(Native.VelostrixReconstructorCreate(out handle));
         }
 
-        IntPtr tool;
-        IntPtr results;  // array of OutputCount images
-        Geometry geometry;
-        VelostrixParameters parameters;  // null until prepared
-        int imagesSet;
+        /// <summary>"MAJOR.MINOR.PATCH" of the native library.</summary>
+        public static string LibraryVersion =>
+            Marshal.PtrToStringAnsi(Native.VelostrixLibraryVersion());
 
         /// <summary>
-        /// Brings the tool to `count` images of width x height pixels and to the parameters, and
-        /// forgets images set so far. Allocates only when count, size, region or scale change.
+        /// Threads that the height may use in this process, the caller included; set to 0: one for
+        /// each core (the default). Not while a run is under way. Results do not depend on it.
         /// </summary>
-        /// <exception cref="VelostrixException">An argument is refused; the tool is as it was.</exception>
+        public static int Threads
+        {
+            get => Native.VelostrixThreads();
+            set => Native.Check(Native.VelostrixSetThreads(value));
+        }
+
+        ReconstructorHandle Handle =>
+            handle.IsClosed ? throw new ObjectDisposedException(nameof(VelostrixTool)) : handle;
+
+        void Check(VelostrixStatus status)
+        {
+            if (status == VelostrixStatus.Ok) return;
+            var message = new byte[Native.LongestMessage];
+            if (status != VelostrixStatus.Busy)
+            {
+                Native.VelostrixReconstructorMessage(handle, message);
+            }
+            Native.Check(status, message);
+        }
+
+        static Native.Settings Record(VelostrixParameters parameters) =>
+            (parameters ?? throw new ArgumentNullException(nameof(parameters))).Record();
+
+        static Native.Image Record(VelostrixImage image, string name, Pins pins)
+        {
+            if (image == null) throw new ArgumentNullException(name);
+            if (image.Channels != 1)
+            {
+                throw new VelostrixException(
+                    VelostrixStatus.InvalidArgument,
+                    $"the image has {image.Channels} channels; expected 1");
+            }
+            return new Native.Image
+            {
+                Data = image.Address(pins), RowStride = image.Stride, Width = image.Width,
+                Height = image.Height, SampleBytes = image.SampleBytes
+            };
+        }
+
+        static Native.Image[] Records(IEnumerable<VelostrixImage> images, Pins pins)
+        {
+            if (images == null) throw new ArgumentNullException(nameof(images));
+            var records = new List<Native.Image>();
+            foreach (VelostrixImage image in images) records.Add(Record(image, nameof(images), pins));
+            return records.ToArray();
+        }
+
+        /// <summary>
+        /// Brings the tool to `count` (3 to 8) images of width x height pixels and to the parameters,
+        /// and forgets images and results. Allocates only when count, size, region or scale change.
+        /// </summary>
         public void Prepare(int count, int width, int height, VelostrixParameters parameters)
         {
-            parameters.Check(count, width, height);
-            // Scaling goes by way of a region, which fixes the working size without new buffers.
-            VelostrixRegion? region = parameters.Region;
-            if (region == null && parameters.Scale < 1.0)
-            {
-                region = new VelostrixRegion(0, 0, width, height);
-            }
-            var wanted = new Geometry
-            {
-                Count = count, Width = width, Height = height, Region = region,
-                Scale = parameters.Scale
-            };
-            bool isNew = tool == IntPtr.Zero || !wanted.Equals(geometry);
-            if (isNew)
-            {
-                // Another tool: scaling, once on, is not switched off by later parameters.
-                Free();
-                Native.CreateVelostrixUnCalibrationToolPtr_CPU_csharp(out tool);
-                results = NativeMat.VelostrixMatNewArray(OutputCount);
-                geometry = wanted;
-            }
-            UnCalibrationParam record = parameters.Record(count, width, height);
-            Native.SetVelostrixUnCalibrationToolParam_CPU_csharp(tool, ref record);
-            if (region is VelostrixRegion r)
-            {
-                Native.SetVelostrixUnCalibrationToolROI_CPU_csharp(
-                    tool, r.X, r.Y, r.X + r.Width - 1, r.Y + r.Height - 1);
-            }
-            if (isNew) Native.InitialVelostrixUnCalibrationToolImage_CPU_csharp(tool);
-            Native.ClearVelostrixUnCalibrationToolImage_CPU_csharp(tool);
-            this.parameters = parameters.Clone();
-            imagesSet = 0;
+            Native.Settings settings = Record(parameters);
+            Check(Native.VelostrixReconstructorPrepare(Handle, count, width, height, ref settings));
+            this.width = width;
+            this.height = height;
         }
 
-        /// <summary>Copies the next image into the tool.</summary>
-        /// <param name="pixels">8-bit grey levels, row after row, stride bytes apart.</param>
+        /// <summary>Copies the next image in; the order is that of the lamps.</summary>
+        public void SetImage(VelostrixImage image)
+        {
+            using (var pins = new Pins())
+            {
+                Native.Image record = Record(image, nameof(image), pins);
+                Check(Native.VelostrixReconstructorSetImage(Handle, ref record));
+            }
+        }
+
+        /// <summary>The same for 8-bit grey levels of the prepared size.</summary>
+        /// <param name="pixels">Row after row.</param>
         /// <param name="stride">Bytes from one row to the next; 0 = rows without gaps.</param>
-        /// <exception cref="VelostrixException">
-        /// The tool is not prepared, all images are set, or pixels or stride are too small.
-        /// </exception>
-        /// <exception cref="OutOfMemoryException">The buffers could not be allocated.</exception>
-        public void SetImage(byte[] pixels, int stride = 0)
-        {
-            if (pixels == null) throw new ArgumentNullException(nameof(pixels));
-            GCHandle pin = GCHandle.Alloc(pixels, GCHandleType.Pinned);
-            try
-            {
-                SetPixels(pin.AddrOfPinnedObject(), pixels.Length, stride);
-            }
-            finally
-            {
-                pin.Free();
-            }
-        }
+        public void SetImage(byte[] pixels, int stride = 0) =>
+            SetImage(new VelostrixImage(pixels, width, height, stride));
 
-#if NETCOREAPP
-        /// <summary>The same for pixels anywhere in memory.</summary>
-        public unsafe void SetImage(ReadOnlySpan<byte> pixels, int stride = 0)
-        {
-            fixed (byte* first = pixels) SetPixels((IntPtr)first, pixels.Length, stride);
-        }
-#endif
+        /// <summary>The same for pixels in native memory.</summary>
+        /// <param name="pixels">First pixel of `height` rows; not checked.</param>
+        /// <param name="stride">Bytes from one row to the next; 0 = rows without gaps.</param>
+        /// <param name="sampleBytes">1, or 2 for 16-bit samples.</param>
+        public void SetImage(IntPtr pixels, long stride, int sampleBytes = 1) =>
+            SetImage(new VelostrixImage(pixels, width, height, stride, sampleBytes));
 
-        void SetPixels(IntPtr data, long length, int stride)
-        {
-            NeedRoomForImage();
-            if (stride == 0) stride = geometry.Width;
-            long needed = (long)stride * (geometry.Height - 1) + geometry.Width;
-            if (stride < geometry.Width || length < needed)
-            {
-                throw new VelostrixException(
-                    $"{length} bytes at a stride of {stride} are no image of {geometry.Width} x " +
-                    $"{geometry.Height} pixels; expected {needed} bytes");
-            }
-            var record = new ImageRecord
-            {
-                Data = data, Width = geometry.Width, Height = geometry.Height, RowStride = stride,
-                TypeCode = 1
-            };
-            Stored(Native.SetVelostrixUnCalibrationToolImage_CPU_csharp(tool, ref record));
-        }
+        /// <summary>Forgets the images set so far, to start the part again.</summary>
+        public void ClearImages() => Check(Native.VelostrixReconstructorClearImages(Handle));
 
-        /// <summary>
-        /// Copies the next image into the tool, given the native pointer to a cv::Mat: 8-bit, one
-        /// channel, of the prepared size.
-        /// </summary>
-        /// <exception cref="VelostrixException">It is not such an image, or not its turn.</exception>
-        public void SetImage(IntPtr mat)
-        {
-            NeedRoomForImage();
-            if (!NativeMat.VelostrixMatInspect(mat, out MatInfo info) || info.Type != 0 ||
-                info.Cols != geometry.Width || info.Rows != geometry.Height)
-            {
-                throw new VelostrixException(
-                    "the image is not 8-bit with one channel of " +
-                    $"{geometry.Width} x {geometry.Height} pixels");
-            }
-            Stored(Native.SetVelostrixUnCalibrationToolImage_CPU(tool, mat));
-        }
-
-        /// <summary>Runs on the images that were set.</summary>
-        /// <returns>Copies of the images that were asked for; they live as long as you like.</returns>
-        /// <exception cref="VelostrixException">Images are missing.</exception>
+        /// <summary>Runs on the images, all of which must be set, and forgets them.</summary>
+        /// <returns>Copies of the results; they live as long as you like.</returns>
         public VelostrixResults Run()
         {
-            var mats = new Dictionary<VelostrixOutput, IntPtr>();
-            for (int k = 0; k < OutputCount; ++k)
+            Check(Native.VelostrixReconstructorRun(Handle));
+            return CopyResults();
+        }
+
+        /// <summary>Runs, and copies results to memory of the host.</summary>
+        /// <param name="places">
+        /// A place for each output that is wanted, of the size of the region, or of the images;
+        /// other results are not copied.
+        /// </param>
+        public void RunInto(IEnumerable<KeyValuePair<VelostrixOutput, VelostrixImage>> places)
+        {
+            if (places == null) throw new ArgumentNullException(nameof(places));
+            Check(Native.VelostrixReconstructorRun(Handle));
+            foreach (KeyValuePair<VelostrixOutput, VelostrixImage> place in places)
+            {
+                Check(Native.VelostrixReconstructorResult(Handle, place.Key, out Native.Plane plane));
+                VelostrixImage image = place.Value;
+                if (image == null) throw new ArgumentNullException(nameof(places));
+                string given = Shape(image.Width, image.Height, image.Channels, image.SampleBytes);
+                string made = Shape(plane.Width, plane.Height, plane.Channels, plane.SampleBytes);
+                if (given != made)
+                {
+                    throw new VelostrixException(
+                        VelostrixStatus.InvalidArgument,
+                        $"the place for {place.Key} is {given}; expected {made}");
+                }
+                CopyResult(place.Key, image);
+            }
+        }
+
+        static string Shape(int width, int height, int channels, int sampleBytes) =>
+            $"{width} x {height} pixels of {channels} x {sampleBytes} bytes";
+
+        /// <summary>Does all for one part.</summary>
+        /// <returns>Copies of the results.</returns>
+        public VelostrixResults Reconstruct(
+            IEnumerable<VelostrixImage> images, VelostrixParameters parameters)
+        {
+            Native.Settings settings = Record(parameters);
+            using (var pins = new Pins())
+            {
+                Native.Image[] records = Records(images, pins);
+                Check(Native.VelostrixReconstructorReconstruct(
+                    Handle, records, records.Length, ref settings));
+                width = records[0].Width;
+                height = records[0].Height;
+            }
+            return CopyResults();
+        }
+
+        VelostrixResults CopyResults()
+        {
+            var results = new VelostrixResults();
+            for (int k = 0; k < Native.OutputCount; ++k)
             {
                 var output = (VelostrixOutput)k;
-                if (parameters != null && parameters.Makes(output))
-                {
-                    mats[output] = NativeMat.VelostrixMatAt(results, OutputCount, k);
-                }
+                VelostrixStatus status =
+                    Native.VelostrixReconstructorResult(Handle, output, out Native.Plane plane);
+                if (status == VelostrixStatus.InvalidArgument) continue;  // not made
+                Check(status);
+                var image = new VelostrixImage(plane);
+                CopyResult(output, image);
+                results.Add(output, image);
             }
-            RunInto(mats);
-            var copies = new VelostrixResults(parameters);
-            foreach (KeyValuePair<VelostrixOutput, IntPtr> made in mats)
+            return results;
+        }
+
+        void CopyResult(VelostrixOutput output, VelostrixImage image)
+        {
+            using (var pins = new Pins())
             {
-                copies.Add(made.Key, VelostrixImage.Copy(made.Value));
+                Check(Native.VelostrixReconstructorCopyResult(
+                    Handle, output, image.Address(pins), image.Stride, image.Capacity));
             }
-            return copies;
+        }
+
+        /// <summary>How long the calls of the latest part took.</summary>
+        public VelostrixTimes Times()
+        {
+            var times = new double[3 + Native.MostImages];
+            Check(Native.VelostrixReconstructorTimes(Handle, times));
+            return new VelostrixTimes(times);
         }
 
         /// <summary>
-        /// Runs on the images that were set and writes to native cv::Mat objects of the host: one for
-        /// each output of the parameters, for Normal also those of the channels.
+        /// Returns the parameters with gain and offset of every output that they ask for chosen for
+        /// these images, but for those that were assigned or read from a recipe: values fill grey
+        /// levels 16 to 240 around 128, those of the magnitude 0 to 240.
         /// </summary>
         /// <remarks>
-        /// Without scaling they become headers over the tool's memory (the normal image excepted):
-        /// valid until the next run, Prepare with another geometry, or Dispose. Clone what must live
-        /// longer.
+        /// Does this by pilot runs without height, 2 or 3 as a rule and 8 at most. Choose once for a
+        /// kind of part and keep the parameters: only under equal gains can parts be compared.
+        /// Afterwards Prepare comes next.
         /// </remarks>
-        /// <exception cref="VelostrixException">Images or results are missing.</exception>
-        public void RunInto(IDictionary<VelostrixOutput, IntPtr> mats)
+        public VelostrixParameters ChooseGains(
+            IEnumerable<VelostrixImage> images, VelostrixParameters parameters)
         {
-            NeedPrepared();
-            if (imagesSet != geometry.Count)
+            Native.Settings settings = Record(parameters?.Clone());
+            using (var pins = new Pins())
             {
-                throw new VelostrixException($"{imagesSet} of {geometry.Count} images are set");
+                Native.Image[] records = Records(images, pins);
+                Check(Native.VelostrixReconstructorChooseGains(
+                    Handle, records, records.Length, ref settings));
             }
-            var m = new IntPtr[OutputCount];
-            for (int k = 0; k < OutputCount; ++k)
-            {
-                mats.TryGetValue(RunArguments[k], out m[k]);
-                if (m[k] == IntPtr.Zero && parameters.Makes(RunArguments[k]))
-                {
-                    throw new VelostrixException($"no cv::Mat is given for {RunArguments[k]}");
-                }
-            }
-            if (Call(m) != 1) throw new VelostrixException("the run was refused by the module");
-            imagesSet = 0;
-            GC.KeepAlive(this);
-        }
-
-        int Call(IntPtr[] m)
-        {
-            switch (parameters.Run)
-            {
-                case VelostrixRun.Calibrated:
-                    return Native.RunVelostrixUnCalibration_CPU_csharp_cali(
-                        tool, m[0], m[1], m[2], m[3], m[4], m[5], m[6], m[7]);
-                case VelostrixRun.PartRows:
-                    return Native.RunVelostrixUnCalibration_CPU_partrows_csharp_uncali(
-                        tool, m[0], m[1], m[2], m[3], m[4], m[5], m[6], m[7], parameters.Band);
-                case VelostrixRun.PartCols:
-                    return Native.RunVelostrixUnCalibration_CPU_partcols_csharp_uncali(
-                        tool, m[0], m[1], m[2], m[3], m[4], m[5], m[6], m[7], parameters.Band);
-                default:
-                    return Native.RunVelostrixUnCalibration_CPU_csharp_uncali(
-                        tool, m[0], m[1], m[2], m[3], m[4], m[5], m[6], m[7]);
-            }
+            return new VelostrixParameters(settings);
         }
 
         /// <summary>
-        /// Does all for one part: images of width x height pixels, rows without gaps.
+        /// Measures the region of the images. Of the parameters region, run and bits matter. Leaves
+        /// what is prepared, set and made alone.
         /// </summary>
-        /// <exception cref="VelostrixException">An argument is refused.</exception>
-        public VelostrixResults Reconstruct(
-            IList<byte[]> images, int width, int height, VelostrixParameters parameters)
+        /// <param name="images">3 to 8.</param>
+        /// <param name="parameters">Those of the run.</param>
+        /// <param name="names">Of the images in warnings; null: "image 1" and so on.</param>
+        public VelostrixDiagnostics Diagnose(
+            IEnumerable<VelostrixImage> images, VelostrixParameters parameters,
+            IEnumerable<string> names = null)
         {
-            Prepare(images.Count, width, height, parameters);
-            foreach (byte[] image in images) SetImage(image);
-            return Run();
-        }
-
-        void NeedPrepared()
-        {
-            if (parameters == null)
+            Native.Settings settings = Record(parameters);
+            var diagnostics = new Native.Diagnostics
             {
-                throw new VelostrixException("the tool is not prepared; call Prepare first");
-            }
-        }
-
-        void NeedRoomForImage()
-        {
-            NeedPrepared();
-            if (imagesSet == geometry.Count)
+                StructSize = Marshal.SizeOf(typeof(Native.Diagnostics)),
+                Exposures = new Native.Exposure[Native.MostImages],
+                SingularValues = new double[Native.MostImages]
+            };
+            using (var pins = new Pins())
             {
-                throw new VelostrixException($"all {imagesSet} images are set; Run comes next");
+                Native.Image[] records = Records(images, pins);
+                Check(Native.VelostrixReconstructorDiagnose(
+                    Handle, records, records.Length, ref settings,
+                    NamePointers(names, records.Length, pins), ref diagnostics));
             }
-        }
-
-        void Stored(bool isStored)
-        {
-            GC.KeepAlive(this);
-            if (!isStored)
+            var warnings = new List<string>();
+            var warning = new byte[Native.LongestMessage];
+            for (int k = 0; k < diagnostics.WarningCount; ++k)
             {
-                Free();
-                throw new OutOfMemoryException(
-                    "the working buffers could not be allocated; use a region or a smaller scale");
+                Check(Native.VelostrixReconstructorWarning(Handle, k, warning));
+                warnings.Add(Native.Text(warning));
             }
-            ++imagesSet;
+            return new VelostrixDiagnostics(diagnostics, warnings);
         }
 
-        void Free()
+        static IntPtr[] NamePointers(IEnumerable<string> names, int count, Pins pins)
         {
-            if (results != IntPtr.Zero)
+            if (names == null) return null;
+            var pointers = new List<IntPtr>();
+            foreach (string name in names)
             {
-                Native.DestroyImageArrayCPU_csharp(results);
-                results = IntPtr.Zero;
+                pointers.Add(pins.Pin(Encoding.UTF8.GetBytes(name + '\0')));
             }
-            if (tool != IntPtr.Zero)
-            {
-                Native.ReleaseVelostrixUnCalibrationToolImage_CPU_csharp(tool);
-                Native.DestroyVelostrixUnCalibrationToolPtr_CPU_csharp(tool);
-                tool = IntPtr.Zero;
-            }
-            parameters = null;
+            if (pointers.Count == count) return pointers.ToArray();
+            throw new VelostrixException(
+                VelostrixStatus.InvalidArgument, $"{pointers.Count} names of {count} images");
         }
 
-        /// <summary>Gives all memory back; harmless to repeat.</summary>
-        public void Dispose()
-        {
-            Free();
-            GC.SuppressFinalize(this);
-        }
-
-        /// <summary>Gives the memory back that Dispose was not asked to.</summary>
-        ~VelostrixTool()
-        {
-            Free();
-        }
+        /// <summary>Gives all memory back, once a run of another thread is over.</summary>
+        public void Dispose() => handle.Dispose();
     }
 }

@@ -1,10 +1,13 @@
-// A host in C#. Without arguments: checks what the C# classes add. With FOLDER WIDTH HEIGHT COUNT:
-// reconstructs raw images by every run.
+// A host in C#. Without arguments: checks what the C# classes add. With `memory`: runs out of it. With
+// FOLDER WIDTH HEIGHT COUNT: reconstructs raw images by every run; with RECIPE as well: by the recipe.
 using System;
 using System.Collections.Generic;
+using System.Drawing;
 using System.IO;
 using System.Linq;
+using System.Reflection;
 using System.Runtime.InteropServices;
+using System.Threading.Tasks;
 using Velostrix;
 
 static class CsharpHost
@@ -12,38 +15,52 @@ static class CsharpHost
     const int Width = 80, Height = 60, Count = 4;
     static int failures;
 
-    static readonly VelostrixParameters Tuned = new VelostrixParameters
+    static VelostrixParameters Tuned()
     {
-        Region = new VelostrixRegion(8, 6, 80, 60),
-        Scale = 0.75,
-        Equalise = true,
-        ForwardDifferences = true,
-        BlurRadius = 2,
-        IterationCap = 30,
-        Band = 20,
-        FactorGain = 0.9,
-        Curvature = new OutputScaling(120, 300.5),
-        Magnitude = new OutputScaling(3, 200.25),
-        Channel0 = new OutputScaling(100, 90.0),
-        Channel1 = new OutputScaling(140, -90.0),
-        Channel2 = new OutputScaling(5, 4000.0)
-    };
+        return new VelostrixParameters
+        {
+            Region = new VelostrixRegion(8, 6, 80, 60),
+            Scale = 0.75,
+            Equalise = true,
+            Difference = VelostrixDifference.Forward,
+            BlurRadius = 2,
+            IterationCap = 30,
+            Band = 20,
+            Gains =
+            {
+                [VelostrixOutput.Factor] = 0.9, [VelostrixOutput.Curvature] = 300.5,
+                [VelostrixOutput.Magnitude] = 200.25, [VelostrixOutput.Channel0] = 90,
+                [VelostrixOutput.Channel1] = -90, [VelostrixOutput.Channel2] = 4000
+            },
+            Offsets =
+            {
+                [VelostrixOutput.Curvature] = 120, [VelostrixOutput.Magnitude] = 3,
+                [VelostrixOutput.Channel0] = 100, [VelostrixOutput.Channel1] = 140,
+                [VelostrixOutput.Channel2] = 5
+            }
+        };
+    }
 
-    static void WriteResults(string folder, int width, int height, int count)
+    static void WriteResults(string folder, int width, int height, int count, string recipe)
     {
-        byte[][] images = Enumerable.Range(0, count)
-            .Select(k => File.ReadAllBytes(Path.Combine(folder, $"image{k}.raw"))).ToArray();
-        string[] names = { "uncali", "cali", "partrows", "partcols" };
+        List<VelostrixImage> images = Enumerable.Range(0, count).Select(k => new VelostrixImage(
+            File.ReadAllBytes(Path.Combine(folder, $"image{k}.raw")), width, height)).ToList();
         var tool = new VelostrixTool();
+        if (recipe != null)
+        {
+            VelostrixParameters read = VelostrixParameters.Load(recipe);
+            Write(Path.Combine(folder, "csharp", "recipe"), tool.Reconstruct(images, read));
+            return;
+        }
+        string[] names = { "uncali", "cali", "partrows", "partcols" };
         for (int run = 0; run < names.Length; ++run)
         {
             var plain = new VelostrixParameters { Run = (VelostrixRun)run };
-            plain = AutoGain.Choose(tool, images, width, height, plain);
-            Write(Path.Combine(folder, "csharp", "plain", names[run]),
-                  tool.Reconstruct(images, width, height, plain));
-            Tuned.Run = (VelostrixRun)run;
-            Write(Path.Combine(folder, "csharp", "tuned", names[run]),
-                  tool.Reconstruct(images, width, height, Tuned));
+            plain = tool.ChooseGains(images, plain);
+            Write(Path.Combine(folder, "csharp", "plain", names[run]), tool.Reconstruct(images, plain));
+            VelostrixParameters tuned = Tuned();
+            tuned.Run = (VelostrixRun)run;
+            Write(Path.Combine(folder, "csharp", "tuned", names[run]), tool.Reconstruct(images, tuned));
         }
     }
 
@@ -53,7 +70,7 @@ static class CsharpHost
         foreach (VelostrixOutput output in results.Made)
         {
             VelostrixImage image = results[output];
-            byte[] bytes = output == VelostrixOutput.Height
+            byte[] bytes = image.SampleBytes == 2
                 ? image.Levels().SelectMany(BitConverter.GetBytes).ToArray()
                 : image.Bytes();
             string name = output.ToString().ToLowerInvariant() + ".raw";
@@ -68,18 +85,19 @@ static class CsharpHost
         Console.Error.WriteLine("FAILED: " + what);
     }
 
-    static void ExpectRefusal(string text, Action action)
+    static void ExpectThrows<T>(string text, Action action) where T : Exception
     {
         string said = "nothing";
         try
         {
             action();
         }
-        catch (VelostrixException error)
+        catch (Exception error)
         {
-            said = error.Message;
+            said = $"{error.GetType().Name}: {error.Message}";
+            if (error is T && error.Message.Contains(text)) return;
         }
-        Expect(said.Contains(text), $"'{said}' does not say '{text}'");
+        Expect(false, $"'{said}' is no {typeof(T).Name} that says '{text}'");
     }
 
     static List<byte[]> Noise(int seed)
@@ -94,103 +112,231 @@ static class CsharpHost
         return images;
     }
 
-    static void LayoutsAndEntryPointsAreThoseOfTheModule()
+    static IEnumerable<VelostrixImage> Images(IEnumerable<byte[]> pixels)
     {
-        Expect(Marshal.SizeOf(typeof(UnCalibrationParam)) == 200, "size of UnCalibrationParam");
-        Expect(Marshal.SizeOf(typeof(ImageRecord)) == 32, "size of ImageRecord");
-        Expect(Marshal.SizeOf(typeof(MatInfo)) == 40, "size of MatInfo");
-        foreach (var type in new[] { typeof(Native), typeof(NativeMat) })
+        return pixels.Select(image => new VelostrixImage(image, Width, Height));
+    }
+
+    static void LayoutsAndEntryPointsAreThoseOfTheLibrary()
+    {
+        Type native = typeof(VelostrixTool).Assembly.GetType("Velostrix.Native");
+        int size = native.GetNestedTypes().Sum(record => Marshal.SizeOf(record));
+        Expect(size == 168 + 32 + 32 + 32 + 352, "sizes of the records");
+        foreach (MethodInfo method in native.GetMethods(BindingFlags.Static | BindingFlags.Public))
         {
-            var entries = type.GetMethods().Where(method => method.IsStatic);
-            foreach (var entry in entries) Marshal.Prelink(entry);
+            if ((method.Attributes & MethodAttributes.PinvokeImpl) != 0) Marshal.Prelink(method);
         }
     }
 
-    static void ImagesComeAsBytesOrMatsAndResultsStay()
+    static void ParametersComeAndGoAsRecipes()
+    {
+        VelostrixParameters tuned = Tuned();
+        tuned.Run = VelostrixRun.PartCols;
+        tuned.Outputs = new[] { VelostrixOutput.Normal, VelostrixOutput.Curvature };
+        tuned.Bits = 12;
+        string path = Path.GetTempFileName();
+        tuned.Save(path);
+        VelostrixParameters read = VelostrixParameters.Load(path);
+        Expect(read.ToJson() == tuned.ToJson() && read.Clone().ToJson() == tuned.ToJson(), "recipe");
+        string values = string.Join(" ",
+            read.Run, string.Join("+", read.Outputs), read.Region.Value.X, read.Equalise,
+            read.Difference, read.Bits, read.Gains[VelostrixOutput.Channel1],
+            read.Gains.IsKept(VelostrixOutput.Factor));
+        Expect(values == "PartCols Curvature+Normal 8 True Forward 12 -90 True", values);
+        File.WriteAllText(path, "{\"recipe_version\": 1, \"blür\": 2}");
+        ExpectThrows<VelostrixException>("blür", () => VelostrixParameters.Load(path));
+        ExpectThrows<VelostrixException>(path, () => VelostrixParameters.Load(path));
+        File.Delete(path);
+        Expect(!new VelostrixParameters().Gains.IsKept(VelostrixOutput.Factor), "nothing is kept");
+    }
+
+    static void ImagesOfEveryKindGiveTheSameBytes()
     {
         var curvature = new VelostrixParameters { Outputs = new[] { VelostrixOutput.Curvature } };
         List<byte[]> images = Noise(1);
         var tool = new VelostrixTool();
-        VelostrixResults first = tool.Reconstruct(images, Width, Height, curvature);
+        VelostrixResults first = tool.Reconstruct(Images(images), curvature);
         byte[] expected = (byte[])first[VelostrixOutput.Curvature].Bytes().Clone();
-        ExpectRefusal("Height was not among", () => first[VelostrixOutput.Height].Levels());
+        ExpectThrows<KeyNotFoundException>("Height", () => first[VelostrixOutput.Height].Levels());
 
-        // Scaling comes and goes; images that were set before Prepare are forgotten.
-        var region = new VelostrixRegion(9, 9, 40, 30);
-        var half = new VelostrixParameters { Scale = 0.5, Region = region };
-        VelostrixResults part = tool.Reconstruct(Noise(2), Width, Height, half);
-        Expect(part[VelostrixOutput.Normal].Width == 40, "size of the region");
-        tool.Prepare(Count, Width, Height, curvature);
-        tool.SetImage(images[3]);
-        tool.Prepare(Count, Width, Height, curvature);
-        foreach (byte[] image in images)
+        const int Stride = 96;
+        IntPtr native = Marshal.AllocHGlobal(Stride * Height);
+        var kinds = new Dictionary<string, Action<byte[]>>
         {
-            var rows = Enumerable.Range(0, Height).Select(i => image.Skip(i * Width).Take(Width));
-            tool.SetImage(rows.SelectMany(row => row.Concat(new byte[13])).ToArray(), Width + 13);
+            { "byte[] with a stride", image => tool.SetImage(
+                Enumerable.Range(0, Height).SelectMany(y => image.Skip(y * Width).Take(Width)
+                    .Concat(new byte[Stride - Width])).ToArray(), Stride) },
+            { "ushort[]", image => tool.SetImage(new VelostrixImage(
+                image.Select(level => (ushort)(level * 257)).ToArray(), Width, Height)) },
+            { "IntPtr", image =>
+                {
+                    for (int y = 0; y < Height; ++y)
+                    {
+                        Marshal.Copy(image, y * Width, native + y * Stride, Width);
+                    }
+                    tool.SetImage(native, Stride);
+                } },
+            { "Bitmap", image => tool.SetImage(
+                new VelostrixImage(image, Width, Height).ToBitmap()) }
+        };
+        curvature.Bits = 16;
+        foreach (var kind in kinds)
+        {
+            tool.Prepare(Count, Width, Height, curvature);
+            images.ForEach(kind.Value);
+            Expect(tool.Run()[VelostrixOutput.Curvature].Bytes().SequenceEqual(expected), kind.Key);
         }
-        Expect(tool.Run()[VelostrixOutput.Curvature].Bytes().SequenceEqual(expected), "rows apart");
+        var red = new Bitmap(Width, Height);
+        red.SetPixel(3, 4, Color.Red);
+        ExpectThrows<ArgumentException>("(3, 4) has a colour", () => tool.SetImage(red));
 
-        foreach (byte[] image in images)
+        var places = new Dictionary<VelostrixOutput, VelostrixImage>
         {
-            GCHandle pin = GCHandle.Alloc(image, GCHandleType.Pinned);
-            IntPtr mat = NativeMat.VelostrixMatWrap(pin.AddrOfPinnedObject(), Height, Width, 0, 0);
-            tool.SetImage(mat);
-            NativeMat.VelostrixMatDelete(mat);
-            pin.Free();
-        }
-        var mats = new Dictionary<VelostrixOutput, IntPtr>();
-        ExpectRefusal("no cv::Mat is given for Curvature", () => tool.RunInto(mats));
-        mats[VelostrixOutput.Curvature] = NativeMat.VelostrixMatNew();
-        tool.RunInto(mats);
-        byte[] intoMat = VelostrixImage.Copy(mats[VelostrixOutput.Curvature]).Bytes();
-        Expect(intoMat.SequenceEqual(expected), "cv::Mat pointers");
-        NativeMat.VelostrixMatDelete(mats[VelostrixOutput.Curvature]);
-        tool.Dispose();
+            { VelostrixOutput.Curvature, new VelostrixImage(native, Width, Height, Stride) }
+        };
+        images.ForEach(image => tool.SetImage(image));
+        tool.RunInto(places);
+        var row = new byte[Width];
+        Marshal.Copy(native + 7 * Stride, row, 0, Width);
+        Expect(row.SequenceEqual(expected.Skip(7 * Width).Take(Width)), "place in native memory");
+        Expect(tool.Times().Run > 0 && tool.Times().Images[Count - 1] > 0, "times");
+        places[VelostrixOutput.Curvature] = new VelostrixImage(native, Width, Height - 1, Stride);
+        images.ForEach(image => tool.SetImage(image));
+        ExpectThrows<VelostrixException>("expected 80 x 60", () => tool.RunInto(places));
         tool.Dispose();
         Expect(first[VelostrixOutput.Curvature].Bytes().SequenceEqual(expected), "results stay");
-        ExpectRefusal("call Prepare", () => tool.Run());
+        Marshal.FreeHGlobal(native);
     }
 
-    static void WhatCannotBeDoneIsRefused()
+    static void DiagnosticsNameTheImages()
     {
-        byte[] image = Noise(1)[0];
-        var tool = new VelostrixTool();
-        Action<VelostrixParameters> prepare = p => tool.Prepare(Count, Width, Height, p);
-        var outside = new VelostrixRegion(1, 0, Width, Height);
-        ExpectRefusal("call Prepare", () => tool.Run());
-        ExpectRefusal("call Prepare", () => tool.SetImage(image));
-        ExpectRefusal("9 images", () => tool.Prepare(9, Width, Height, new VelostrixParameters()));
-        ExpectRefusal("at least 3 x 2", () => tool.Prepare(4, 2, 2, new VelostrixParameters()));
-        ExpectRefusal("region", () => prepare(new VelostrixParameters { Region = outside }));
-        ExpectRefusal("scale", () => prepare(new VelostrixParameters { Scale = double.NaN }));
-        ExpectRefusal("blur", () => prepare(new VelostrixParameters { BlurRadius = 32768 }));
-        ExpectRefusal("finite", () => prepare(new VelostrixParameters { FactorGain = 1.0 / 0.0 }));
-        ExpectRefusal("run 7", () => prepare(new VelostrixParameters { Run = (VelostrixRun)7 }));
+        List<byte[]> images = Noise(3);
+        images[1] = images[0];
+        images[2] = new byte[Width * Height];
+        var cali = new VelostrixParameters { Run = VelostrixRun.Calibrated };
+        VelostrixDiagnostics found = new VelostrixTool().Diagnose(
+            Images(images), cali, new[] { "lamp west", "lampe ümlaut", "c", "d" });
+        Expect(found.Exposures.Count == Count && found.SingularValues.Count == Count, "counts");
+        Expect(found.Exposures[1].EqualTo == 0 && found.Exposures[0].EqualTo == null, "equal");
+        Expect(found.Exposures[2].IsDead && found.Exposures[2].BlackShare == 1.0, "dead");
+        Expect(found.SingularValues[0] == 1.0, "singular values");
+        Expect(found.Warnings.Any(text => text.Contains("lampe ümlaut")), "warning");
+        found = new VelostrixTool().Diagnose(Images(Noise(4)), cali);
+        Expect(found.UnexplainedByRing >= found.UnexplainedByAny, "shares that are not explained");
+    }
 
-        prepare(new VelostrixParameters());
-        IntPtr words = NativeMat.VelostrixMatNewSized(Height, Width, 2);
-        ExpectRefusal("expected 4800 bytes", () => tool.SetImage(new byte[4799]));
-        ExpectRefusal("stride of 79", () => tool.SetImage(image, 79));
-        ExpectRefusal("not 8-bit", () => tool.SetImage(words));
-        ExpectRefusal("not 8-bit", () => tool.SetImage(IntPtr.Zero));
-        ExpectRefusal("0 of 4", () => tool.Run());
-        NativeMat.VelostrixMatDelete(words);
+    static void WhatCannotBeDoneThrows()
+    {
+        byte[] pixels = Noise(1)[0];
+        var image = new VelostrixImage(pixels, Width, Height);
+        var parameters = new VelostrixParameters();
+        var tool = new VelostrixTool();
+        ExpectThrows<VelostrixException>("prepare", () => tool.Run());
+        ExpectThrows<VelostrixException>("9", () => parameters.Check(9, Width, Height));
+        ExpectThrows<VelostrixException>("", () => tool.Reconstruct(Images(Noise(1).Take(0)), parameters));
+        tool.Prepare(Count, Width, Height, parameters);
+        ExpectThrows<VelostrixException>("expected 4800 bytes", () => tool.SetImage(new byte[4799]));
+        ExpectThrows<VelostrixException>("", () => tool.SetImage(pixels, -80));
+        ExpectThrows<VelostrixException>("1 names of 3", () => tool.Diagnose(
+            new[] { image, image, image }, parameters, new[] { "a" }));
+
+        Action[] nulls =
+        {
+            () => tool.SetImage((byte[])null), () => tool.SetImage((VelostrixImage)null),
+            () => tool.SetImage((Bitmap)null), () => tool.SetImage(IntPtr.Zero, 80),
+            () => tool.Prepare(Count, Width, Height, null), () => tool.RunInto(null),
+            () => tool.Reconstruct(null, parameters), () => tool.ChooseGains(new[] { image }, null),
+            () => tool.Diagnose(new VelostrixImage[] { null }, parameters),
+            () => parameters.Outputs = null, () => VelostrixParameters.FromJson(null)
+        };
+        foreach (Action action in nulls) ExpectThrows<ArgumentNullException>("", action);
+
         for (int k = 0; k < Count; ++k) tool.SetImage(image);
-        ExpectRefusal("all 4", () => tool.SetImage(image));
-        ExpectRefusal("call Levels", () => tool.Run()[VelostrixOutput.Height].Bytes());
+        ExpectThrows<InvalidOperationException>(
+            "call Levels", () => tool.Run()[VelostrixOutput.Height].Bytes());
+
+        // Disposed under a run, perhaps: the memory lives until the run is over.
+        for (int k = 0; k < Count; ++k) tool.SetImage(image);
+        Task run = Task.Run(() => tool.Run());
+        tool.Dispose();
+        ((IAsyncResult)run).AsyncWaitHandle.WaitOne();
+        Expect(run.Exception?.InnerException is ObjectDisposedException || !run.IsFaulted, "a run");
+        tool.Dispose();
+        Action[] disposed =
+        {
+            () => tool.Run(), () => tool.SetImage(image), () => tool.ClearImages(),
+            () => tool.Prepare(Count, Width, Height, parameters), () => tool.Times()
+        };
+        foreach (Action action in disposed) ExpectThrows<ObjectDisposedException>("", action);
+    }
+
+    [StructLayout(LayoutKind.Sequential)]
+    struct Limit
+    {
+        public ulong Soft, Hard;
+    }
+
+    [DllImport("libc", SetLastError = true)]
+    static extern int setrlimit(int resource, ref Limit limit);
+
+    // The address space may grow by this many MiB; null: without a limit.
+    static void LimitGrowth(ulong? mebibytes)
+    {
+        const int AddressSpace = 9;
+        ulong pages = ulong.Parse(File.ReadAllText("/proc/self/statm").Split(' ')[0]);
+        ulong soft = pages * (ulong)Environment.SystemPageSize + (mebibytes << 20) ?? ulong.MaxValue;
+        var limit = new Limit { Soft = soft, Hard = ulong.MaxValue };
+        Expect(setrlimit(AddressSpace, ref limit) == 0, "setrlimit");
+    }
+
+    // What is missing is first the working buffers, then the run's own memory, then the results'.
+    static void MemoryThatIsMissingIsAnException()
+    {
+        const int Side = 2000;
+        var pixels = new byte[Side * Side];
+        new Random(5).NextBytes(pixels);
+        var images = Enumerable.Repeat(new VelostrixImage(pixels, Side, Side), Count).ToList();
+        var parameters = new VelostrixParameters { IterationCap = 2 };
+        var reasons = new HashSet<string>();
+        for (ulong mebibytes = 16;; mebibytes += 16)
+        {
+            var tool = new VelostrixTool();
+            tool.Reconstruct(images, Tuned());  // what is loaded and compiled on first use
+            LimitGrowth(mebibytes);
+            bool isEnough = true;
+            try
+            {
+                tool.Reconstruct(images, parameters);
+            }
+            catch (OutOfMemoryException error)
+            {
+                isEnough = false;
+                reasons.Add(error.Message);
+            }
+            LimitGrowth(null);
+            Expect(tool.Reconstruct(images, Tuned())[VelostrixOutput.Height].Width == 80,
+                   $"a run after one with {mebibytes} MiB");
+            tool.Dispose();
+            if (isEnough) break;
+        }
+        Expect(reasons.Count >= 2, string.Join("; ", reasons));
     }
 
     static int Main(string[] arguments)
     {
-        if (arguments.Length == 4)
+        if (arguments.Length >= 4)
         {
             WriteResults(arguments[0], int.Parse(arguments[1]), int.Parse(arguments[2]),
-                         int.Parse(arguments[3]));
+                         int.Parse(arguments[3]), arguments.Skip(4).FirstOrDefault());
             return 0;
         }
-        LayoutsAndEntryPointsAreThoseOfTheModule();
-        ImagesComeAsBytesOrMatsAndResultsStay();
-        WhatCannotBeDoneIsRefused();
+        Action[] checks =
+        {
+            LayoutsAndEntryPointsAreThoseOfTheLibrary, ParametersComeAndGoAsRecipes,
+            ImagesOfEveryKindGiveTheSameBytes, DiagnosticsNameTheImages, WhatCannotBeDoneThrows
+        };
+        if (arguments.Length == 1) checks = new Action[] { MemoryThatIsMissingIsAnException };
+        foreach (Action check in checks) check();
         return failures == 0 ? 0 : 1;
     }
 }

@@ -116,6 +116,8 @@ TEST_F(SameBytes, CommandLineAndPythonByItsRecipes) {
     Run(VELOSTRIX_CLI " reconstruct --quiet image?.png --out cli/" + name + " --run " +
         name.substr(6) + (is_tuned ? kTunedArguments : ""));
     ExpectFiles("cli/" + name, results, ".png");
+    Run(VELOSTRIX_MONO " " VELOSTRIX_CSHARP_HOST " . 96 72 4 cli/" + name + "/run.json");
+    ExpectFiles("csharp/recipe", results, ".raw");
   }
   // Chooses its own gains, and takes the rest from the recipes of the command line.
   Run(VELOSTRIX_PYTHON " " VELOSTRIX_TEST_FOLDER "/same_bytes_host.py . 96 72 4");
