@@ -108,7 +108,9 @@ class ConjugateGradients {
   static int Threads(const HeightProblem& problem) {
     // Below, a thread has begun when the solve ends.
     constexpr int64_t kSmallestShared = 30000;
-    return problem.rows * problem.cols < kSmallestShared ? 1 : cv::getNumThreads();
+    if (problem.rows * problem.cols < kSmallestShared) return 1;
+    const int64_t bands = (problem.rows + kBandRows - 1) / kBandRows;
+    return static_cast<int>(std::min<int64_t>(bands, cv::getNumThreads()));
   }
 
   // Calls work(first_row, end_row) for every band.

@@ -10,7 +10,7 @@
 #include "pipeline/run.h"
 
 #include <algorithm>
-#include <iterator>
+#include <memory>
 #include <opencv2/imgproc.hpp>
 #include <vector>
 
