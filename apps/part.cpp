@@ -1,0 +1,145 @@
+// One part on its way from image files to pictures of its relief, in steps that commands combine.
+#include "apps/part.h"
+
+#include <filesystem>
+#include <sstream>
+#include <system_error>
+#include <utility>
+
+#include "apps/commands.h"
+#include "apps/input_images.h"
+#include "velostrix/diagnostics.hpp"
+#include "velostrix/recipe.hpp"
+
+namespace velostrix::cli {
+namespace {
+
+std::string Format(double value) {
+  std::ostringstream text;
+  text.precision(3);
+  text << value;
+  return text.str();
+}
+
+double MillisecondsSince(int64_t start) {
+  return static_cast<double>(cv::getTickCount() - start) / cv::getTickFrequency() * 1000.0;
+}
+
+}  // namespace
+
+std::vector<std::string> PartFiles(std::vector<std::string> files, bool split_channels) {
+  const std::string given = files.empty() ? "" : files.front();
+  std::error_code ignored;  // what cannot be looked at is refused as a file
+  const bool is_folder = files.size() == 1 && std::filesystem::is_directory(given, ignored);
+  if (is_folder) files = ImagesIn(given);
+  const size_t count = files.size();
+  const bool is_enough = split_channels
+                             ? count == 1
+                             : count >= VELOSTRIX_FEWEST_IMAGES && count <= VELOSTRIX_MOST_IMAGES;
+  if (is_enough) return files;
+  std::string reason;
+  for (const std::string& file : files) {
+    if (reason.empty()) reason = WhyUnreadable(file);
+  }
+  if (is_folder) reason = "in the folder " + given;
+  throw UsageError(
+      "IMAGE: " + std::to_string(count) + (count == 1 ? " file given" : " files given") +
+      (reason.empty() ? "" : " (" + reason + ")") + "; expected " +
+      (split_channels ? "1 colour file with --split-channels" : "3 to 8 of one scene"));
+}
+
+OutputPlan PlanOutputs(const Part& part) {
+  OutputPlan plan = {part.out, {}, {}, kRecordName, part.files};
+  const OutputSet& outputs = part.record.recipe.parameters.outputs;
+  for (const Output output : kAllOutputs) {
+    (outputs.Contains(output) ? plan.made : plan.others).push_back(FileName(output));
+  }
+  plan.made.emplace_back(kRecordName);
+  return plan;
+}
+
+void LoadImages(Part& part) {
+  const int64_t start = cv::getTickCount();
+  RunRecord& record = part.record;
+  record.inputs = part.split_channels ? LoadChannels(part.files.front(), record.recipe.bits)
+                                      : LoadImages(part.files, record.recipe.bits);
+  RequireOneSize(record.inputs);
+  record.load_ms = MillisecondsSince(start);
+}
+
+std::vector<cv::Mat> Images(const Part& part) {
+  std::vector<cv::Mat> images;
+  for (const InputImage& input : part.record.inputs) images.push_back(input.pixels);
+  return images;
+}
+
+void DiagnoseImages(Part& part) {
+  std::vector<std::string> names;
+  for (const InputImage& input : part.record.inputs) names.push_back(input.file);
+  part.record.diagnostics = Diagnose(Images(part), part.record.recipe.parameters, names);
+}
+
+void SayDiagnostics(const Part& part, Console& console) {
+  const std::vector<InputImage>& inputs = part.record.inputs;
+  const Diagnostics& diagnostics = part.record.diagnostics;
+  for (size_t k = 0; k < inputs.size(); ++k) {
+    const VelostrixExposure& exposure = diagnostics.exposures[k];
+    const std::string& note = inputs[k].note;
+    console.Note(inputs[k].file + ": " + Format(100.0 * exposure.saturated_share) +
+                 " % saturated, " + Format(100.0 * exposure.black_share) + " % black" +
+                 (note.empty() ? "" : "; ") + note);
+  }
+  std::string values;
+  for (size_t k = 0; k < inputs.size(); ++k) values += ' ' + Format(diagnostics.singular_values[k]);
+  console.Note("difference of the lamps (relative singular values):" + values);
+  if (diagnostics.unexplained_by_ring >= 0.0) {
+    console.Note("not explained by the lamps of the ring: " +
+                 Format(100.0 * diagnostics.unexplained_by_ring) +
+                 " %, by any lamps: " + Format(100.0 * diagnostics.unexplained_by_any) + " %");
+  } else if (part.record.recipe.parameters.run == Run::kCalibrated) {
+    console.Note("whether the lamps are those of the ring cannot be told from these images");
+  }
+  for (const std::string& warning : diagnostics.warnings) console.Warn(warning);
+}
+
+void ChooseGains(Tool& tool, Part& part) {
+  const int64_t start = cv::getTickCount();
+  RunRecord& record = part.record;
+  const OutputSet given = record.recipe.kept_gains;
+  record.recipe = ChooseGains(tool, Images(part), record.recipe);
+  for (const Output output : kAllOutputs) {
+    const bool is_chosen = record.recipe.kept_gains.Contains(output) && !given.Contains(output);
+    if (is_chosen) record.chosen.Add(output);
+  }
+  record.choose_gains_ms = MillisecondsSince(start);
+}
+
+void SayGains(const Part& part, Console& console) {
+  const Parameters& parameters = part.record.recipe.parameters;
+  std::string used;
+  for (const Output output : kAllOutputs) {
+    const OutputScaling* const scaling = Scaling(parameters, output);
+    if (scaling == nullptr || !parameters.outputs.Contains(output)) continue;
+    used += std::string(used.empty() ? "" : ", ") + Name(output) + ' ' + Format(scaling->gain) +
+            " + " + std::to_string(scaling->offset);
+  }
+  if (!used.empty()) console.Note("gains and offsets: " + used);
+}
+
+Results RunPart(Tool& tool, Part& part) {
+  part.record.threads = cv::getNumThreads();
+  Results results = tool.ReconstructViews(Images(part), part.record.recipe.parameters);
+  part.record.calls = tool.times();
+  return results;
+}
+
+void WriteResults(const Part& part, const Results& results, OutputFiles& files) {
+  const OutputSet& outputs = part.record.recipe.parameters.outputs;
+  for (const Output output : kAllOutputs) {
+    if (outputs.Contains(output)) files.AddImage(FileName(output), results[output]);
+  }
+  files.AddText(kRecordName, ToJson(part.record));
+  files.Commit();
+}
+
+}  // namespace velostrix::cli

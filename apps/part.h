@@ -1,0 +1,57 @@
+// One part on its way from image files to pictures of its relief, in steps that commands combine.
+#pragma once
+
+#include <opencv2/core.hpp>
+#include <string>
+#include <vector>
+
+#include "apps/console.h"
+#include "apps/output_files.h"
+#include "apps/run_record.h"
+#include "velostrix/tool.hpp"
+
+namespace velostrix::cli {
+
+struct Part {
+  std::vector<std::string> files;  // an image each
+  bool split_channels = false;     // one colour file, whose channels are the images
+  std::string out;                 // the folder of the results
+  RunRecord record;                // the recipe, and what each step adds
+};
+
+// The files to read: those given, or those of the one folder that is given. UsageError if they are
+// not as many as a run takes.
+std::vector<std::string> PartFiles(std::vector<std::string> given, bool split_channels);
+
+// What is to be written and must not be touched.
+OutputPlan PlanOutputs(const Part& part);
+
+// The steps, in their order. Each throws Failure, Error or OutOfMemory, which name what is wrong.
+
+// Reads the files; finds the bits of the recipe where they are not given.
+void LoadImages(Part& part);
+
+// The images of the part that is loaded, as a tool takes them.
+std::vector<cv::Mat> Images(const Part& part);
+
+// Whether the images are fit for reconstruction.
+void DiagnoseImages(Part& part);
+
+// Says what was found in the images.
+void SayDiagnostics(const Part& part, Console& console);
+
+// Chooses the gains that are not given, which are kept in the recipe from here on.
+void ChooseGains(Tool& tool, Part& part);
+
+// Says which gains and offsets are used.
+void SayGains(const Part& part, Console& console);
+
+// The results live as long as those of Tool::ReconstructViews. The height uses OpenCV's number of
+// threads.
+Results RunPart(Tool& tool, Part& part);
+
+// Encodes the results and the record into files that were planned for the part, and puts them in
+// place.
+void WriteResults(const Part& part, const Results& results, OutputFiles& files);
+
+}  // namespace velostrix::cli
