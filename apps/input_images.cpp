@@ -16,7 +16,10 @@
 #include <sstream>
 #include <system_error>
 
+#include "apps/bayer.h"
 #include "apps/commands.h"
+#include "apps/exif_orientation.h"
+#include "apps/parallel.h"
 #include "apps/stderr_capture.h"
 #include "velostrix/tool.hpp"
 
@@ -34,9 +37,14 @@ std::string SizeText(const cv::Mat& image) {
 // Appends to a note.
 void Add(std::string& note, const std::string& text) { note += (note.empty() ? "" : ", ") + text; }
 
+// Of any depth, in grey or colour, and turned as EXIF says.
+cv::Mat Decode(const std::vector<char>& bytes) {
+  return cv::imdecode(bytes, cv::IMREAD_ANYDEPTH | cv::IMREAD_ANYCOLOR);
+}
+
 cv::Mat DecodeBytes(const std::vector<char>& bytes, const std::string& file, std::string* remark) {
   cv::Mat image;
-  *remark = CodeQuietly([&] { image = cv::imdecode(bytes, cv::IMREAD_UNCHANGED); });
+  *remark = CodeQuietly([&] { image = Decode(bytes); });
   if (image.empty()) {
     throw Failure(file + ": cannot be decoded" + (remark->empty() ? "" : " (" + *remark + ")") +
                   kExpected);
@@ -55,14 +63,57 @@ std::string Sha256(const std::vector<char>& bytes) {
   return {text.begin(), text.end()};
 }
 
-std::vector<InputImage> Decode(const std::vector<std::string>& files) {
-  std::vector<InputImage> images;
-  for (const std::string& file : files) {
-    const std::vector<char> bytes = ReadBytes(file, kExpected);
-    InputImage& image = images.emplace_back(InputImage{file, Sha256(bytes), {}, {}});
-    image.pixels = DecodeBytes(bytes, file, &image.note);
+std::vector<InputImage> DecodeFiles(const std::vector<std::string>& files) {
+  std::vector<std::vector<char>> bytes;
+  for (const std::string& file : files) bytes.push_back(ReadBytes(file, kExpected));
+  std::vector<InputImage> images(files.size());
+  const std::string said = CodeQuietly([&] {
+    InParallel(files.size(), [&](size_t k) {
+      images[k] = {files[k], Sha256(bytes[k]), ExifOrientation(bytes[k]), {}, Decode(bytes[k]), {}};
+    });
+  });
+  const bool all_are_well =
+      said.empty() && std::none_of(images.begin(), images.end(),
+                                   [](const InputImage& image) { return image.pixels.empty(); });
+  for (size_t k = 0; k < files.size() && !all_are_well; ++k) {  // which one is it?
+    images[k].pixels = DecodeBytes(bytes[k], files[k], &images[k].note);
   }
   return images;
+}
+
+// A camera that was held still, but turned its images by how it believed to be held.
+void RequireOneOrientation(const std::vector<InputImage>& images) {
+  const InputImage& first = images.front();
+  for (const InputImage& image : images) {
+    if (image.orientation == first.orientation) continue;
+    const auto text = [](int orientation) {
+      return "EXIF orientation " + std::to_string(orientation);
+    };
+    throw Failure(image.file + ": has " + text(image.orientation) + ", but " + first.file +
+                  " has " + std::to_string(first.orientation) +
+                  "; give all files the one that is right, or remove it from all");
+  }
+}
+
+// Raw frames in grey or colour, where the pattern of their sensor is given; else a warning.
+void ConvertBayer(std::vector<InputImage>& images, const std::string& pattern, bool in_colour) {
+  size_t recognised = 0;
+  for (InputImage& image : images) {
+    const bool is_grey = image.pixels.channels() == 1;
+    if (pattern.empty()) {
+      if (is_grey && image.pixels.depth() <= CV_16U && IsBayerFrame(image.pixels)) ++recognised;
+      continue;
+    }
+    if (!is_grey) {
+      throw Failure(image.file + ": a colour image; --bayer expects raw frames in grey files");
+    }
+    Add(image.note, "Bayer frame (" + pattern + ") converted");
+    image.pixels = Demosaic(image.pixels, pattern, in_colour);
+  }
+  if (recognised == 0) return;
+  images.front().warning = std::to_string(recognised) + " of " + std::to_string(images.size()) +
+                           " files: look like raw frames of a colour sensor, whose filters show as "
+                           "a checkerboard; give its pattern, as in --bayer rggb";
 }
 
 // To 8 bits a sample, by one scale for all images.
@@ -160,27 +211,32 @@ std::vector<std::string> ImagesIn(const std::string& folder) {
   return files;
 }
 
-std::vector<InputImage> LoadImages(const std::vector<std::string>& files, int& bits) {
-  std::vector<InputImage> images = Decode(files);
+std::vector<InputImage> LoadImages(const std::vector<std::string>& files, const std::string& bayer,
+                                   int& bits) {
+  std::vector<InputImage> images = DecodeFiles(files);
+  RequireOneOrientation(images);
+  ConvertBayer(images, bayer, false);
   ReduceDepth(images, bits);
   for (InputImage& image : images) image.pixels = Grey(image.pixels, image.note);
   return images;
 }
 
-std::vector<InputImage> LoadChannels(const std::string& file, int& bits) {
-  std::vector<InputImage> decoded = Decode({file});
+std::vector<InputImage> LoadChannels(const std::string& file, const std::string& bayer, int& bits) {
+  std::vector<InputImage> decoded = DecodeFiles({file});
+  if (!bayer.empty()) ConvertBayer(decoded, bayer, true);
   ReduceDepth(decoded, bits);
-  const auto& [name, hash, note, image] = decoded.front();
-  if (image.channels() < 3) {
+  const InputImage& colour = decoded.front();
+  if (colour.pixels.channels() < 3) {
     throw Failure(file + ": one channel; expected a colour image, whose channels are three lamps");
   }
   constexpr std::array<const char*, 3> kNames = {"red", "green", "blue"};
-  std::vector<InputImage> images(3);
+  std::vector<InputImage> images(3, colour);
   for (int k = 0; k < 3; ++k) {
     const auto at = static_cast<size_t>(k);
-    images[at] = {name, hash, note, {}};
     Add(images[at].note, std::string(kNames[at]) + " channel");
-    cv::extractChannel(image, images[at].pixels, 2 - k);  // OpenCV keeps blue, green, red
+    cv::Mat channel;  // of its own: all three share the colour image
+    cv::extractChannel(colour.pixels, channel, 2 - k);  // OpenCV keeps blue, green, red
+    images[at].pixels = channel;
   }
   return images;
 }

@@ -20,24 +20,28 @@ std::vector<char> ReadBytes(const std::string& file, const std::string& expected
 // Why the path cannot be an image file, and what to give; empty when it may be one.
 std::string WhyUnreadable(const std::string& file);
 
-// The pixels of a PNG, BMP, TIFF or JPEG file as they stand. Failure names the file and what is
-// wrong with it.
+// The pixels of a PNG, BMP, TIFF or JPEG file, turned as EXIF says. Failure names the file and what
+// is wrong with it.
 cv::Mat DecodeFile(const std::string& file);
 
 struct InputImage {
   std::string file;
-  std::string sha256;  // of the file
-  std::string note;    // how the pixels were converted; empty if they were not
-  cv::Mat pixels;      // CV_8UC1
+  std::string sha256;   // of the file
+  int orientation = 1;  // as EXIF numbers it; the pixels are turned by it
+  std::string note;     // how the pixels were converted; empty if they were not
+  cv::Mat pixels;       // CV_8UC1
+  std::string warning;  // of this file or of all; empty as a rule
 };
 
-// Reads the files and converts colour and 16-bit pixels to 8-bit grey. Of 16-bit samples, `bits`
-// are in use, in all files alike; 0 stands for as many as the largest sample needs, and becomes
-// their number.
-std::vector<InputImage> LoadImages(const std::vector<std::string>& files, int& bits);
+// Reads the files and converts colour and 16-bit pixels to 8-bit grey, raw frames of a colour
+// sensor by the pattern of its filters when it is given. Of 16-bit samples, `bits` are in use, in
+// all files alike; 0 stands for as many as the largest sample needs, and becomes their number.
+// Failure also for images that EXIF turns differently.
+std::vector<InputImage> LoadImages(const std::vector<std::string>& files, const std::string& bayer,
+                                   int& bits);
 
-// Reads one colour file as three images: its red, green and blue channel. Bits as above.
-std::vector<InputImage> LoadChannels(const std::string& file, int& bits);
+// Reads one colour file as three images: its red, green and blue channel. The rest as above.
+std::vector<InputImage> LoadChannels(const std::string& file, const std::string& bayer, int& bits);
 
 // Failure if the images differ in size.
 void RequireOneSize(const std::vector<InputImage>& images);

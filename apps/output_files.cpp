@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -13,6 +14,7 @@
 
 #include "apps/commands.h"
 #include "apps/drafts.h"
+#include "apps/parallel.h"
 #include "apps/stderr_capture.h"
 
 namespace velostrix::cli {
@@ -50,6 +52,27 @@ void RequireWritable(fs::path folder) {
   if (access(folder.c_str(), W_OK | X_OK) != 0) {
     throw Failure(folder.string() + ": cannot be written to: " + std::strerror(errno));
   }
+}
+
+bool IsPng(const std::string& name) { return fs::path(name).extension() == ".png"; }
+
+// By OpenCV.
+std::vector<uint8_t> Encode(const std::string& name, const cv::Mat& image) {
+  // What OpenCV does with three channels of float, unless told otherwise, loses signs.
+  constexpr int kDeflate = 8;
+  const std::vector<int> lossless = {cv::IMWRITE_TIFF_COMPRESSION, kDeflate};
+  // Room for what cannot be compressed, with strips of one row: the encoder's stream grows by
+  // itself, and where it fails to, the TIFF library's own clean-up writes again and ends the
+  // program.
+  const size_t pixels = image.total() * image.elemSize();
+  std::vector<uint8_t> bytes;
+  bytes.reserve(pixels + pixels / 8 + 64 * static_cast<size_t>(image.rows) + (size_t{1} << 16));
+  bool is_done = false;
+  const std::string said = CodeQuietly(
+      [&] { is_done = cv::imencode(fs::path(name).extension().string(), image, bytes, lossless); });
+  if (!is_done) throw Failure(name + ": cannot be encoded (" + said + "); is memory short?");
+  bytes.shrink_to_fit();
+  return bytes;
 }
 
 }  // namespace
@@ -96,32 +119,32 @@ std::vector<fs::path> OutputFiles::CheckPlaces() const {
   return outdated;
 }
 
-void OutputFiles::AddImage(const std::string& name, const cv::Mat& image) {
-  // What OpenCV does with three channels of float, unless told otherwise, loses signs.
-  constexpr int kDeflate = 8;
-  const std::vector<int> lossless = {cv::IMWRITE_TIFF_COMPRESSION, kDeflate};
-  // Room for what cannot be compressed, with strips of one row: the encoder's stream grows by
-  // itself, and where it fails to, the TIFF library's own clean-up writes again and ends the
-  // program.
-  const size_t pixels = image.total() * image.elemSize();
-  std::vector<uint8_t> bytes;
-  bytes.reserve(pixels + pixels / 8 + 64 * static_cast<size_t>(image.rows) + (size_t{1} << 16));
-  bool is_done = false;
-  const std::string said = CodeQuietly(
-      [&] { is_done = cv::imencode(fs::path(name).extension().string(), image, bytes, lossless); });
-  if (!is_done) throw Failure(name + ": cannot be encoded (" + said + "); is memory short?");
-  bytes.shrink_to_fit();
-  files_.emplace_back(name, std::move(bytes));
+void OutputFiles::AddImages(const std::vector<std::pair<std::string, cv::Mat>>& images) {
+  const size_t first = files_.size();
+  std::vector<size_t> order;  // the largest first, so that the cores end together
+  for (const auto& [name, image] : images) {
+    if (IsPng(name)) order.push_back(files_.size() - first);
+    files_.emplace_back(name, std::vector<uint8_t>());
+    if (!IsPng(name)) files_.back().second = Encode(name, image);
+  }
+  const auto bytes = [&](size_t k) {
+    return images[k].second.total() * images[k].second.elemSize();
+  };
+  std::stable_sort(order.begin(), order.end(),
+                   [&](size_t a, size_t b) { return bytes(a) > bytes(b); });
+  InParallel(order.size(), [&](size_t k) {
+    files_[first + order[k]].second = EncodePng(images[order[k]].second, plan_.compression);
+  });
 }
 
 void OutputFiles::AddText(const std::string& name, const std::string& text) {
   files_.emplace_back(name, std::vector<uint8_t>(text.begin(), text.end()));
 }
 
-void OutputFiles::Commit() {
+void OutputFiles::Commit(const std::function<std::string()>& record) {
   const SignalHold signals;
   Drafts drafts;
-  for (const auto& [name, bytes] : files_) {
+  const auto write = [&](const std::string& name, const std::vector<uint8_t>& bytes) {
     const fs::path place = plan_.folder / name;
     std::error_code error;
     if (place.has_parent_path()) fs::create_directories(place.parent_path(), error);
@@ -129,6 +152,11 @@ void OutputFiles::Commit() {
       throw Failure(place.parent_path().string() + ": cannot be made a folder: " + error.message());
     }
     drafts.Write(place, bytes);
+  };
+  for (const auto& [name, bytes] : files_) write(name, bytes);
+  if (record) {
+    const std::string text = record();
+    write(plan_.record, {text.begin(), text.end()});
   }
   const Descriptor lock = LockFolder(plan_.folder);
   std::vector<fs::path> outdated = CheckPlaces();

@@ -2,10 +2,13 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <opencv2/core.hpp>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "apps/png_encoder.h"
 
 namespace velostrix::cli {
 
@@ -18,7 +21,8 @@ struct OutputPlan {
   // already is replaced, and one of `others` removed, only where an earlier record lists it. Empty:
   // files that are there are replaced.
   std::string record;
-  std::vector<std::string> inputs;  // never replaced
+  std::vector<std::string> inputs;      // never replaced
+  int compression = kUsualCompression;  // of PNG files
 };
 
 // Files are encoded as they are added and appear in the folder on Commit, in that order; a reader
@@ -29,11 +33,14 @@ class OutputFiles {
   // Failure when the plan cannot be carried out.
   explicit OutputFiles(OutputPlan plan);
 
-  // The extension of the name says the format.
-  void AddImage(const std::string& name, const cv::Mat& image);
+  // The extension of a name says the format. PNG files are encoded on all cores.
+  void AddImages(const std::vector<std::pair<std::string, cv::Mat>>& images);
+  void AddImage(const std::string& name, const cv::Mat& image) { AddImages({{name, image}}); }
   void AddText(const std::string& name, const std::string& text);
 
-  void Commit();
+  // `record`, when given, makes the text of the plan's record, once all other files are written
+  // beside their places.
+  void Commit(const std::function<std::string()>& record = nullptr);
 
  private:
   std::vector<std::filesystem::path> CheckPlaces() const;  // returns the files to remove

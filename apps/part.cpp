@@ -6,6 +6,7 @@
 #include <system_error>
 #include <utility>
 
+#include "apps/choose_images.h"
 #include "apps/commands.h"
 #include "apps/input_images.h"
 #include "velostrix/diagnostics.hpp"
@@ -27,11 +28,19 @@ double MillisecondsSince(int64_t start) {
 
 }  // namespace
 
-std::vector<std::string> PartFiles(std::vector<std::string> files, bool split_channels) {
+std::vector<std::string> PartFiles(std::vector<std::string> files, bool split_channels,
+                                   int choose) {
   const std::string given = files.empty() ? "" : files.front();
   std::error_code ignored;  // what cannot be looked at is refused as a file
   const bool is_folder = files.size() == 1 && std::filesystem::is_directory(given, ignored);
   if (is_folder) files = ImagesIn(given);
+  if (choose > 0 && files.size() > static_cast<size_t>(choose)) {
+    std::vector<std::string> chosen;
+    for (const size_t k : ChooseImages(files, static_cast<size_t>(choose))) {
+      chosen.push_back(files[k]);
+    }
+    files = chosen;
+  }
   const size_t count = files.size();
   const bool is_enough = split_channels
                              ? count == 1
@@ -42,14 +51,17 @@ std::vector<std::string> PartFiles(std::vector<std::string> files, bool split_ch
     if (reason.empty()) reason = WhyUnreadable(file);
   }
   if (is_folder) reason = "in the folder " + given;
-  throw UsageError(
-      "IMAGE: " + std::to_string(count) + (count == 1 ? " file given" : " files given") +
-      (reason.empty() ? "" : " (" + reason + ")") + "; expected " +
-      (split_channels ? "1 colour file with --split-channels" : "3 to 8 of one scene"));
+  throw UsageError("IMAGE: " + std::to_string(count) +
+                   (count == 1 ? " file given" : " files given") +
+                   (reason.empty() ? "" : " (" + reason + ")") + "; expected " +
+                   (split_channels ? "1 colour file with --split-channels"
+                    : count <= VELOSTRIX_MOST_IMAGES
+                        ? "3 to 8 of one scene"
+                        : "3 to 8 of one scene; --choose 8 takes those that differ most"));
 }
 
 OutputPlan PlanOutputs(const Part& part) {
-  OutputPlan plan = {part.out, {}, {}, kRecordName, part.files};
+  OutputPlan plan = {part.out, {}, {}, kRecordName, part.files, part.compression};
   const OutputSet& outputs = part.record.recipe.parameters.outputs;
   for (const Output output : kAllOutputs) {
     (outputs.Contains(output) ? plan.made : plan.others).push_back(FileName(output));
@@ -61,8 +73,9 @@ OutputPlan PlanOutputs(const Part& part) {
 void LoadImages(Part& part) {
   const int64_t start = cv::getTickCount();
   RunRecord& record = part.record;
-  record.inputs = part.split_channels ? LoadChannels(part.files.front(), record.recipe.bits)
-                                      : LoadImages(part.files, record.recipe.bits);
+  record.inputs = part.split_channels
+                      ? LoadChannels(part.files.front(), part.bayer, record.recipe.bits)
+                      : LoadImages(part.files, part.bayer, record.recipe.bits);
   RequireOneSize(record.inputs);
   record.load_ms = MillisecondsSince(start);
 }
@@ -74,9 +87,15 @@ std::vector<cv::Mat> Images(const Part& part) {
 }
 
 void DiagnoseImages(Part& part) {
+  const int64_t start = cv::getTickCount();
   std::vector<std::string> names;
   for (const InputImage& input : part.record.inputs) names.push_back(input.file);
-  part.record.diagnostics = Diagnose(Images(part), part.record.recipe.parameters, names);
+  Diagnostics& diagnostics = part.record.diagnostics;
+  diagnostics = Diagnose(Images(part), part.record.recipe.parameters, names);
+  for (const InputImage& input : part.record.inputs) {
+    if (!input.warning.empty()) diagnostics.warnings.push_back(input.warning);
+  }
+  part.record.diagnose_ms = MillisecondsSince(start);
 }
 
 void SayDiagnostics(const Part& part, Console& console) {
@@ -133,13 +152,21 @@ Results RunPart(Tool& tool, Part& part) {
   return results;
 }
 
-void WriteResults(const Part& part, const Results& results, OutputFiles& files) {
-  const OutputSet& outputs = part.record.recipe.parameters.outputs;
+void WriteResults(Part& part, const Results& results, OutputFiles& files) {
+  int64_t start = cv::getTickCount();
+  RunRecord& record = part.record;
+  std::vector<std::pair<std::string, cv::Mat>> images;
   for (const Output output : kAllOutputs) {
-    if (outputs.Contains(output)) files.AddImage(FileName(output), results[output]);
+    const bool is_asked = record.recipe.parameters.outputs.Contains(output);
+    if (is_asked) images.emplace_back(FileName(output), results[output]);
   }
-  files.AddText(kRecordName, ToJson(part.record));
-  files.Commit();
+  files.AddImages(images);
+  record.encode_ms = MillisecondsSince(start);
+  start = cv::getTickCount();
+  files.Commit([&] {
+    record.write_ms = MillisecondsSince(start);
+    return ToJson(record);
+  });
 }
 
 }  // namespace velostrix::cli

@@ -13,15 +13,18 @@
 namespace velostrix::cli {
 
 struct Part {
-  std::vector<std::string> files;  // an image each
-  bool split_channels = false;     // one colour file, whose channels are the images
-  std::string out;                 // the folder of the results
-  RunRecord record;                // the recipe, and what each step adds
+  std::vector<std::string> files;       // an image each
+  bool split_channels = false;          // one colour file, whose channels are the images
+  std::string bayer;                    // pattern of raw frames; empty: none
+  int compression = kUsualCompression;  // of the pictures
+  std::string out;                      // the folder of the results
+  RunRecord record;                     // the recipe, and what each step adds
 };
 
-// The files to read: those given, or those of the one folder that is given. UsageError if they are
-// not as many as a run takes.
-std::vector<std::string> PartFiles(std::vector<std::string> given, bool split_channels);
+// The files to read: those given, or those of the one folder that is given; of more than `choose`,
+// unless that is 0, the ones that differ most. UsageError if they are not as many as a run takes.
+std::vector<std::string> PartFiles(std::vector<std::string> given, bool split_channels,
+                                   int choose = 0);
 
 // What is to be written and must not be touched.
 OutputPlan PlanOutputs(const Part& part);
@@ -52,6 +55,6 @@ Results RunPart(Tool& tool, Part& part);
 
 // Encodes the results and the record into files that were planned for the part, and puts them in
 // place.
-void WriteResults(const Part& part, const Results& results, OutputFiles& files);
+void WriteResults(Part& part, const Results& results, OutputFiles& files);
 
 }  // namespace velostrix::cli

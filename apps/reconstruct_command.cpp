@@ -26,7 +26,9 @@ void Reconstruct(const ReconstructOptions& options, const std::vector<std::strin
   part.record.arguments = arguments;
   part.record.recipe = ParseRecipe(options);
   part.split_channels = options.split_channels;
-  part.files = PartFiles(options.files, options.split_channels);
+  part.bayer = options.bayer;
+  part.compression = options.compression;
+  part.files = PartFiles(options.files, options.split_channels, options.choose);
   part.out = options.out;
   OutputFiles files(PlanOutputs(part));
   std::optional<OutputFiles> recipe_file;

@@ -7,6 +7,7 @@
 #include <optional>
 #include <utility>
 
+#include "apps/bayer.h"
 #include "apps/commands.h"
 #include "apps/input_images.h"
 
@@ -115,6 +116,19 @@ void DeclareReconstructOptions(CLI::App& command, ReconstructOptions& options) {
                 "IMAGE is one colour file: its red, green and blue channel are three lamps")
       ->group(images);
 
+  command
+      .add_option("--choose", options.choose,
+                  "Of more files take this many, 3 to 8: those whose lamps differ most")
+      ->group(images)
+      ->check(CLI::Range(VELOSTRIX_FEWEST_IMAGES + 0, VELOSTRIX_MOST_IMAGES + 0))
+      ->type_name("N");
+  command
+      .add_option("--bayer", options.bayer,
+                  "Files are raw frames of a colour sensor, with filters of this pattern")
+      ->group(images)
+      ->check(OneOf(kBayerPatterns))
+      ->type_name("PATTERN");
+
   // First of those that set the recipe: the parser calls them in the order of their declaration.
   command
       .add_option_function<std::string>(
@@ -219,6 +233,13 @@ void DeclareReconstructOptions(CLI::App& command, ReconstructOptions& options) {
       ->group(results)
       ->allow_extra_args(false)
       ->type_name("NAME=O");
+  command
+      .add_option("--compression", options.compression,
+                  "Of the PNG files: 0 is none, 1 fast, 9 small")
+      ->group(results)
+      ->check(CLI::Range(0, kMostCompression + 0))
+      ->capture_default_str()
+      ->type_name("LEVEL");
   command.add_flag("--quiet", options.quiet, "Say nothing but errors")->group(results);
 }
 

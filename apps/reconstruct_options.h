@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "apps/png_encoder.h"
 #include "velostrix/recipe.hpp"
 
 namespace velostrix::cli {
@@ -15,6 +16,9 @@ struct ReconstructOptions {
   std::string out;
   std::string save_recipe;
   bool split_channels = false;
+  std::string bayer;
+  int choose = 0;
+  int compression = kUsualCompression;
   bool quiet = false;
   std::string run;
   std::string difference;

@@ -79,10 +79,12 @@ void RenderScene(RenderOptions& options) {
   const scene::Scene scene = scene::Render(options.scene);
 
   console.Step("writing files");
-  for (size_t k = 0; k < scene.images.size(); ++k) files.AddImage(plan.made[k], scene.images[k]);
-  files.AddImage("truth/height.tiff", scene.height);
-  files.AddImage("truth/normals.tiff", scene.normals);
-  files.AddImage("truth/albedo.tiff", scene.albedo);
+  std::vector<std::pair<std::string, cv::Mat>> images = {{"truth/height.tiff", scene.height},
+                                                         {"truth/normals.tiff", scene.normals},
+                                                         {"truth/albedo.tiff", scene.albedo}};
+  for (size_t k = 0; k < scene.images.size(); ++k)
+    images.push_back({plan.made[k], scene.images[k]});
+  files.AddImages(images);
   files.AddText("truth/scene.json", Describe(options, scene, plan));
   files.Commit();
   console.Note("wrote " + std::to_string(scene.images.size()) +

@@ -84,11 +84,14 @@ std::string ToJson(const RunRecord& record) {
                        {"output", ToJson(p.region ? p.region->size() : size)}}},
                      {"times_ms",
                       {{"load_files", record.load_ms},
+                       {"diagnose", record.diagnose_ms},
                        {"choose_gains", record.choose_gains_ms},
                        {"set_parameters", record.calls.parameters},
                        {"allocate_buffers", record.calls.buffers},
                        {"set_images", record.calls.images},
-                       {"run", record.calls.run}}},
+                       {"run", record.calls.run},
+                       {"encode_files", record.encode_ms},
+                       {"write_files", record.write_ms}}},
                      {"outputs", outputs}};
   // File names need not be UTF-8.
   return json.dump(2, ' ', false, Json::error_handler_t::replace) + '\n';

@@ -20,7 +20,10 @@ struct RunRecord {
   int threads = 1;
   CallTimes calls;
   double load_ms = 0.0;
+  double diagnose_ms = 0.0;
   double choose_gains_ms = 0.0;
+  double encode_ms = 0.0;
+  double write_ms = 0.0;  // all but this record itself
 };
 
 constexpr const char* kRecordName = "run.json";

@@ -136,6 +136,55 @@ class CommandLine(unittest.TestCase):
             np.testing.assert_array_equal(one, other)
         self.assertEqual(record["inputs"][0]["file"], "\ufffd.png")
 
+    def test_files_come_as_stations_have_them(self):
+        lamps = [self.read(f"inputs/image{k}.png") for k in range(5)]
+        reconstruct = "reconstruct {} --quiet --outputs normal --run cali --out {} {}".format
+
+        turned = "--gain channel0=99 --gain channel1=99 --gain channel2=99"
+        for k, lamp in enumerate(lamps):
+            self.write(f"turned{k}.png", np.rot90(lamp, -1))
+            for name, kind in (("byte.png", np.uint8), ("word.png", np.uint16), ("word.tiff", np.uint16)):
+                pixels = lamp.astype(kind) * (257 if kind == np.uint16 else 1)
+                exif = Image.Exif()
+                exif[0x0112] = 6
+                given = {"tiffinfo": {0x0112: 6}} if name == "word.tiff" else {"exif": exif}
+                Image.fromarray(pixels).save(self.folder / f"{k}{name}", **given)
+        for name in ("turned?.png", "?byte.png", "?word.png", "?word.tiff"):
+            self.run_well(reconstruct(name, f"by_{name[1:]}", turned))
+            np.testing.assert_array_equal(self.read(f"by_{name[1:]}/normal.png"),
+                                          self.read("by_urned?.png/normal.png"))
+        code, said = self.call(reconstruct("0byte.png turned1.png 2byte.png", "out", ""))
+        self.assertEqual(code, 1)
+        self.assertIn("turned1.png: has EXIF orientation 1, but 0byte.png has 6", said)
+
+        filters = np.tile([[[0.9, 1.0], [1.0, 0.4]]], (1, 36, 48))[0]  # rggb
+        for k, lamp in enumerate(lamps):
+            self.write(f"raw{k}.png", np.rint(lamp * filters).astype(np.uint8))
+        for bayer, is_warned in (("", True), ("--bayer rggb", False)):
+            self.run_well(reconstruct("raw?.png", "raw", bayer))
+            warnings = self.read_json("raw/run.json")["warnings"]
+            self.assertEqual(any("5 of 5 files: look like raw" in w for w in warnings), is_warned)
+        self.assertEqual(self.read_json("raw/run.json")["inputs"][0]["conversion"],
+                         "Bayer frame (rggb) converted")
+
+        (self.folder / "many").mkdir()
+        for k in range(12):  # twins beside each other, and a dead lamp
+            self.write(f"many/lamp{k}.png", lamps[k // 2] if k < 10 else lamps[0] // 9)
+        self.run_well(reconstruct("many", "chosen", "--choose 5"))
+        used = [pathlib.Path(i["file"]).name for i in self.read_json("chosen/run.json")["inputs"]]
+        self.assertEqual([int(name[4:-4]) // 2 for name in used], list(range(5)))
+
+    def test_compression_changes_sizes_only(self):
+        sizes = []
+        for level in (0, 1, 9):
+            self.run_well(f"reconstruct inputs/image*.png --quiet --out {level} --compression {level}")
+            sizes.append(sum(p.stat().st_size for p in (self.folder / str(level)).glob("*.png")))
+            for name in OUTPUTS:
+                np.testing.assert_array_equal(self.read(f"{level}/{name}.png"), self.read(f"0/{name}.png"))
+        self.assertGreater(sizes[0], 1.2 * max(sizes[1:]))
+        times = self.read_json("0/run.json")["times_ms"]
+        self.assertTrue(all(times[name] > 0 for name in ("diagnose", "encode_files", "write_files")))
+
     def test_a_folder_holds_one_run_and_what_is_not_ours(self):
         reconstruct = "reconstruct inputs/image*.png --quiet --out {} --outputs {}".format
         self.run_well(reconstruct("out", "all"))
@@ -220,6 +269,7 @@ class CommandLine(unittest.TestCase):
         whole = (self.folder / "inputs/image0.png").read_bytes()
         (self.folder / "cut.png").write_bytes(whole[: len(whole) // 2])
         self.write("small.png", self.image[2:])
+        self.write("colour.png", np.dstack([self.image] * 3))
         self.write("float.tiff", self.image.astype(np.float32))
         self.write("words.tiff", self.image.astype(np.uint16) * 257)
         os.mkfifo(self.folder / "fifo")
@@ -236,6 +286,11 @@ class CommandLine(unittest.TestCase):
             ("frobnicate", 2, "frobnicate: no such command", "expected one of reconstruct"),
             ("reconstruct a b c", 2, "--out is required"),
             (two, 2, "IMAGE: 2 files given", "expected 3 to 8"),
+            (pair + "inputs/image2.png " * 7 + "--out out", 2, "9 files given", "--choose 8"),
+            (good + "--choose 2", 2, "--choose", "3 to 8"),
+            (good + "--bayer rgb", 2, "--bayer", "rggb"),
+            (pair + "colour.png --bayer rggb --out out", 1, "colour.png: a colour image", "raw"),
+            (good + "--compression 10", 2, "--compression", "0 to 9"),
             (two + "--split-channels", 2, "expected 1 colour file"),
             (good + "--blurr 3", 2, "--blurr: no such option", "--blur-radius"),
             (good + "--run best", 2, "--run", "best", "uncali", "partcols"),

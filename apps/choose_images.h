@@ -1,0 +1,13 @@
+// Some of many images of one part: those whose lamps differ most.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace velostrix::cli {
+
+// The places, in ascending order, of the `count` files whose images differ most in their light.
+std::vector<size_t> ChooseImages(const std::vector<std::string>& files, size_t count);
+
+}  // namespace velostrix::cli
