@@ -9,13 +9,12 @@ set(soversion ${PROJECT_VERSION_MAJOR})
 if(soversion EQUAL 0)
   string(APPEND soversion .${PROJECT_VERSION_MINOR})
 endif()
-set_target_properties(VelostrixUncalibration velostrix_host velostrix_mat PROPERTIES
+set_target_properties(VelostrixUncalibration velostrix_host PROPERTIES
   VERSION ${PROJECT_VERSION} SOVERSION ${soversion})
 set_target_properties(VelostrixUncalibration PROPERTIES EXPORT_NAME Uncalibration)
 set_target_properties(velostrix_host PROPERTIES EXPORT_NAME Host)
-set_target_properties(velostrix_mat PROPERTIES EXPORT_NAME Mat)
 set_target_properties(velostrix_cxx PROPERTIES EXPORT_NAME Velostrix)
-install(TARGETS VelostrixUncalibration velostrix_host velostrix_mat velostrix_cxx EXPORT VelostrixTargets
+install(TARGETS VelostrixUncalibration velostrix_host velostrix_cxx EXPORT VelostrixTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT runtime
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
@@ -23,7 +22,6 @@ install(TARGETS VelostrixUncalibration velostrix_host velostrix_mat velostrix_cx
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/velostrix
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 install(FILES ${PROJECT_BINARY_DIR}/generated/velostrix/version.h
-  ${PROJECT_SOURCE_DIR}/hosts/mat/velostrix_mat.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/velostrix COMPONENT development)
 
 # What is unpacked anywhere runs there; what is in /usr needs no path of its own.

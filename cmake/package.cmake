@@ -24,8 +24,7 @@ if(EXISTS /etc/debian_version)
   # A package built on ours works with any version whose libraries have the same SONAME.
   set(abi velostrix-abi-${soversion})
   file(WRITE ${debian}/shlibs
-    "libVelostrixUncalibration ${soversion} ${abi}\nlibvelostrix_mat ${soversion} ${abi}\n"
-    "libvelostrix_host ${soversion} ${abi}\n")
+    "libVelostrixUncalibration ${soversion} ${abi}\nlibvelostrix_host ${soversion} ${abi}\n")
   file(WRITE ${debian}/velostrix
     "# Hosts in C# and Python load the libraries by the names without a version.\n"
     "link-to-shared-library-in-wrong-package\n"

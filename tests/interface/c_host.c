@@ -1,75 +1,73 @@
-/* A host in C, without OpenCV: a session with plain image records. Exit code 0 when every call
- * answered as it should. */
+/* A host in C: one part from set-up to results, and a refusal. Exit code 0 when all is as it should
+ * be. Sees the public headers alone, as there is no OpenCV in reach. */
 #include <stdio.h>
+#include <stdlib.h>
 #include <velostrix/uncalibration.h>
+#include <velostrix/velostrix_host.h>
+#include <velostrix/version.h>
 
-#include "velostrix_mat.h"
+enum { kWidth = 64, kHeight = 48, kLamps = 4 };
 
-enum { kWidth = 40, kHeight = 30, kImages = 3, kStride = 48 };
+static VelostrixReconstructor* reconstructor = NULL;
 
-static int failures = 0;
-
-static void Expect(bool holds, const char* what) {
-  if (holds) return;
-  fprintf(stderr, "c_host: not so: %s\n", what);
-  ++failures;
+/* Ends the program, with what the library says, unless the call was done. */
+static void Need(VelostrixStatus status) {
+  VelostrixMessage message = {""};
+  if (status == VELOSTRIX_OK) return;
+  VelostrixReconstructorMessage(reconstructor, &message);
+  fprintf(stderr, "%s: %s\n", VelostrixStatusText(status), message.text);
+  exit(1);
 }
-#define EXPECT(condition) Expect(condition, #condition)
 
-static void SetImages(UnCalibrationTool* tool) {
-  static uint8_t pixels[kHeight * kStride];
-  const ImageRecord image = {pixels, kWidth, kHeight, kStride, 0, 1};
-  for (int k = 0; k < kImages; ++k) {
-    for (int i = 0; i < kHeight * kStride; ++i) pixels[i] = (uint8_t)((i * (k + 7)) % 251);
-    EXPECT(SetVelostrixUnCalibrationToolImage_CPU_csharp(tool, &image));
+/* What a camera sees of a bump while one lamp is on: brighter where the slope faces the lamp. */
+static VelostrixImage Grab(int lamp) {
+  static uint8_t frames[kLamps][kHeight * kWidth];
+  static const int kDirections[kLamps][2] = {{1, 0}, {0, 1}, {-1, 0}, {0, -1}};
+  for (int i = 0; i < kHeight; ++i) {
+    for (int j = 0; j < kWidth; ++j) {
+      const int x = j - kWidth / 2;
+      const int y = i - kHeight / 2;
+      const int slope = kDirections[lamp][0] * x + kDirections[lamp][1] * y;
+      frames[lamp][i * kWidth + j] = (uint8_t)(120 + (x * x + y * y < 400 ? 4 * slope : 0));
+    }
   }
-  EXPECT(!SetVelostrixUnCalibrationToolImage_CPU_csharp(tool, &image)); /* one too many */
-}
-
-/* Without results there is still the light stage. */
-static void ExpectOfAllRuns(int32_t done, UnCalibrationTool* tool, VelostrixMat* height) {
-  VelostrixMat* const no = NULL;
-  EXPECT(done == RunVelostrixUnCalibration_CPU_uncali(tool, no, no, no, no, no, no, no, height));
-  EXPECT(done == RunVelostrixUnCalibration_CPU_cali(tool, no, no, no, no, no, no, no, height));
-  EXPECT(done == RunVelostrixUnCalibration_CPU_partrows_uncali(tool, no, no, no, no, no, no, no,
-                                                               height, 16));
-  EXPECT(done == RunVelostrixUnCalibration_CPU_partcols_uncali(tool, no, no, no, no, no, no, no,
-                                                               height, 16));
-}
-
-static void UseTool(void) {
-  UnCalibrationTool* stored = NULL;
-  UnCalibrationTool* const tool = CreateVelostrixUnCalibrationToolPtr_CPU(&stored);
-  VelostrixMat* const height = VelostrixMatNew();
-  VelostrixMatInfo info = {0};
-  UnCalibrationParam param = {0};
-  EXPECT(tool != NULL && tool == stored);
-  param.image_count = kImages;
-  param.width = param.row_step = kWidth;
-  param.height = kHeight;
-  param.scale = 1.0;
-  EXPECT(SetVelostrixUnCalibrationToolParam_CPU(tool, &param));
-  EXPECT(!SetVelostrixUnCalibrationToolParam_CPU(tool, NULL));
-  EXPECT(SetVelostrixUnCalibrationToolROI_CPU(tool, 5, 4, 30, 20));
-  EXPECT(!SetVelostrixUnCalibrationToolROI_CPU(tool, 26, 0, 30, 3)); /* beyond the region before */
-  EXPECT(ClearVelostrixUnCalibrationToolROI_CPU(tool, kHeight, kWidth, kWidth) == kHeight * kWidth);
-  InitialVelostrixUnCalibrationToolImage_CPU(tool);
-  EXPECT(!SetVelostrixUnCalibrationToolImage_CPU(tool, NULL));
-  EXPECT(!SetVelostrixUnCalibrationToolImage_CPU_csharp(tool, NULL));
-  SetImages(tool);
-  ExpectOfAllRuns(1, tool, NULL);
-  param.output_enable[VELOSTRIX_OUTPUT_HEIGHT] = 1;
-  EXPECT(SetVelostrixUnCalibrationToolParam_CPU(tool, &param));
-  ExpectOfAllRuns(0, tool, NULL);
-  ExpectOfAllRuns(1, tool, height);
-  EXPECT(VelostrixMatInspect(height, &info) && info.cols == kWidth && info.rows == kHeight &&
-         info.type == VELOSTRIX_MAT_16U);
-  VelostrixMatDelete(height);
-  ReleaseVelostrixUnCalibrationToolImage_CPU(tool);
-  DestroyVelostrixUnCalibrationToolPtr_CPU(tool);
+  return (VelostrixImage){frames[lamp], 0, kWidth, kHeight, 1, 0};
 }
 
 int main(void) {
-  UseTool();
-  return failures == 0 ? 0 : 1;
+  VelostrixMessage message = {""};
+  VelostrixImage images[kLamps];
+  VelostrixPlane height = {0};
+  uint8_t curvature[kHeight * kWidth];
+  VelostrixSettings settings = {.struct_size = sizeof settings};
+
+  Need(VelostrixCheckVersion(VELOSTRIX_VERSION_MAJOR, VELOSTRIX_VERSION_MINOR, &message));
+  Need(VelostrixReconstructorCreate(&reconstructor));
+  Need(VelostrixSettingsDefaults(&settings));
+  settings.outputs = VELOSTRIX_OUTPUT_BIT(VELOSTRIX_OUTPUT_CURVATURE) |
+                     VELOSTRIX_OUTPUT_BIT(VELOSTRIX_OUTPUT_HEIGHT);
+
+  /* Once for a kind of part. */
+  for (int k = 0; k < kLamps; ++k) images[k] = Grab(k);
+  Need(VelostrixReconstructorChooseGains(reconstructor, images, kLamps, &settings));
+
+  /* For every part. */
+  Need(VelostrixReconstructorPrepare(reconstructor, kLamps, kWidth, kHeight, &settings));
+  for (int k = 0; k < kLamps; ++k) {
+    images[k] = Grab(k);
+    Need(VelostrixReconstructorSetImage(reconstructor, &images[k]));
+  }
+  Need(VelostrixReconstructorRun(reconstructor));
+  Need(VelostrixReconstructorCopyResult(reconstructor, VELOSTRIX_OUTPUT_CURVATURE, curvature, 0,
+                                        sizeof curvature));
+  Need(VelostrixReconstructorResult(reconstructor, VELOSTRIX_OUTPUT_HEIGHT, &height));
+  int edge_pixels = 0;
+  for (int i = 0; i < kHeight * kWidth; ++i) edge_pixels += curvature[i] < 64 || curvature[i] > 192;
+  const VelostrixStatus refused = VelostrixReconstructorSetImage(reconstructor, NULL);
+  VelostrixReconstructorMessage(reconstructor, &message);
+  printf("%d pixels on edges, height of %d x %d pixels; refused: %s\n", edge_pixels, height.width,
+         height.height, message.text);
+  Need(VelostrixReconstructorDestroy(reconstructor));
+  const int is_bump = edge_pixels > 30 && edge_pixels < 300 && height.sample_bytes == 2;
+  return is_bump && refused == VELOSTRIX_INVALID_ARGUMENT && message.text[0] != 0 ? 0 : 1;
 }

@@ -58,10 +58,12 @@ TEST(HostCalls, BothNamesDoTheSame) {
   }
   DestroyVelostrixUnCalibrationToolPtr_CPU_csharp(csharp);
 
-  auto* const array = new cv::Mat[3];
-  std::fill_n(array, 3, images[0]);
-  DestroyImageArrayCPU_csharp(array);
-  EXPECT_EQ(images[0].u->refcount, 1);
+  for (const auto destroy : {DestroyImageArrayCPU, DestroyImageArrayCPU_csharp}) {
+    auto* const array = new cv::Mat[3];
+    std::fill_n(array, 3, images[0]);
+    destroy(array);
+    EXPECT_EQ(images[0].u->refcount, 1);
+  }
 }
 
 }  // namespace
