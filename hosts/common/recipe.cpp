@@ -202,13 +202,21 @@ Recipe FromJson(std::string_view text) {
 
 std::string ToJson(const Recipe& recipe) {
   const Parameters& p = recipe.parameters;
+  const Parameters plain;
   Json outputs = Json::array();
   Json gains = Json::object();
   Json offsets = Json::object();
   for (const Output output : kAllOutputs) {
     if (p.outputs.Contains(output)) outputs.push_back(Name(output));
-    if (const double* gain = Gain(p, output)) gains[Name(output)] = *gain;
-    if (const OutputScaling* scaling = Scaling(p, output)) offsets[Name(output)] = scaling->offset;
+    const double* const gain = Gain(p, output);
+    if (gain != nullptr && (recipe.kept_gains.Contains(output) || *gain != *Gain(plain, output))) {
+      gains[Name(output)] = *gain;
+    }
+    const OutputScaling* const scaling = Scaling(p, output);
+    if (scaling != nullptr && (recipe.kept_offsets.Contains(output) ||
+                               scaling->offset != Scaling(plain, output)->offset)) {
+      offsets[Name(output)] = scaling->offset;
+    }
   }
   Json region;
   if (p.region) {

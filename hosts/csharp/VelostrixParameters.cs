@@ -73,16 +73,21 @@ namespace Velostrix
         public int Height { get; }
     }
 
-    /// <summary>A number for each output. Those that are assigned are kept by ChooseGains.</summary>
+    /// <summary>
+    /// A number for each output. Those that are assigned, chosen or read from a recipe are kept: by
+    /// ChooseGains, and in recipes.
+    /// </summary>
     public sealed class VelostrixOutputValues<T>
     {
-        internal readonly T[] Values;
+        internal T[] Values;
         internal uint Kept;
+        readonly Func<T[]> defaults;
 
-        internal VelostrixOutputValues(T[] values, uint kept)
+        internal VelostrixOutputValues(T[] values, uint kept, Func<T[]> defaults)
         {
             Values = (T[])values.Clone();
             Kept = kept;
+            this.defaults = defaults;
         }
 
         /// <summary>The number of an output.</summary>
@@ -96,11 +101,15 @@ namespace Velostrix
             }
         }
 
-        /// <summary>Whether ChooseGains leaves the number of this output alone.</summary>
+        /// <summary>Whether the number of this output is kept.</summary>
         public bool IsKept(VelostrixOutput output) => (Kept >> (int)output & 1) != 0;
 
-        /// <summary>Leaves all numbers to ChooseGains again.</summary>
-        public void Release() => Kept = 0;
+        /// <summary>Back to the defaults, which are left to ChooseGains.</summary>
+        public void Release()
+        {
+            Values = defaults();
+            Kept = 0;
+        }
     }
 
     /// <summary>
@@ -117,8 +126,10 @@ namespace Velostrix
         internal VelostrixParameters(Native.Settings record)
         {
             this.record = record;
-            Gains = new VelostrixOutputValues<double>(record.Gain, record.KeptGains);
-            Offsets = new VelostrixOutputValues<int>(record.Offset, record.KeptOffsets);
+            Gains = new VelostrixOutputValues<double>(
+                record.Gain, record.KeptGains, () => Defaults().Gain);
+            Offsets = new VelostrixOutputValues<int>(
+                record.Offset, record.KeptOffsets, () => Defaults().Offset);
         }
 
         static Native.Settings Defaults()
@@ -230,7 +241,7 @@ namespace Velostrix
         /// <summary>A copy that shares nothing.</summary>
         public VelostrixParameters Clone() => new VelostrixParameters(Record());
 
-        /// <summary>A recipe in JSON, with all gains and offsets.</summary>
+        /// <summary>A recipe in JSON; of gains and offsets it has those that are kept.</summary>
         /// <exception cref="VelostrixException">No image would fit the parameters.</exception>
         public string ToJson()
         {

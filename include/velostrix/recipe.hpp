@@ -13,8 +13,8 @@ namespace velostrix {
 // Parameters, and what else a recipe says.
 struct Recipe {
   Parameters parameters;   // what a run does
-  OutputSet kept_gains;    // whose gain and offset are given: what ChooseGains is to keep
-  OutputSet kept_offsets;  // whose offset is given
+  OutputSet kept_gains;    // whose gain is given or chosen: ChooseGains keeps it, and the offset
+  OutputSet kept_offsets;  // whose offset is given or chosen: ChooseGains keeps it
   int bits = 0;            // in use of 16-bit samples, 8 to 16; 0: not said
 };
 
@@ -126,7 +126,8 @@ void RequireOneOf(int32_t value, const char* name, const std::array<const char*,
   return FromRecord(record);
 }
 
-// The text of a recipe, with all gains and offsets. Throws Error for what no images would fit.
+// The text of a recipe. It has the gains and offsets that are kept, and others that are not the
+// default: reading brings the same parameters back. Throws Error for what no images would fit.
 [[nodiscard]] inline std::string WriteRecipe(const Recipe& recipe) {
   const VelostrixSettings record = ToRecord(recipe);
   VelostrixMessage message = {};
@@ -150,7 +151,9 @@ void RequireOneOf(int32_t value, const char* name, const std::array<const char*,
     OutputScaling* const scaling = Scaling(recipe.parameters, output);
     if (scaling == nullptr) continue;
     if (recipe.kept_offsets.Contains(output)) scaling->offset = Scaling(given, output)->offset;
-    if (made.Contains(output)) recipe.kept_gains.Add(output);
+    if (!made.Contains(output) || recipe.kept_gains.Contains(output)) continue;
+    recipe.kept_gains.Add(output);
+    recipe.kept_offsets.Add(output);
   }
   return recipe;
 }

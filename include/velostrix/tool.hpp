@@ -520,9 +520,12 @@ inline void Check(const Parameters& parameters) {
     throw Error("blur_radius " + std::to_string(parameters.blur_radius) + "; expected 0 to " +
                 std::to_string(VELOSTRIX_LARGEST_BLUR_RADIUS));
   }
-  double gains = parameters.factor_gain + parameters.curvature.gain + parameters.magnitude.gain;
-  for (const OutputScaling& channel : parameters.channel) gains += channel.gain;
-  if (!std::isfinite(gains)) throw Error("a gain is not finite; expected a number");
+  for (const Output output : kAllOutputs) {
+    const double* const gain = Gain(parameters, output);
+    if (gain != nullptr && !std::isfinite(*gain)) {
+      throw Error(std::string("the gain of ") + Name(output) + " is not finite; expected a number");
+    }
+  }
 }
 
 inline void CheckCount(int64_t count) {

@@ -153,9 +153,9 @@ typedef struct VelostrixSettings {
                                              normalised image; normal, height: not read. Finite */
   int32_t offset[VELOSTRIX_OUTPUT_COUNT]; /* grey level of value 0; factor, normal, height: not
                                              read */
-  uint32_t kept_gains;   /* set of outputs whose gain and offset ChooseGains leaves alone; the
-                            default is none */
-  uint32_t kept_offsets; /* set of outputs of which it leaves the offset alone */
+  uint32_t kept_gains;   /* set of outputs whose gain is given or chosen: ChooseGains leaves gain
+                            and offset alone; default none */
+  uint32_t kept_offsets; /* set of outputs whose offset is: it leaves the offset alone */
 } VelostrixSettings;
 
 /* Fills in the defaults; settings->struct_size must be set. */
@@ -198,9 +198,11 @@ VELOSTRIX_HOST_API VelostrixStatus VelostrixWorkingSize(const VelostrixSettings*
 /* Bytes that every recipe fits into, the zero at its end included. */
 #define VELOSTRIX_LONGEST_RECIPE 4096
 
-/* Writes the settings, with all gains and offsets, as a recipe with a zero at its end to text,
- * which holds `capacity` bytes. *length (may be null) is its length without the zero. Refused: a
- * capacity that is too small; settings that no image would fit. */
+/* Writes the settings as a recipe with a zero at its end to text, which holds `capacity` bytes.
+ * *length (may be null) is its length without the zero. Of gains and offsets it has those that are
+ * kept, so that a recipe fixes none that nobody gave or chose, and those that are not the default,
+ * so that none is lost: these are kept when it is read. Refused: a capacity that is too small;
+ * settings that no image would fit. */
 VELOSTRIX_HOST_API VelostrixStatus VelostrixSettingsToJson(const VelostrixSettings* settings,
                                                            char* text, int64_t capacity,
                                                            int64_t* length,

@@ -147,7 +147,10 @@ static class CsharpHost
         ExpectThrows<VelostrixException>("blür", () => VelostrixParameters.Load(path));
         ExpectThrows<VelostrixException>(path, () => VelostrixParameters.Load(path));
         File.Delete(path);
-        Expect(!new VelostrixParameters().Gains.IsKept(VelostrixOutput.Factor), "nothing is kept");
+        read.Gains.Release();
+        read.Offsets.Release();
+        Expect(read.Gains[VelostrixOutput.Channel1] == 128 && !read.ToJson().Contains("channel1"),
+               "what is released is the default and not kept");
     }
 
     static void ImagesOfEveryKindGiveTheSameBytes()

@@ -145,7 +145,8 @@ TEST(HostLibrary, RefusalsSayWhatIsExpectedAndLeaveAllAsItWas) {
       {"scale 2", [](Call& c) { c.settings.scale = 2.0; }},
       {"scale", [](Call& c) { c.settings.scale = kNan; }},
       {"blur_radius 32768; expected 0 to 32767", [](Call& c) { c.settings.blur_radius = 32768; }},
-      {"gain is not finite", [](Call& c) { c.settings.gain[VELOSTRIX_OUTPUT_CHANNEL1] = kNan; }}};
+      {"the gain of channel1 is not finite",
+       [](Call& c) { c.settings.gain[VELOSTRIX_OUTPUT_CHANNEL1] = kNan; }}};
 
   const Host host;
   const Results before = Tool().Reconstruct(Frames(), {});
@@ -215,6 +216,8 @@ TEST(HostLibrary, RefusalsSayWhatIsExpectedAndLeaveAllAsItWas) {
 }
 
 TEST(HostLibrary, CopiesTimesGainsAndDiagnostics) {
+  const OutputSet kScaled = {Output::kCurvature, Output::kMagnitude, Output::kChannel0,
+                             Output::kChannel1, Output::kChannel2};
   const Host host;
   Call call;
   Tool tool;
@@ -233,6 +236,8 @@ TEST(HostLibrary, CopiesTimesGainsAndDiagnostics) {
   parameters.channel[0].offset = 99;
   ASSERT_EQ(VelostrixReconstructorChooseGains(host, call.images.data(), kCount, &call.settings),
             VELOSTRIX_OK);
+  EXPECT_EQ(call.settings.kept_gains, recipe_detail::ToBits(kScaled));
+  EXPECT_EQ(call.settings.kept_offsets, recipe_detail::ToBits(kScaled));
   EXPECT_EQ(VelostrixReconstructorRun(host), VELOSTRIX_WRONG_STATE);
   ASSERT_EQ(VelostrixReconstructorReconstruct(host, call.images.data(), kCount, &call.settings),
             VELOSTRIX_OK);
@@ -322,6 +327,16 @@ TEST(HostLibrary, RecipesComeBackAndWhatTheyCannotHoldIsNamed) {
   EXPECT_FALSE(read.kept_offsets.Contains(Output::kHeight));
   EXPECT_EQ(WriteRecipe(ParseRecipe("{\"recipe_version\":1,\"region\":null}")),
             WriteRecipe(Recipe()));
+
+  // What is the default is fixed only when it was given; what is not is never lost.
+  Recipe given = recipe;
+  given.kept_gains = {Output::kMagnitude};
+  given.kept_offsets = {Output::kChannel0};
+  const VelostrixSettings fixed = ToRecord(ParseRecipe(WriteRecipe(given)));
+  using recipe_detail::ToBits;
+  EXPECT_EQ(fixed.kept_gains, ToBits({Output::kMagnitude, Output::kFactor, Output::kChannel1}));
+  EXPECT_EQ(fixed.kept_offsets, ToBits({Output::kChannel0, Output::kChannel1}));
+  EXPECT_EQ(ToRecord(ParseRecipe(WriteRecipe({}))).kept_gains, 0U);
 
   for (const auto& [members, message] : std::initializer_list<std::pair<const char*, const char*>>{
            {"\"blur\":1",

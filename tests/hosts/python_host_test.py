@@ -91,8 +91,6 @@ class Marshalling(unittest.TestCase):
         for field in dataclasses.fields(Parameters):
             given, back = getattr(parameters, field.name), getattr(read, field.name)
             self.assertNotEqual(given, getattr(Parameters(), field.name), "give it another value")
-            if field.name in ("gains", "offsets"):  # a recipe has all of them
-                back = {name: back[name] for name in given}
             self.assertEqual(back, given, field.name)
         self.assertEqual(Parameters.from_json('{"recipe_version": 1}'), Parameters())
         with tempfile.TemporaryDirectory() as folder:

@@ -130,7 +130,7 @@ class Parameters:
         return cls.from_settings(settings)
 
     def to_json(self) -> str:
-        """A recipe with all gains and offsets; those that are not given have their defaults."""
+        """A recipe; of gains and offsets it has those that are given."""
         text = ctypes.create_string_buffer(_native.LONGEST_RECIPE)
         _native.call_with_message(
             "SettingsToJson", ctypes.byref(self.settings()), text, ctypes.c_int64(len(text)), None)
@@ -196,7 +196,7 @@ class Parameters:
             },
             offsets={
                 output: record.offset[OUTPUTS.index(output)]
-                for output in names_in(record.kept_gains | record.kept_offsets, _WITH_OFFSET)
+                for output in names_in(record.kept_offsets, _WITH_OFFSET)
             },
             **{name: getattr(record, name) for name in plain},
         )
