@@ -189,7 +189,8 @@ VelostrixStatus VelostrixCheckVersion(int32_t major, int32_t minor, VelostrixMes
     if (fits) return;
     throw std::runtime_error("made for version " + std::to_string(major) + '.' +
                              std::to_string(minor) +
-                             " of Velostrix, but the library is " VELOSTRIX_VERSION);
+                             " of Velostrix, but the library that is loaded is " VELOSTRIX_VERSION
+                             "; install the same version of both");
   });
 }
 

@@ -24,7 +24,8 @@
 //
 // What cannot be done is thrown as velostrix::Error, whose text says what was refused and what is
 // expected; the Tool is then as it was. After velostrix::OutOfMemory, std::bad_alloc and
-// cv::Exception it has to be prepared again.
+// cv::Exception it has to be prepared again. A library of another version than these headers is
+// refused when the first Tool is prepared.
 //
 // Link Velostrix::Velostrix, which brings OpenCV's core along.
 #pragma once
@@ -43,6 +44,8 @@
 #include <vector>
 
 #include "velostrix/uncalibration.h"
+#include "velostrix/velostrix_host.h"
+#include "velostrix/version.h"
 
 namespace velostrix {
 
@@ -400,6 +403,15 @@ class Tool {
 
 namespace tool_detail {
 
+// Throws Error when the library that is loaded does not fit the headers that the host was built
+// with.
+inline void CheckLibrary() {
+  VelostrixMessage message = {};
+  const VelostrixStatus status =
+      VelostrixCheckVersion(VELOSTRIX_VERSION_MAJOR, VELOSTRIX_VERSION_MINOR, &message);
+  if (status != VELOSTRIX_OK) throw Error(message.text);
+}
+
 inline std::string Text(cv::Size size) {
   return std::to_string(size.width) + " x " + std::to_string(size.height) + " pixels";
 }
@@ -420,6 +432,7 @@ inline void CheckImage(const cv::Mat& image, int index, cv::Size expected, const
 }  // namespace tool_detail
 
 inline void Tool::Prepare(int count, cv::Size size, const Parameters& parameters) {
+  if (!handle_) tool_detail::CheckLibrary();
   Check(count, size, parameters);
   // Scaling goes by way of a region, which fixes the working size without new buffers.
   const bool has_region = parameters.region.has_value() || parameters.scale < 1.0;

@@ -1,7 +1,4 @@
 // A C++ host on an installed copy.
-#include <velostrix/velostrix_host.h>
-#include <velostrix/version.h>
-
 #include <cstdio>
 #include <opencv2/core.hpp>
 #include <vector>
@@ -10,12 +7,7 @@
 #include <velostrix/recipe.hpp>
 #include <velostrix/tool.hpp>
 
-int main() {
-  VelostrixMessage message = {};
-  if (VelostrixCheckVersion(VELOSTRIX_VERSION_MAJOR, VELOSTRIX_VERSION_MINOR, &message) != 0) {
-    std::fprintf(stderr, "%s\n", message.text);
-    return 1;
-  }
+int main() try {
   std::vector<cv::Mat> images;
   cv::RNG noise(1);
   for (int k = 0; k < 4; ++k) {
@@ -33,4 +25,7 @@ int main() {
     made += image.size() == cv::Size(60, 40) ? 1 : 0;
   }
   return made == 8 && velostrix::Diagnose(images, recipe.parameters).warnings.empty() ? 0 : 1;
+} catch (const velostrix::Error& error) {
+  std::fprintf(stderr, "%s\n", error.what());
+  return 1;
 }
