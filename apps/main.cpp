@@ -45,40 +45,44 @@ size_t Distance(const std::string& from, const std::string& to) {
   return row.back();
 }
 
-// What was not understood, with the option that was perhaps meant: the one that begins or, of
-// several, is spelled most alike.
+// The name that begins with the word or, of several, the one that is spelled most alike.
+std::string Nearest(const std::string& word, const std::vector<std::string>& names) {
+  std::string nearest;
+  std::pair<size_t, size_t> least;
+  for (const std::string& name : names) {
+    const std::pair distance(Distance(word, name.substr(0, word.size())), Distance(word, name));
+    if (!nearest.empty() && distance >= least) continue;
+    nearest = name;
+    least = distance;
+  }
+  return nearest;
+}
+
+// What was not understood, with the option that was perhaps meant.
 std::string DescribeExtra(const CLI::App& app) {
   const CLI::App& command = app.get_subcommands().empty() ? app : *app.get_subcommands().front();
   const std::string extra = command.remaining(true).front();
   const std::string word = extra.substr(0, extra.find('='));
   if (word.rfind("--", 0) != 0) return extra + ": is not expected here";
-  std::string nearest;
-  std::pair<size_t, size_t> least;
+  std::vector<std::string> names;
   for (const CLI::Option* option : command.get_options()) {
-    for (const std::string& name : option->get_lnames()) {
-      const std::string spelled = "--" + name;
-      const std::pair distance(Distance(word, spelled.substr(0, word.size())),
-                               Distance(word, spelled));
-      if (!nearest.empty() && distance >= least) continue;
-      nearest = spelled;
-      least = distance;
-    }
+    for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
   }
-  return word + ": no such option; the nearest is " + nearest;
+  return word + ": no such option; the nearest is " + Nearest(word, names);
 }
 
 // The parser's own words do not name the command that it does not know.
 void RequireCommand(const CLI::App& app, int argc, char** argv) {
   const std::string first = argc > 1 ? argv[1] : "";
-  bool is_known = first.rfind('-', 0) == 0;
-  std::string names;
-  for (const CLI::App* command : app.get_subcommands({})) {
-    is_known = is_known || command->get_name() == first;
-    names += ' ' + command->get_name();
+  std::vector<std::string> names;
+  for (const CLI::App* command : app.get_subcommands({})) names.push_back(command->get_name());
+  if (first.empty()) {
+    throw velostrix::cli::UsageError("no command; expected one of " +
+                                     CLI::detail::join(names, " "));
   }
-  if (is_known) return;
-  throw velostrix::cli::UsageError((first.empty() ? "no command" : first + ": no such command") +
-                                   "; expected one of" + names);
+  if (first.front() == '-' || std::find(names.begin(), names.end(), first) != names.end()) return;
+  throw velostrix::cli::UsageError(first + ": no such command; the nearest is " +
+                                   Nearest(first, names) + kSeeHelp);
 }
 
 }  // namespace

@@ -262,6 +262,18 @@ class CommandLine(unittest.TestCase):
         for command in ("", "reconstruct", "render", "sheet", "info"):
             self.assertIn("Exit codes: 0 done", self.run_well(command + " --help"))
 
+    def test_bash_completes_commands_options_and_choices(self):
+        script = pathlib.Path(__file__).parents[2] / "cmake/velostrix.bash"
+        for words, expected in (("rec", "reconstruct"), ("reconstruct a --blur", "--blur-radius"),
+                                ("reconstruct --run part", "partrows partcols"),
+                                ("render --out inp", "inputs")):
+            call = (f"source {script}; COMP_WORDS=(velostrix {words}); n=${{#COMP_WORDS[@]}};"
+                    " COMP_CWORD=$((n - 1)); _velostrix velostrix ${COMP_WORDS[@]:(-1)}"
+                    " ${COMP_WORDS[n - 2]}; echo ${COMPREPLY[@]}")
+            said = subprocess.check_output(["bash", "-c", call], text=True, cwd=self.folder, env={
+                **os.environ, "PATH": f"{PROGRAM.parent}:{os.environ['PATH']}"})
+            self.assertEqual(said.strip(), expected, words)
+
     def test_refusals_say_in_one_line_what_to_do_and_write_nothing(self):
         (self.folder / "text.png").write_text("no picture")
         (self.folder / "empty.png").touch()
@@ -283,7 +295,7 @@ class CommandLine(unittest.TestCase):
         two = pair + "--out out "
         for arguments, exit_code, *said in (
             ("", 2, "expected one of reconstruct render sheet info"),
-            ("frobnicate", 2, "frobnicate: no such command", "expected one of reconstruct"),
+            ("recnostruct a", 2, "recnostruct: no such command; the nearest is reconstruct"),
             ("reconstruct a b c", 2, "--out is required"),
             (two, 2, "IMAGE: 2 files given", "expected 3 to 8"),
             (pair + "inputs/image2.png " * 7 + "--out out", 2, "9 files given", "--choose 8"),
