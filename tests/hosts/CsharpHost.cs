@@ -1,5 +1,5 @@
-// A host in C#. Without arguments: checks what the C# classes add. With `memory`: runs out of it. With
-// FOLDER WIDTH HEIGHT COUNT: reconstructs raw images by every run; with RECIPE as well: by the recipe.
+// A host in C#. With a recipe: checks what the C# classes add. With `memory`: runs out of it. With
+// FOLDER WIDTH HEIGHT COUNT: reconstructs raw images by the command line's recipes and by gains of its own.
 using System;
 using System.Collections.Generic;
 using System.Drawing;
@@ -15,52 +15,21 @@ static class CsharpHost
     const int Width = 80, Height = 60, Count = 4;
     static int failures;
 
-    static VelostrixParameters Tuned()
-    {
-        return new VelostrixParameters
-        {
-            Region = new VelostrixRegion(8, 6, 80, 60),
-            Scale = 0.75,
-            Equalise = true,
-            Difference = VelostrixDifference.Forward,
-            BlurRadius = 2,
-            IterationCap = 30,
-            Band = 20,
-            Gains =
-            {
-                [VelostrixOutput.Factor] = 0.9, [VelostrixOutput.Curvature] = 300.5,
-                [VelostrixOutput.Magnitude] = 200.25, [VelostrixOutput.Channel0] = 90,
-                [VelostrixOutput.Channel1] = -90, [VelostrixOutput.Channel2] = 4000
-            },
-            Offsets =
-            {
-                [VelostrixOutput.Curvature] = 120, [VelostrixOutput.Magnitude] = 3,
-                [VelostrixOutput.Channel0] = 100, [VelostrixOutput.Channel1] = 140,
-                [VelostrixOutput.Channel2] = 5
-            }
-        };
-    }
-
-    static void WriteResults(string folder, int width, int height, int count, string recipe)
+    static void WriteResults(string folder, int width, int height, int count)
     {
         List<VelostrixImage> images = Enumerable.Range(0, count).Select(k => new VelostrixImage(
             File.ReadAllBytes(Path.Combine(folder, $"image{k}.raw")), width, height)).ToList();
         var tool = new VelostrixTool();
-        if (recipe != null)
+        foreach (string run in new[] { "uncali", "cali", "partrows", "partcols" })
         {
-            VelostrixParameters read = VelostrixParameters.Load(recipe);
-            Write(Path.Combine(folder, "csharp", "recipe"), tool.Reconstruct(images, read));
-            return;
-        }
-        string[] names = { "uncali", "cali", "partrows", "partcols" };
-        for (int run = 0; run < names.Length; ++run)
-        {
-            var plain = new VelostrixParameters { Run = (VelostrixRun)run };
-            plain = tool.ChooseGains(images, plain);
-            Write(Path.Combine(folder, "csharp", "plain", names[run]), tool.Reconstruct(images, plain));
-            VelostrixParameters tuned = Tuned();
-            tuned.Run = (VelostrixRun)run;
-            Write(Path.Combine(folder, "csharp", "tuned", names[run]), tool.Reconstruct(images, tuned));
+            foreach (string name in new[] { "plain", "tuned" })
+            {
+                VelostrixParameters read = VelostrixParameters.Load($"{folder}/cli/{name}/{run}/run.json");
+                Write($"{folder}/csharp/by its recipe/{run}/{name}", tool.Reconstruct(images, read));
+                if (name == "tuned") continue;
+                read = tool.ChooseGains(images, new VelostrixParameters { Run = read.Run });
+                Write($"{folder}/csharp/by chosen gains/{run}/{name}", tool.Reconstruct(images, read));
+            }
         }
     }
 
@@ -73,8 +42,7 @@ static class CsharpHost
             byte[] bytes = image.SampleBytes == 2
                 ? image.Levels().SelectMany(BitConverter.GetBytes).ToArray()
                 : image.Bytes();
-            string name = output.ToString().ToLowerInvariant() + ".raw";
-            File.WriteAllBytes(Path.Combine(folder, name), bytes);
+            File.WriteAllBytes($"{folder}/{output.ToString().ToLowerInvariant()}.raw", bytes);
         }
     }
 
@@ -128,29 +96,38 @@ static class CsharpHost
         }
     }
 
-    static void ParametersComeAndGoAsRecipes()
+    static void ParametersComeAndGoAsRecipes(string recipe)
     {
-        VelostrixParameters tuned = Tuned();
-        tuned.Run = VelostrixRun.PartCols;
-        tuned.Outputs = new[] { VelostrixOutput.Normal, VelostrixOutput.Curvature };
-        tuned.Bits = 12;
-        string path = Path.GetTempFileName();
-        tuned.Save(path);
-        VelostrixParameters read = VelostrixParameters.Load(path);
-        Expect(read.ToJson() == tuned.ToJson() && read.Clone().ToJson() == tuned.ToJson(), "recipe");
+        VelostrixParameters read = VelostrixParameters.Load(recipe);
+        VelostrixRegion region = read.Region.Value;
         string values = string.Join(" ",
-            read.Run, string.Join("+", read.Outputs), read.Region.Value.X, read.Equalise,
-            read.Difference, read.Bits, read.Gains[VelostrixOutput.Channel1],
-            read.Gains.IsKept(VelostrixOutput.Factor));
-        Expect(values == "PartCols Curvature+Normal 8 True Forward 12 -90 True", values);
-        File.WriteAllText(path, "{\"recipe_version\": 1, \"blür\": 2}");
-        ExpectThrows<VelostrixException>("blür", () => VelostrixParameters.Load(path));
-        ExpectThrows<VelostrixException>(path, () => VelostrixParameters.Load(path));
-        File.Delete(path);
+            read.Run, read.Band, string.Join("+", read.Outputs), region.X, region.Y, region.Width,
+            region.Height, read.Scale, read.Equalise, read.Difference, read.BlurRadius,
+            read.IterationCap, read.Bits, read.Gains[VelostrixOutput.Channel1],
+            read.Offsets[VelostrixOutput.Channel2], read.Gains.IsKept(VelostrixOutput.Channel0));
+        Expect(values == "PartCols 20 Factor+Curvature+Magnitude+Height+Channel1+Channel2+Normal" +
+               " 8 6 80 60 0.75 True Forward 2 30 12 -90 -5 False", values);
+
+        // Set one by one, and written, they are the same.
+        var copy = new VelostrixParameters();
+        foreach (PropertyInfo property in copy.GetType().GetProperties().Where(p => p.CanWrite))
+        {
+            Expect(!Equals(property.GetValue(copy), property.GetValue(read)), property + ": give it another");
+            property.SetValue(copy, property.GetValue(read));
+        }
+        foreach (VelostrixOutput output in Enum.GetValues(typeof(VelostrixOutput)))
+        {
+            if (read.Gains.IsKept(output)) copy.Gains[output] = read.Gains[output];
+            if (read.Offsets.IsKept(output)) copy.Offsets[output] = read.Offsets[output];
+        }
+        string path = Path.GetTempFileName();
+        copy.Save(path);
+        Expect(File.ReadAllText(path) == read.ToJson() && read.Clone().ToJson() == read.ToJson(), "recipe");
         read.Gains.Release();
-        read.Offsets.Release();
-        Expect(read.Gains[VelostrixOutput.Channel1] == 128 && !read.ToJson().Contains("channel1"),
-               "what is released is the default and not kept");
+        Expect(read.Gains[VelostrixOutput.Channel2] == 127 && !read.ToJson().Contains("4000"), "released");
+        File.WriteAllText(path, "{\"recipe_version\": 1, \"blür\": 2}");
+        ExpectThrows<VelostrixException>(path + ": recipe: blür", () => VelostrixParameters.Load(path));
+        File.Delete(path);
     }
 
     static void ImagesOfEveryKindGiveTheSameBytes()
@@ -300,11 +277,13 @@ static class CsharpHost
         new Random(5).NextBytes(pixels);
         var images = Enumerable.Repeat(new VelostrixImage(pixels, Side, Side), Count).ToList();
         var parameters = new VelostrixParameters { IterationCap = 2 };
+        VelostrixParameters small = parameters.Clone();
+        small.Region = new VelostrixRegion(8, 6, 80, 60);
         var reasons = new HashSet<string>();
         for (ulong mebibytes = 16;; mebibytes += 16)
         {
             var tool = new VelostrixTool();
-            tool.Reconstruct(images, Tuned());  // what is loaded and compiled on first use
+            tool.Reconstruct(images, small);  // what is loaded and compiled on first use
             LimitGrowth(mebibytes);
             bool isEnough = true;
             try
@@ -317,7 +296,7 @@ static class CsharpHost
                 reasons.Add(error.Message);
             }
             LimitGrowth(null);
-            Expect(tool.Reconstruct(images, Tuned())[VelostrixOutput.Height].Width == 80,
+            Expect(tool.Reconstruct(images, small)[VelostrixOutput.Height].Width == 80,
                    $"a run after one with {mebibytes} MiB");
             tool.Dispose();
             if (isEnough) break;
@@ -327,19 +306,23 @@ static class CsharpHost
 
     static int Main(string[] arguments)
     {
-        if (arguments.Length >= 4)
+        if (arguments.Length == 4)
         {
             WriteResults(arguments[0], int.Parse(arguments[1]), int.Parse(arguments[2]),
-                         int.Parse(arguments[3]), arguments.Skip(4).FirstOrDefault());
-            return 0;
+                         int.Parse(arguments[3]));
         }
-        Action[] checks =
+        else if (arguments[0] == "memory")
         {
-            LayoutsAndEntryPointsAreThoseOfTheLibrary, ParametersComeAndGoAsRecipes,
-            ImagesOfEveryKindGiveTheSameBytes, DiagnosticsNameTheImages, WhatCannotBeDoneThrows
-        };
-        if (arguments.Length == 1) checks = new Action[] { MemoryThatIsMissingIsAnException };
-        foreach (Action check in checks) check();
+            MemoryThatIsMissingIsAnException();
+        }
+        else
+        {
+            LayoutsAndEntryPointsAreThoseOfTheLibrary();
+            ParametersComeAndGoAsRecipes(arguments[0]);
+            ImagesOfEveryKindGiveTheSameBytes();
+            DiagnosticsNameTheImages();
+            WhatCannotBeDoneThrows();
+        }
         return failures == 0 ? 0 : 1;
     }
 }
