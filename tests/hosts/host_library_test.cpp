@@ -7,9 +7,11 @@
 
 #include <atomic>
 #include <cstring>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <limits>
-#include <memory>
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -26,10 +28,10 @@ namespace {
 constexpr int kCount = 4;
 const cv::Size kSize(64, 48);
 
-std::vector<cv::Mat> Frames(uint64_t seed = 1) {
+std::vector<cv::Mat> Frames(uint64_t seed = 1, cv::Size size = kSize) {
   scene::SceneOptions options;
-  options.width = kSize.width;
-  options.height = kSize.height;
+  options.width = size.width;
+  options.height = size.height;
   options.images = kCount;
   options.seed = seed;
   return scene::Render(options).images;
@@ -87,13 +89,37 @@ void ExpectResults(const Host& host, const Results& expected) {
 }
 
 struct Call {
-  std::vector<cv::Mat> frames = Frames();
-  std::vector<VelostrixImage> images = ImagesOf(frames);
+  explicit Call(cv::Size size = kSize, uint64_t seed = 1)
+      : frames(Frames(seed, size)), images(ImagesOf(frames)) {}
+
+  std::vector<cv::Mat> frames;
+  std::vector<VelostrixImage> images;
   VelostrixSettings settings = Defaults();
 };
 
+VelostrixStatus Reconstruct(const Host& host, const Call& call) {
+  return VelostrixReconstructorReconstruct(host, call.images.data(), kCount, &call.settings);
+}
+
+std::string ReadFile(const char* path) {
+  std::ifstream file(path);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
 TEST(HostLibrary, RefusalsSayWhatIsExpectedAndLeaveAllAsItWas) {
   constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
+  const auto region = [](int x, int y, int width, int height) {
+    return [=](Call& c) {
+      c.settings.has_region = 1;
+      c.settings.region = {x, y, width, height};
+    };
+  };
+  const auto wide = [](int offset, int bits) {  // 16-bit samples in use of 8-bit ones
+    return [=](Call& c) {
+      c.images[0] = {static_cast<const uint8_t*>(c.images[0].data) + offset, 64, 31, 48, 2, 0};
+      c.settings.bits = bits;
+    };
+  };
   const struct {
     const char* message;
     std::function<void(Call&)> spoil;
@@ -107,40 +133,20 @@ TEST(HostLibrary, RefusalsSayWhatIsExpectedAndLeaveAllAsItWas) {
       {"image 1 has samples of 4 bytes", [](Call& c) { c.images[0].sample_bytes = 4; }},
       {"image 2 has rows of 64 bytes every 63", [](Call& c) { c.images[1].row_stride = 63; }},
       {"every -64", [](Call& c) { c.images[1].row_stride = -64; }},
-      {"image 1 has 16-bit samples; expected settings that say",
-       [](Call& c) { c.images[0] = {c.images[0].data, 64, 32, 48, 2, 0}; }},
-      {"samples aligned",
-       [](Call& c) {
-         c.images[0] = {static_cast<const uint8_t*>(c.images[0].data) + 1, 64, 31, 48, 2, 0};
-       }},
-      {"more than 8 bits can hold",
-       [](Call& c) {
-         c.settings.bits = 8;
-         c.images[2] = {c.images[0].data, 64, 32, 48, 2, 0};
-       }},
+      {"image 1 has 16-bit samples; expected settings that say", wide(0, 0)},
+      {"samples aligned", wide(1, 12)},
+      {"more than 8 bits can hold", wide(0, 8)},
       {"bits 7; expected 8 to 16", [](Call& c) { c.settings.bits = 7; }},
       {"settings of 12 bytes; expected 168", [](Call& c) { c.settings.struct_size = 12; }},
       {"run 4; expected 0 to 3, that is uncali cali", [](Call& c) { c.settings.run = 4; }},
       {"difference -1; expected 0 to 1", [](Call& c) { c.settings.difference = -1; }},
       {"outputs has bits that are no output", [](Call& c) { c.settings.outputs = 256; }},
       {"kept_gains has bits", [](Call& c) { c.settings.kept_gains = 512; }},
-      {"5 x 5 pixels at (60, 0) is not inside",
-       [](Call& c) {
-         c.settings.has_region = 1, c.settings.region = {60, 0, 5, 5};
-       }},
-      {"(-1, 0)",
-       [](Call& c) {
-         c.settings.has_region = 1, c.settings.region = {-1, 0, 5, 5};
-       }},
-      {"is not inside",
-       [](Call& c) {
-         c.settings.has_region = 1, c.settings.region = {1, 1, INT_MAX, 5};
-       }},
-      {"the region has 2 x 9 pixels; expected at least 3 x 2",
-       [](Call& c) {
-         c.settings.has_region = 1, c.settings.region = {5, 5, 2, 9};
-       }},
-      {"the region has 0 x 0 pixels", [](Call& c) { c.settings.has_region = 1; }},
+      {"5 x 5 pixels at (60, 0) is not inside", region(60, 0, 5, 5)},
+      {"(-1, 0)", region(-1, 0, 5, 5)},
+      {"is not inside", region(1, 1, INT_MAX, 5)},
+      {"the region has 2 x 9 pixels; expected at least 3 x 2", region(5, 5, 2, 9)},
+      {"the region has 0 x 0 pixels", region(0, 0, 0, 0)},
       {"scale 0", [](Call& c) { c.settings.scale = 0.0; }},
       {"scale 2", [](Call& c) { c.settings.scale = 2.0; }},
       {"scale", [](Call& c) { c.settings.scale = kNan; }},
@@ -152,8 +158,7 @@ TEST(HostLibrary, RefusalsSayWhatIsExpectedAndLeaveAllAsItWas) {
   const Results before = Tool().Reconstruct(Frames(), {});
   const Results after = Tool().Reconstruct(Frames(2), {});
   const Call good;
-  ASSERT_EQ(VelostrixReconstructorReconstruct(host, good.images.data(), kCount, &good.settings),
-            VELOSTRIX_OK);
+  ASSERT_EQ(Reconstruct(host, good), VELOSTRIX_OK);
   for (const auto& c : cases) {
     SCOPED_TRACE(c.message);
     Call call;
@@ -172,47 +177,45 @@ TEST(HostLibrary, RefusalsSayWhatIsExpectedAndLeaveAllAsItWas) {
   }
 
   // One by one, with all refusals of a part in between.
-  const auto expect = [&](VelostrixStatus status, VelostrixStatus expected, const char* message) {
+  constexpr auto kInvalid = VELOSTRIX_INVALID_ARGUMENT;
+  constexpr auto kState = VELOSTRIX_WRONG_STATE;
+  const auto expect = [&](VelostrixStatus expected, const char* message, VelostrixStatus status) {
     EXPECT_EQ(status, expected) << message;
     EXPECT_NE(host.Message().find(message), std::string::npos) << host.Message();
   };
+  const auto set = [&](const VelostrixImage* image) {
+    return VelostrixReconstructorSetImage(host, image);
+  };
+  const auto prepare = [&](const VelostrixSettings& settings) {
+    return VelostrixReconstructorPrepare(host, kCount, 64, 48, &settings);
+  };
+  std::vector<uint8_t> memory(size_t{64} * 48);
+  const auto copy = [&](int64_t stride, int64_t capacity) {
+    return VelostrixReconstructorCopyResult(host, 0, memory.data(), stride, capacity);
+  };
   VelostrixSettings wrong = Defaults();
   wrong.blur_radius = -1;
-  Call next;
-  next.frames = Frames(2);
-  next.images = ImagesOf(next.frames);
+  const Call next(kSize, 2);
   VelostrixImage small = next.images[1];
   small.width = 63;
   VelostrixPlane plane;
-  expect(VelostrixReconstructorSetImage(host, next.images.data()), VELOSTRIX_WRONG_STATE,
-         "not prepared");
-  ASSERT_EQ(VelostrixReconstructorPrepare(host, kCount, 64, 48, &next.settings), VELOSTRIX_OK);
-  expect(VelostrixReconstructorResult(host, 0, &plane), VELOSTRIX_WRONG_STATE, "no results yet");
-  for (int k = 0; k < kCount; ++k) {
-    expect(VelostrixReconstructorRun(host), VELOSTRIX_WRONG_STATE, " of 4 images are set");
-    expect(VelostrixReconstructorSetImage(host, nullptr), VELOSTRIX_INVALID_ARGUMENT,
-           "image is null");
-    expect(VelostrixReconstructorSetImage(host, &small), VELOSTRIX_INVALID_ARGUMENT,
-           " has 63 x 48 pixels, prepared for 64 x 48");
-    expect(VelostrixReconstructorPrepare(host, kCount, 64, 48, &wrong), VELOSTRIX_INVALID_ARGUMENT,
-           "blur_radius -1");
-    EXPECT_EQ(VelostrixReconstructorSetImage(host, &next.images[static_cast<size_t>(k)]),
-              VELOSTRIX_OK);
+  expect(kState, "not prepared", set(next.images.data()));
+  ASSERT_EQ(prepare(next.settings), VELOSTRIX_OK);
+  expect(kState, "no results yet", VelostrixReconstructorResult(host, 0, &plane));
+  for (const VelostrixImage& image : next.images) {
+    expect(kState, " of 4 images are set", VelostrixReconstructorRun(host));
+    expect(kInvalid, "image is null", set(nullptr));
+    expect(kInvalid, " has 63 x 48 pixels, prepared for 64 x 48", set(&small));
+    expect(kInvalid, "blur_radius -1", prepare(wrong));
+    EXPECT_EQ(set(&image), VELOSTRIX_OK);
   }
-  expect(VelostrixReconstructorSetImage(host, next.images.data()), VELOSTRIX_WRONG_STATE,
-         "all 4 images are set");
+  expect(kState, "all 4 images are set", set(next.images.data()));
   EXPECT_EQ(VelostrixReconstructorRun(host), VELOSTRIX_OK);
   ExpectResults(host, after);
-  expect(VelostrixReconstructorResult(host, 8, &plane), VELOSTRIX_INVALID_ARGUMENT, "output 8");
-  std::vector<uint8_t> copy(size_t{63} * 50);
-  expect(VelostrixReconstructorCopyResult(host, 0, copy.data(), 0, 64 * 48 - 1),
-         VELOSTRIX_INVALID_ARGUMENT, "48 rows of 64 bytes");
-  expect(VelostrixReconstructorCopyResult(host, 0, copy.data(), INT64_MAX, INT64_MAX),
-         VELOSTRIX_INVALID_ARGUMENT, "row_stride");
-  EXPECT_EQ(VelostrixReconstructorRun(nullptr), VELOSTRIX_INVALID_ARGUMENT);
-  VelostrixMessage message;
-  EXPECT_EQ(VelostrixCheckVersion(99, 0, &message), VELOSTRIX_FAILED);
-  EXPECT_NE(std::string(message.text).find("made for version 99.0"), std::string::npos);
+  expect(kInvalid, "output 8", VelostrixReconstructorResult(host, 8, &plane));
+  expect(kInvalid, "48 rows of 64 bytes", copy(0, 64 * 48 - 1));
+  expect(kInvalid, "row_stride", copy(INT64_MAX, INT64_MAX));
+  EXPECT_EQ(VelostrixReconstructorRun(nullptr), kInvalid);
 }
 
 TEST(HostLibrary, CopiesTimesGainsAndDiagnostics) {
@@ -239,8 +242,7 @@ TEST(HostLibrary, CopiesTimesGainsAndDiagnostics) {
   EXPECT_EQ(call.settings.kept_gains, recipe_detail::ToBits(kScaled));
   EXPECT_EQ(call.settings.kept_offsets, recipe_detail::ToBits(kScaled));
   EXPECT_EQ(VelostrixReconstructorRun(host), VELOSTRIX_WRONG_STATE);
-  ASSERT_EQ(VelostrixReconstructorReconstruct(host, call.images.data(), kCount, &call.settings),
-            VELOSTRIX_OK);
+  ASSERT_EQ(Reconstruct(host, call), VELOSTRIX_OK);
   const Results expected = tool.Reconstruct(call.frames, parameters);
   ExpectResults(host, expected);
 
@@ -258,33 +260,31 @@ TEST(HostLibrary, CopiesTimesGainsAndDiagnostics) {
   const char* names[] = {"left", "right", "up", "down"};
   VelostrixDiagnostics d = {};
   d.struct_size = sizeof d;
+  std::string said;
   const auto diagnose = [&] {
-    return VelostrixReconstructorDiagnose(host, call.images.data(), kCount, &call.settings, names,
-                                          &d);
+    EXPECT_EQ(
+        VelostrixReconstructorDiagnose(host, call.images.data(), kCount, &call.settings, names, &d),
+        VELOSTRIX_OK);
+    said.clear();
+    VelostrixMessage warning;
+    for (int k = 0; VelostrixReconstructorWarning(host, k, &warning) == VELOSTRIX_OK; ++k) {
+      EXPECT_LT(k, d.warning_count);
+      said.append(warning.text).append("; ");
+    }
   };
-  ASSERT_EQ(diagnose(), VELOSTRIX_OK);
-  EXPECT_EQ(d.warning_count, 0);
+  diagnose();
+  EXPECT_EQ(said, "");
   EXPECT_LT(d.unexplained_by_ring, 0.05);
   EXPECT_EQ(d.singular_values[0], 1.0);
   ExpectResults(host, expected);
   call.images[2] = call.images[1];
-  std::swap(call.images[0], call.images[3]);
   const cv::Mat1b black(kSize, 0);
   call.images[0].data = black.data;
-  ASSERT_EQ(diagnose(), VELOSTRIX_OK);
+  diagnose();
   EXPECT_EQ(d.exposures[0].is_dead, 1);
   EXPECT_EQ(d.exposures[2].equal_to, 1);
-  std::string said;
-  VelostrixMessage warning;
-  for (int k = 0; k < d.warning_count; ++k) {
-    EXPECT_EQ(VelostrixReconstructorWarning(host, k, &warning), VELOSTRIX_OK);
-    said += warning.text;
-  }
-  for (const char* words : {"left: dark all over", "up: equal to right", "too alike"}) {
-    EXPECT_NE(said.find(words), std::string::npos) << said;
-  }
-  EXPECT_EQ(VelostrixReconstructorWarning(host, d.warning_count, &warning),
-            VELOSTRIX_INVALID_ARGUMENT);
+  const std::regex expected_warnings("left: dark all over.*up: equal to right.*too alike");
+  EXPECT_TRUE(std::regex_search(said, expected_warnings)) << said;
 }
 
 TEST(HostLibrary, SixteenBitImagesAreScaledByTheirBits) {
@@ -299,9 +299,7 @@ TEST(HostLibrary, SixteenBitImagesAreScaledByTheirBits) {
       frame = frame.colRange(0, kSize.width);
     }
     call.images = ImagesOf(call.frames);
-    ASSERT_EQ(VelostrixReconstructorReconstruct(host, call.images.data(), kCount, &call.settings),
-              VELOSTRIX_OK)
-        << host.Message();
+    ASSERT_EQ(Reconstruct(host, call), VELOSTRIX_OK) << host.Message();
     ExpectResults(host, expected);
   }
 }
@@ -310,33 +308,32 @@ TEST(HostLibrary, RecipesComeBackAndWhatTheyCannotHoldIsNamed) {
   Recipe recipe;
   Parameters& p = recipe.parameters;
   p.run = velostrix::Run::kPartCols;
-  p.outputs = {Output::kFactor, Output::kNormal};
-  p.region = cv::Rect(1, 2, 30, 40);
-  p.scale = 1.0 / 3.0;
+  p.band = 20;
+  p.outputs.Remove(Output::kChannel0);
+  p.region = cv::Rect(8, 6, 80, 60);
+  p.scale = 0.75;
+  p.equalise = true;
   p.difference = Difference::kForward;
   p.blur_radius = 2;
-  p.iteration_cap = -1;
-  p.factor_gain = 0.1;
-  p.channel[1] = {-7, -1e-300};
+  p.iteration_cap = 30;
+  p.factor_gain = 0.9;
+  p.curvature = {120, 300.5};
+  p.magnitude = {3, 200.25};
+  p.channel = {{{100, 128.0}, {128, -90.0}, {-5, 4000.0}}};
   recipe.bits = 12;
   const std::string text = WriteRecipe(recipe);
-  const Recipe read = ParseRecipe("{\"recipe\": " + text + ", \"times_ms\": {}}");
-  EXPECT_EQ(WriteRecipe(read), text);
-  EXPECT_TRUE(read.kept_gains.Contains(Output::kFactor));
-  EXPECT_TRUE(read.kept_offsets.Contains(Output::kChannel1));
-  EXPECT_FALSE(read.kept_offsets.Contains(Output::kHeight));
+  EXPECT_EQ(WriteRecipe(ParseRecipe(ReadFile(VELOSTRIX_RECIPE))), text);
+  EXPECT_EQ(WriteRecipe(ParseRecipe("{\"recipe\": " + text + ", \"times_ms\": {}}")), text);
   EXPECT_EQ(WriteRecipe(ParseRecipe("{\"recipe_version\":1,\"region\":null}")),
             WriteRecipe(Recipe()));
 
   // What is the default is fixed only when it was given; what is not is never lost.
-  Recipe given = recipe;
+  Recipe given;
   given.kept_gains = {Output::kMagnitude};
-  given.kept_offsets = {Output::kChannel0};
+  given.parameters.channel[1].offset = 7;
   const VelostrixSettings fixed = ToRecord(ParseRecipe(WriteRecipe(given)));
-  using recipe_detail::ToBits;
-  EXPECT_EQ(fixed.kept_gains, ToBits({Output::kMagnitude, Output::kFactor, Output::kChannel1}));
-  EXPECT_EQ(fixed.kept_offsets, ToBits({Output::kChannel0, Output::kChannel1}));
-  EXPECT_EQ(ToRecord(ParseRecipe(WriteRecipe({}))).kept_gains, 0U);
+  EXPECT_EQ(fixed.kept_gains, recipe_detail::ToBits({Output::kMagnitude}));
+  EXPECT_EQ(fixed.kept_offsets, recipe_detail::ToBits({Output::kChannel1}));
 
   for (const auto& [members, message] : std::initializer_list<std::pair<const char*, const char*>>{
            {"\"blur\":1",
@@ -384,8 +381,7 @@ TEST(HostLibrary, OneThreadAtATimeAndTheOthersAreToldSo) {
   std::atomic<int> done = 0;
   const auto work = [&] {
     while (done < 20) {
-      const VelostrixStatus status =
-          VelostrixReconstructorReconstruct(host, call.images.data(), kCount, &call.settings);
+      const VelostrixStatus status = Reconstruct(host, call);
       if (status == VELOSTRIX_OK) ++done;
       if (status != VELOSTRIX_OK && status != VELOSTRIX_BUSY) done = 1000;
     }
@@ -397,41 +393,64 @@ TEST(HostLibrary, OneThreadAtATimeAndTheOthersAreToldSo) {
   ExpectResults(host, expected);
 }
 
+// In a child of this process; its exit code.
+int InChild(const std::function<int()>& work) {
+  const pid_t child = fork();
+  if (child == 0) {
+    const int code = work();
+    _exit(testing::Test::HasFailure() ? 100 : code);
+  }
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST(HostLibrary, AForkedProcessGoesOnWithTheReconstructor) {
+  const Host host;
+  const Call call(cv::Size(400, 300));  // a height that threads share, which the child has not
+  const Results expected = Tool().Reconstruct(call.frames, {});
+  ASSERT_EQ(Reconstruct(host, call), VELOSTRIX_OK);
+  for (int k = 0; k < kCount; ++k) {
+    if (k == 0) VelostrixReconstructorPrepare(host, kCount, 400, 300, &call.settings);
+    ASSERT_EQ(VelostrixReconstructorSetImage(host, &call.images[k]), VELOSTRIX_OK);
+  }
+  EXPECT_EQ(InChild([&] {
+              EXPECT_EQ(VelostrixReconstructorRun(host), VELOSTRIX_OK);
+              ExpectResults(host, expected);
+              return Reconstruct(host, call);
+            }),
+            VELOSTRIX_OK);
+  EXPECT_EQ(VelostrixReconstructorRun(host), VELOSTRIX_OK);
+  ExpectResults(host, expected);
+}
+
 TEST(HostLibrary, LittleMemoryIsAStatusAndTheReconstructorGoesOn) {
 #if defined(__SANITIZE_ADDRESS__)
   GTEST_SKIP() << "the sanitizer reserves address space without end";
 #endif
-  const pid_t child = fork();
-  if (child == 0) {
+  const auto work = [] {
     const Host host;
     const Call small;
-    VelostrixSettings settings = Defaults();
-    const std::vector<cv::Mat> frames(kCount, cv::Mat(1000, 1000, CV_8UC1, cv::Scalar(50)));
-    const std::vector<VelostrixImage> images = ImagesOf(frames);
+    const Call large(cv::Size(1000, 1000));
     const cv::Mat2b used(4000, 1000);  // address space in use
-    rlimit limit = {};
+    const auto limit = [](rlim_t bytes) {
+      const rlimit values = {bytes, RLIM_INFINITY};
+      EXPECT_EQ(setrlimit(RLIMIT_AS, &values), 0);
+    };
     int refused = 0;
-    for (rlim_t megabytes = 64; megabytes < 4096; megabytes += 8) {
-      limit = {megabytes << 20, RLIM_INFINITY};
-      setrlimit(RLIMIT_AS, &limit);
-      const VelostrixStatus status =
-          VelostrixReconstructorReconstruct(host, images.data(), kCount, &settings);
+    for (rlim_t megabytes = 64;; megabytes += 8) {
+      limit(megabytes << 20);
+      const VelostrixStatus status = Reconstruct(host, large);
+      const bool is_said = !host.Message().empty();
+      limit(RLIM_INFINITY);
       if (status == VELOSTRIX_OK) break;
-      if (status != VELOSTRIX_OUT_OF_MEMORY || host.Message().empty()) _exit(2);
+      EXPECT_TRUE(status == VELOSTRIX_OUT_OF_MEMORY && is_said) << status;
+      EXPECT_EQ(Reconstruct(host, small), VELOSTRIX_OK);
       ++refused;
     }
-    if (refused == 0) _exit(3);
-    limit = {RLIM_INFINITY, RLIM_INFINITY};
-    setrlimit(RLIMIT_AS, &limit);
-    const VelostrixStatus status =
-        VelostrixReconstructorReconstruct(host, small.images.data(), kCount, &small.settings);
-    if (status != VELOSTRIX_OK) _exit(4);
-    _exit(testing::Test::HasFailure() ? 5 : 0);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+    return refused > 3 ? 0 : 1;
+  };
+  EXPECT_EQ(InChild(work), 0);
 }
 
 }  // namespace
