@@ -3,6 +3,7 @@ import copy
 import ctypes
 import dataclasses
 import gc
+import json
 import multiprocessing
 import os
 import pathlib
@@ -66,8 +67,7 @@ class Marshalling(unittest.TestCase):
             "pixels apart": (0, lambda image: fill(colour[:, :, 1], image)),
             "upside down": (0, lambda image: image[::-1].copy()[::-1]),
             "columns first": (0, np.asfortranarray),
-            "12 bits, rows apart": (
-                12, lambda image: fill(wide_16[:, 9:89], np.rint(image / 255 * 4095))),
+            "12 bits": (12, lambda image: fill(wide_16[:, 9:89], np.rint(image / 255 * 4095))),
             "another byte order": (16, lambda image: (image * np.uint16(257)).astype(">u2")),
         }
 
@@ -84,19 +84,22 @@ class Marshalling(unittest.TestCase):
                 expect_equal(tool.run(), expected)
 
     def test_every_parameter_arrives_and_comes_back(self):
+        recipe = pathlib.Path(__file__).with_name("recipe.json")
+        outputs = ("factor", "curvature", "magnitude", "height", "channel1", "channel2", "normal")
         parameters = Parameters(
-            "partcols", 20, ("factor", "normal"), (8, 6, 50, 40), 0.75, True, "forward", 2, 30, 12,
-            {"factor": 0.9, "channel2": -4000.5}, {"curvature": 120, "channel2": -5})
-        read = Parameters.from_json(parameters.to_json())
+            "partcols", 20, outputs, (8, 6, 80, 60), 0.75, True, "forward", 2, 30, 12,
+            {"factor": 0.9, "curvature": 300.5, "magnitude": 200.25, "channel1": -90, "channel2": 4000},
+            {"curvature": 120, "magnitude": 3, "channel0": 100, "channel2": -5})
+        self.assertEqual(Parameters.load(recipe), parameters)
+        self.assertEqual(json.loads(parameters.to_json()), json.loads(recipe.read_text()))
         for field in dataclasses.fields(Parameters):
-            given, back = getattr(parameters, field.name), getattr(read, field.name)
-            self.assertNotEqual(given, getattr(Parameters(), field.name), "give it another value")
-            self.assertEqual(back, given, field.name)
+            given, plain = getattr(parameters, field.name), getattr(Parameters(), field.name)
+            self.assertNotEqual(given, plain, f"give {field.name} another value")
         self.assertEqual(Parameters.from_json('{"recipe_version": 1}'), Parameters())
         with tempfile.TemporaryDirectory() as folder:
             path = pathlib.Path(folder, "recipe.json")
             parameters.save(path)
-            self.assertEqual(Parameters.load(str(path)), read)
+            self.assertEqual(Parameters.load(str(path)), parameters)
             path.write_text('{"recipe_version": 1, "blur": 2}')
             self.assertRaisesRegex(ValueError, "recipe.json: recipe: blur", Parameters.load, path)
 
@@ -110,12 +113,11 @@ class Marshalling(unittest.TestCase):
         bright = velostrix.reconstruct([image // 2 + 99 for image in noise()])
         self.assertEqual(bright.parameters.offsets["channel2"], 0)
 
-    def test_diagnostics_say_what_the_command_line_says(self):
+    def test_diagnostics_name_the_images(self):
         images = noise()
         images[2] = images[1] * np.uint8(0)
         found = velostrix.diagnose(images[:3] + images[:1], names=["a", pathlib.Path("b"), "c", "d"])
-        self.assertTrue(any(text.startswith("c: dark all over") for text in found.warnings))
-        self.assertTrue(any(text.startswith("d: equal to a") for text in found.warnings))
+        self.assertRegex(" ".join(found.warnings), "c: dark all over.* d: equal to a")
         self.assertEqual([e.equal_to for e in found.exposures], [None, None, None, 0])
         self.assertEqual([e.is_dead for e in found.exposures], [False, False, True, False])
         self.assertEqual(len(found.singular_values), 4)
@@ -127,7 +129,6 @@ class Marshalling(unittest.TestCase):
         cases = [
             (TypeError, "^images: None", None, {}),
             (TypeError, r"^images\[3\]: None", good[:3] + [None], {}),
-            (ValueError, "^2 images given; expected 3 to 8", good[:2], {}),
             (ValueError, "^image 4 has 80 x 59 pixels", good[:3] + [good[3][1:]], {}),
             (ValueError, r"^images\[0\]: has shape \(6,\)", [np.zeros(6, np.uint8)] * 3, {}),
             (ValueError, "^run: 'fast' is unknown", good, {"run": "fast"}),
@@ -135,7 +136,6 @@ class Marshalling(unittest.TestCase):
             (TypeError, "^outputs: 'height' given", good, {"outputs": "height"}),
             (ValueError, "^region: .* expected .x, y, width, height", good, {"region": (0, 0, 2)}),
             (TypeError, "^region: 20.5", good, {"region": (0, 0, 20.5, 20)}),
-            (ValueError, "^blur_radius 32768", good, {"blur_radius": 32768}),
             (ValueError, "^blur_radius: 4294967296", good, {"blur_radius": 2**32}),
             (ValueError, "^scale: 1000", good, {"scale": 10**400}),
             (ValueError, "^gains: 'height' is unknown", good, {"gains": {"height": 1.0}}),
@@ -172,21 +172,16 @@ class Marshalling(unittest.TestCase):
 
 
 class Use(unittest.TestCase):
-    def test_what_is_refused_leaves_the_tool_as_it_was(self):
-        images, tool = noise(), Tool()
-        self.assertRaisesRegex(RuntimeError, "prepare", tool.set_image, images[0])
+    def test_calls_out_of_order_and_copies_are_refused(self):
+        tool = Tool()
+        self.assertRaisesRegex(RuntimeError, "prepare", tool.set_image, noise()[0])
+        for duplicate in (copy.copy, copy.deepcopy, pickle.dumps):
+            self.assertRaisesRegex(TypeError, "copied or pickled", duplicate, tool)
         tool.prepare(4, (60, 80), CURVATURE)
-        for k, image in enumerate(images):
-            self.assertRaisesRegex(RuntimeError, f"{k} of 4", tool.run)
-            for wrong in (Parameters(blur_radius=-1), Parameters(run="fast")):
-                self.assertRaises(ValueError, tool.prepare, 4, (60, 80), wrong)
-            self.assertRaises(ValueError, tool.prepare, 9, (60, 80))
-            self.assertRaises(ValueError, tool.set_image, image[1:])
-            for duplicate in (copy.copy, copy.deepcopy, pickle.dumps):
-                self.assertRaisesRegex(TypeError, "copied or pickled", duplicate, tool)
+        for image in noise():
+            self.assertRaises(ValueError, tool.prepare, 4, (60, 80), Parameters(blur_radius=-1))
             tool.set_image(image)
-        self.assertRaisesRegex(RuntimeError, "all 4", tool.set_image, images[0])
-        expect_equal(tool.run(), Tool().reconstruct(images, CURVATURE))
+        expect_equal(tool.run(), Tool().reconstruct(noise(), CURVATURE))
         tool.close()
         tool.close()
         self.assertRaisesRegex(RuntimeError, "closed", tool.run)
