@@ -1,21 +1,23 @@
 // 8-bit and 16-bit planes from float maps, one pixel at a time.
 //
-// The last few pixels of a row follow other rules than its blocks. Conversions are the processor's:
-// what does not fit an int32, NaN included, becomes INT32_MIN and then 0.
-#include <immintrin.h>
-
+// The last few pixels of a row follow other rules than its blocks. Conversions are those of x86
+// processors: what does not fit an int32, NaN included, becomes INT32_MIN and then 0.
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <limits>
 
 #include "reference/reference_stages.h"
 
 namespace velostrix::reference {
 namespace {
 
-int32_t Round(float value) { return _mm_cvtss_si32(_mm_set_ss(value)); }
-int32_t Truncate(float value) { return _mm_cvttss_si32(_mm_set_ss(value)); }
-int32_t Truncate(double value) { return _mm_cvttsd_si32(_mm_set_sd(value)); }
+int32_t Truncate(double value) {
+  const double whole = std::trunc(value);
+  return std::fabs(whole) < 0x1p31 ? static_cast<int32_t>(whole)
+                                   : std::numeric_limits<int32_t>::min();
+}
+int32_t Round(float value) { return Truncate(std::rint(value)); }
 
 uint8_t ToByte(int32_t level) { return static_cast<uint8_t>(std::clamp(level, 0, 255)); }
 

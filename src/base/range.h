@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "base/float8.h"
+#include "base/vectors.h"
 
 namespace velostrix {
 

@@ -1,11 +1,10 @@
 // Threads that live as long as one solve.
 #include "base/thread_team.h"
 
-#include <emmintrin.h>
-
 #include <exception>
 
 #include "base/floating_point_scope.h"
+#include "base/vectors.h"
 
 #if defined(__unix__)
 #include <csignal>
@@ -36,7 +35,7 @@ class SignalsBlocked {
 }  // namespace
 
 ThreadTeam::ThreadTeam(int threads) {
-  const SignalsBlocked scope;
+  [[maybe_unused]] const SignalsBlocked scope;
   try {
     while (static_cast<int>(helpers_.size()) + 1 < threads) {
       helpers_.emplace_back([this] { Help(); });
@@ -117,7 +116,7 @@ bool ThreadTeam::SpinUntil(const Condition& is_met) const {
   do {
     for (int k = 0; k < 16; ++k) {
       if (is_met()) return true;
-      _mm_pause();
+      Pause();
     }
   } while (Clock::now() - begin < kLongest);
   return false;

@@ -1,13 +1,8 @@
 // Kernels that turn a row of a float map into a row of an 8-bit or 16-bit plane.
 #include "maps/byte_maps.h"
 
-#include <emmintrin.h>
-#include <smmintrin.h>
-
 #include <algorithm>
-#include <cstring>
 
-#include "base/float_conversion.h"
 
 namespace velostrix {
 namespace {
@@ -98,14 +93,10 @@ void MapToWordNormalized(const float* row, int64_t cols, int64_t stride, const R
 }
 
 void SumBytes(const uint8_t* a, const uint8_t* b, int64_t cols, int32_t offset, uint8_t* out) {
-  const __m128i offset8 = _mm_set1_epi16(static_cast<int16_t>(offset));  // modulo 65536; deliberate
-  const auto widened = [](const uint8_t* bytes) {
-    return _mm_cvtepu8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(bytes)));
-  };
+  const auto wrapped_offset = static_cast<int16_t>(offset);  // deliberate
   int64_t j = 0;
-  for (; j + 8 <= cols; j += 8) {
-    const __m128i sum = _mm_add_epi16(_mm_add_epi16(widened(a + j), widened(b + j)), offset8);
-    _mm_storel_epi64(reinterpret_cast<__m128i*>(out + j), _mm_packus_epi16(sum, sum));
+  for (; j + Byte8::kCount <= cols; j += Byte8::kCount) {
+    StoreSum(out + j, LoadByte8(a + j), LoadByte8(b + j), wrapped_offset);
   }
   for (; j < cols; ++j) out[j] = SaturatedByte(int64_t{b[j]} + offset + a[j]);
 }

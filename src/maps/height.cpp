@@ -29,7 +29,7 @@
 #include <optional>
 #include <vector>
 
-#include "base/float8.h"
+#include "base/vectors.h"
 #include "base/large_array.h"
 #include "base/thread_team.h"
 #include "tool/uncalibration_tool.h"

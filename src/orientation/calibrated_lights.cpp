@@ -3,7 +3,7 @@
 
 #include <cmath>
 
-#include "base/float8.h"
+#include "base/vectors.h"
 #include "orientation/image_count.h"
 #include "orientation/image_piece.h"
 #include "tool/uncalibration_tool.h"

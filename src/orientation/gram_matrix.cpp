@@ -1,8 +1,6 @@
 // The inner products of the images of a piece, exact.
 #include "orientation/gram_matrix.h"
 
-#include <smmintrin.h>
-
 #include <algorithm>
 #include <cstring>
 #include <utility>
@@ -12,32 +10,28 @@
 namespace velostrix {
 namespace {
 
-constexpr int64_t kBlock = 8;
-
-__m128i LoadBlock(const uint8_t* bytes) {
-  return _mm_cvtepu8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(bytes)));
-}
+constexpr int64_t kBlock = Byte8::kCount;
 
 // Adds the products of images kFirst and kFirst + 1 with themselves and with all that follow, over
 // whole blocks.
 template <int kImages, int kFirst>
 void AddProductsOfPair(const uint8_t* const (&bytes)[kImages], int64_t count,
-                       __m128i (&sums)[8][8]) {
+                       ProductSums (&sums)[8][8]) {
   constexpr int kCount = kImages - kFirst;
   constexpr bool kHasSecond = kCount > 1;
-  __m128i first[kCount];
-  __m128i second[kCount];
+  ProductSums first[kCount];
+  ProductSums second[kCount];
   for (int k = 0; k < kCount; ++k) {
     first[k] = sums[kFirst][kFirst + k];
     second[k] = sums[kFirst + kHasSecond][kFirst + k];
   }
   for (int64_t j = 0; j < count; j += kBlock) {
-    const __m128i a = LoadBlock(bytes[kFirst] + j);
-    const __m128i b = LoadBlock(bytes[kFirst + kHasSecond] + j);
+    const Byte8 a = LoadByte8(bytes[kFirst] + j);
+    const Byte8 b = LoadByte8(bytes[kFirst + kHasSecond] + j);
     for (int k = 0; k < kCount; ++k) {
-      const __m128i c = k == 0 ? a : k == 1 ? b : LoadBlock(bytes[kFirst + k] + j);
-      first[k] = _mm_add_epi32(first[k], _mm_madd_epi16(a, c));
-      if (k > 0) second[k] = _mm_add_epi32(second[k], _mm_madd_epi16(b, c));
+      const Byte8 c = k == 0 ? a : k == 1 ? b : LoadByte8(bytes[kFirst + k] + j);
+      first[k] = AddProducts(first[k], a, c);
+      if (k > 0) second[k] = AddProducts(second[k], b, c);
     }
   }
   for (int k = 0; k < kCount; ++k) {
@@ -47,7 +41,7 @@ void AddProductsOfPair(const uint8_t* const (&bytes)[kImages], int64_t count,
 }
 
 template <int kImages, int... kPairs>
-void AddProducts(const uint8_t* const (&bytes)[kImages], int64_t count, __m128i (&sums)[8][8],
+void AddProducts(const uint8_t* const (&bytes)[kImages], int64_t count, ProductSums (&sums)[8][8],
                  std::integer_sequence<int, kPairs...> /*pairs*/) {
   (AddProductsOfPair<kImages, 2 * kPairs>(bytes, count, sums), ...);
 }
@@ -82,10 +76,8 @@ void GramAccumulator::AddRow(int64_t row) {
 void GramAccumulator::Flush() {
   for (int a = 0; a < piece_.image_count; ++a) {
     for (int b = a; b < piece_.image_count; ++b) {
-      alignas(16) int32_t sums[4];
-      _mm_store_si128(reinterpret_cast<__m128i*>(sums), lanes_[a][b]);
-      sums_[a][b] += int64_t{sums[0]} + sums[1] + sums[2] + sums[3];
-      lanes_[a][b] = _mm_setzero_si128();
+      sums_[a][b] += Total(lanes_[a][b]);
+      lanes_[a][b] = ProductSums();
     }
   }
   pixels_to_flush_ = kPixelsToFlush;

@@ -1,11 +1,10 @@
 // The inner products of the images of a piece, exact.
 #pragma once
 
-#include <emmintrin.h>
-
 #include <Eigen/Core>
 #include <cstdint>
 
+#include "base/vectors.h"
 #include "orientation/image_piece.h"
 
 namespace velostrix {
@@ -31,7 +30,7 @@ class GramAccumulator {
 
   ImagePiece piece_;
   int64_t pixels_to_flush_ = kPixelsToFlush;
-  __m128i lanes_[8][8] = {};
+  ProductSums lanes_[8][8] = {};
   int64_t sums_[8][8] = {};
 };
 

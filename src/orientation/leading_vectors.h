@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <type_traits>
 
-#include "base/float8.h"
+#include "base/vectors.h"
 #include "orientation/image_count.h"
 #include "orientation/image_piece.h"
 

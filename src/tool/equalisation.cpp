@@ -6,7 +6,7 @@
 #include <numeric>
 #include <opencv2/core.hpp>
 
-#include "base/float_conversion.h"
+#include "base/vectors.h"
 
 namespace velostrix {
 
