@@ -1,7 +1,9 @@
 // Calibrated orientation: the fixed lamp ring and the Lambertian solve per pixel.
 #include "orientation/calibrated_lights.h"
 
+#include <algorithm>
 #include <cmath>
+#include <iterator>
 
 #include "base/vectors.h"
 #include "orientation/image_count.h"
@@ -13,15 +15,48 @@ namespace {
 
 using Matrix3 = std::array<std::array<float, 3>, 3>;
 
-// Angles in degrees are handed to the radian functions as they stand; deliberate: every calibrated
-// result depends on it. Volatile, because a compiler that folds the sines and cosines gets another
-// last digit.
-std::array<float, 3> LampVector(float slant_angle, float azimuth_angle) {
-  const volatile float slant = slant_angle;
-  const volatile float azimuth = azimuth_angle;
-  const float x = std::cos(azimuth) * std::sin(slant);
-  const float y = -(std::sin(azimuth) * std::sin(slant));
-  const float z = std::cos(slant);
+struct Angle {
+  int degrees;
+  float sine;
+  float cosine;
+};
+
+// Degrees taken for radians; deliberate: every calibrated result depends on it. Written out,
+// because libraries and compilers give some of these another last digit.
+constexpr Angle kAngles[] = {
+    {0, 0x0p+0F, 0x1p+0F},
+    {45, 0x1.b3a9ap-1F, 0x1.0cf7p-1F},
+    {51, 0x1.572848p-1F, 0x1.7bfba2p-1F},
+    {60, -0x1.382046p-2F, -0x1.e7a2acp-1F},
+    {72, 0x1.03ea46p-2F, -0x1.ef3b78p-1F},
+    {90, 0x1.c9b9eep-1F, -0x1.cad3dp-2F},
+    {102, 0x1.fd59fp-1F, 0x1.a01854p-4F},
+    {120, 0x1.2945dep-1F, 0x1.a0dc54p-1F},
+    {135, 0x1.69f548p-4F, -0x1.fdff3ap-1F},
+    {144, -0x1.f6ce5ep-2F, 0x1.be0708p-1F},
+    {153, 0x1.9ce08ap-1F, -0x1.2ec802p-1F},
+    {180, -0x1.9a30aep-1F, -0x1.32695cp-1F},
+    {204, 0x1.9df148p-3F, -0x1.f56ec4p-1F},
+    {216, 0x1.6461c8p-1F, -0x1.6f9bbep-1F},
+    {225, -0x1.dc3566p-1F, 0x1.782292p-2F},
+    {240, 0x1.e41164p-1F, 0x1.4d999ep-2F},
+    {255, -0x1.0345c4p-1F, -0x1.b97fdcp-1F},
+    {270, -0x1.688ac8p-3F, 0x1.f800eap-1F},
+    {288, -0x1.b604acp-1F, 0x1.091c8p-1F},
+    {300, -0x1.ffep-1F, -0x1.6a07fp-6F},
+    {306, -0x1.e85374p-1F, -0x1.33c6fep-2F},
+    {315, 0x1.7d821cp-1F, 0x1.5575f6p-1F},
+};
+
+const Angle& AngleOf(int degrees) {
+  return *std::find_if(std::begin(kAngles), std::end(kAngles),
+                       [&](const Angle& angle) { return angle.degrees == degrees; });
+}
+
+std::array<float, 3> LampVector(const Angle& slant, const Angle& azimuth) {
+  const float x = azimuth.cosine * slant.sine;
+  const float y = -(azimuth.sine * slant.sine);
+  const float z = slant.cosine;
   const float norm = std::sqrt(y * y + x * x + z * z);
   return {x / norm, y / norm, z / norm};
 }
@@ -128,15 +163,15 @@ class CalibratedLights : public LightStage {
 }  // namespace
 
 LampMatrix LampRing(int image_count) {
-  constexpr float kSlant = 45.0F;
-  constexpr std::array<float, 3> kThreeLamps = {315.0F, 225.0F, 135.0F};
+  constexpr int kSlant = 45;
+  constexpr std::array<int, 3> kThreeLamps = {315, 225, 135};
   // Whole degrees, so that seven lamps leave a wider gap at the end; deliberate.
   const int step = 360 / image_count;
   LampMatrix lamps = {};
   for (int i = 0; i < image_count; ++i) {
     const auto lamp = static_cast<size_t>(i);
-    const float azimuth = image_count == 3 ? kThreeLamps[lamp] : static_cast<float>(i * step);
-    lamps[lamp] = LampVector(kSlant, azimuth);
+    const int azimuth = image_count == 3 ? kThreeLamps[lamp] : i * step;
+    lamps[lamp] = LampVector(AngleOf(kSlant), AngleOf(azimuth));
   }
   return lamps;
 }
