@@ -149,7 +149,27 @@ Results RunPart(Tool& tool, Part& part) {
   part.record.threads = cv::getNumThreads();
   Results results = tool.ReconstructViews(Images(part), part.record.recipe.parameters);
   part.record.calls = tool.times();
+  part.record.orientation = tool.orientation();
   return results;
+}
+
+void SayOrientation(const Part& part, Console& console) {
+  const OrientationFound& found = part.record.orientation;
+  if (found.curl_as_is < 0.0) return;
+  std::string done;
+  const auto add = [&](bool is_so, const char* what) {
+    if (is_so) done += std::string(done.empty() ? "" : ", ") + what;
+  };
+  add(found.is_mirrored, "mirrored");
+  add(found.is_turned, "turned by a quarter");
+  add(found.is_inverted, "inverted");
+  std::string text = done.empty() ? "not mirrored or turned" : done + ", put right";
+  if (!found.is_clear) text += ", but whether they are mirrored cannot be told";
+  console.Note("slopes as they came: " + text + " (curl share " + Format(found.curl_as_is) +
+               ", when mirrored " + Format(found.curl_mirrored) + ')');
+  if (found.is_sign_open) {
+    console.Note("the sign is open: bumps may be shown as dents; --lamp says where one lamp is");
+  }
 }
 
 void WriteResults(Part& part, const Results& results, OutputFiles& files) {

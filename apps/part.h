@@ -53,6 +53,9 @@ void SayGains(const Part& part, Console& console);
 // threads.
 Results RunPart(Tool& tool, Part& part);
 
+// Says how the slopes lay on the scene and what was done, when it was measured.
+void SayOrientation(const Part& part, Console& console);
+
 // Encodes the results and the record into files that were planned for the part, and puts them in
 // place.
 void WriteResults(Part& part, const Results& results, OutputFiles& files);

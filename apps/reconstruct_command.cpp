@@ -51,6 +51,7 @@ void Reconstruct(const ReconstructOptions& options, const std::vector<std::strin
   cv::setNumThreads(kAllCores);  // for the height
   const Results results = RunPart(tool, part);
   cv::setNumThreads(kNoThreads);
+  SayOrientation(part, console);
 
   console.Step("writing files");
   WriteResults(part, results, files);

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <limits>
 #include <optional>
 #include <utility>
@@ -70,6 +71,27 @@ void ReadRecipe(const std::string& file, ReconstructOptions& options) {
     throw Failure(file + ": " + e.what());
   }
   options.recipe_file = file;
+}
+
+LampHint ParseLamp(const std::string& text) {
+  constexpr std::array<std::pair<const char*, double>, 4> kDirections = {
+      {{"right", 0.0}, {"up", 90.0}, {"left", 180.0}, {"down", 270.0}}};
+  const size_t equals = text.find('=');
+  const std::string from = equals == std::string::npos ? "" : text.substr(equals + 1);
+  LampHint lamp;
+  bool is_known = ParseNumber(from, lamp.degrees) && std::isfinite(lamp.degrees);
+  for (const auto& [name, degrees] : kDirections) {
+    if (from != name) continue;
+    lamp.degrees = degrees;
+    is_known = true;
+  }
+  if (!is_known || !ParseNumber(text.substr(0, equals), lamp.image) || lamp.image < 0 ||
+      lamp.image >= VELOSTRIX_MOST_IMAGES) {
+    throw UsageError("--lamp " + text +
+                     ": expected K=FROM, K a lamp's image, counted from 0, and FROM one of left, "
+                     "right, up, down, or degrees (0 right, 90 up)");
+  }
+  return lamp;
 }
 
 // NAME=VALUE; the name joins those given.
@@ -142,6 +164,7 @@ void DeclareReconstructOptions(CLI::App& command, ReconstructOptions& options) {
       ->group("Recipes")
       ->type_name("FILE");
 
+  p.orientation = Orientation::kUpright;
   const char* const method = "Method";
   command
       .add_option("--bits", recipe.bits,
@@ -189,6 +212,22 @@ void DeclareReconstructOptions(CLI::App& command, ReconstructOptions& options) {
       ->check(OneOf(kDifferenceNames))
       ->default_str(kDifferenceNames[0])
       ->type_name("HOW");
+  command
+      .add_option(
+          "--orientation", options.orientation,
+          "upright: slopes that come out mirrored or turned are put right, by runs on flipped "
+          "images; as-is: left as they come. cali has nothing to put right")
+      ->group(method)
+      ->check(OneOf(kOrientationNames))
+      ->default_str("upright")
+      ->type_name("HOW");
+  command
+      .add_option(
+          "--lamp", options.lamp,
+          "From where one lamp shines, roughly: the number of its image, counted from 0, and left, "
+          "right, up, down or degrees (0 right, 90 up), as in 0=left; tells bumps from dents")
+      ->group(method)
+      ->type_name("K=FROM");
   command
       .add_option("--blur-radius", p.blur_radius, "Smooth curvature and magnitude over this radius")
       ->group(method)
@@ -250,6 +289,10 @@ Recipe ParseRecipe(const ReconstructOptions& options) {
   if (!options.difference.empty()) {
     parameters.difference = Chosen<Difference>(kDifferenceNames, options.difference);
   }
+  if (!options.orientation.empty()) {
+    parameters.orientation = Chosen<Orientation>(kOrientationNames, options.orientation);
+  }
+  if (!options.lamp.empty()) parameters.lamp = ParseLamp(options.lamp);
   if (!options.outputs.empty()) parameters.outputs = ParseOutputs(options.outputs);
   if (!options.region.empty()) parameters.region = ParseRegion(options.region);
 

@@ -22,12 +22,15 @@ struct ReconstructOptions {
   bool quiet = false;
   std::string run;
   std::string difference;
+  std::string orientation;
+  std::string lamp;
   std::string outputs;
   std::string region;
   std::vector<std::string> gains;
   std::vector<std::string> offsets;
 
-  // That of --recipe with the numbers and flags that stand there; bits are 0: to be found.
+  // That of --recipe with the numbers and flags that stand there; bits are 0: to be found. Upright,
+  // unless a recipe says otherwise.
   Recipe recipe;
   std::string recipe_file;
 };

@@ -39,6 +39,15 @@ Json UnexplainedShare(const Diagnostics& d) {
   return {{"by_ring", d.unexplained_by_ring}, {"by_any_lamps", d.unexplained_by_any}};
 }
 
+Json Orientation(const OrientationFound& o) {
+  if (o.curl_as_is < 0.0) return {};
+  return {{"curl_as_is", o.curl_as_is},     {"curl_mirrored", o.curl_mirrored},
+          {"is_clear", o.is_clear},         {"is_mirrored", o.is_mirrored},
+          {"is_turned", o.is_turned},       {"is_inverted", o.is_inverted},
+          {"is_sign_open", o.is_sign_open}, {"has_mirrored_curvature", o.has_mirrored_curvature},
+          {"turn_degrees", o.turn}};
+}
+
 std::string Now() {
   const std::time_t now = std::time(nullptr);
   std::tm utc = {};
@@ -75,6 +84,7 @@ std::string ToJson(const RunRecord& record) {
                      {"inputs", Inputs(record)},
                      {"singular_values", SingularValues(record.diagnostics)},
                      {"unexplained_share", UnexplainedShare(record.diagnostics)},
+                     {"orientation", Orientation(record.orientation)},
                      {"warnings", record.diagnostics.warnings},
                      {"recipe", Json::parse(WriteRecipe(record.recipe))},
                      {"chosen_gains", chosen},

@@ -19,6 +19,7 @@ struct RunRecord {
   OutputSet chosen;  // whose gains were not given
   int threads = 1;
   CallTimes calls;
+  OrientationFound orientation;
   double load_ms = 0.0;
   double diagnose_ms = 0.0;
   double choose_gains_ms = 0.0;

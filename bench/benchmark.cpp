@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "measurement.h"
+#include "upright_scenes.h"
 #include "workloads.h"
 
 namespace {
@@ -28,6 +29,7 @@ struct Options {
   int iteration_cap = Task().iteration_cap;
   int repeats = 5;
   std::string json_file;
+  int upright_scenes = 0;
 };
 
 cv::Size ParseSize(const std::string& text) {
@@ -169,7 +171,22 @@ json MeasureBusyHeight(const Task& task, int repeats) {
   return row;
 }
 
+void PrintUprightCounts(int scenes) {
+  const velostrix::bench::UprightCounts counts = velostrix::bench::CountUpright(scenes);
+  std::printf("heights of %d scenes under 3 to 8 lamps at random places\n", scenes);
+  for (const auto& [name, count] :
+       {std::pair("as they come", counts.as_is), std::pair("upright", counts.upright),
+        std::pair("upright, one lamp known", counts.with_hint)}) {
+    std::printf("  %-24s %4d upright, %4d inverted, %4d neither\n", name, count.upright,
+                count.inverted, count.neither);
+  }
+}
+
 void Run(const Options& options) {
+  if (options.upright_scenes > 0) {
+    PrintUprightCounts(options.upright_scenes);
+    return;
+  }
   std::vector<Task> tasks;
   for (const std::string& size : options.sizes) {
     for (const int images : options.images) {
@@ -216,6 +233,10 @@ int main(int argc, char** argv) {
       ->check(CLI::Range(1, 1000))
       ->capture_default_str();
   app.add_option("--json", options.json_file, "Also write the numbers to this file");
+  app.add_option("--upright", options.upright_scenes,
+                 "Instead: count the heights of so many sample scenes that come out upright")
+      ->check(CLI::Range(1, 100000))
+      ->type_name("SCENES");
   try {
     app.parse(argc, argv);
     Run(options);

@@ -103,6 +103,19 @@ std::optional<cv::Rect> Region(const std::string& path, const Json& value) {
   return region;
 }
 
+std::optional<LampHint> Lamp(const std::string& path, const Json& value) {
+  if (value.is_null()) return std::nullopt;
+  LampHint lamp;
+  ReadMembers(path, value,
+              {{"image", [&](const std::string& field,
+                             const Json& member) { lamp.image = Integer(field, member); }},
+               {"degrees", [&](const std::string& field, const Json& member) {
+                  lamp.degrees = Number(field, member);
+                }}});
+  if (value.size() != 2) Refuse(path, value, "image and degrees");
+  return lamp;
+}
+
 Readers GainReaders(Recipe& recipe) {
   Readers readers;
   for (const Output output : kAllOutputs) {
@@ -186,6 +199,8 @@ Recipe FromJson(std::string_view text) {
                {"blur_radius", into(p.blur_radius, Integer)},
                {"iteration_cap", into(p.iteration_cap, Integer)},
                {"bits", into(recipe.bits, Integer)},
+               {"orientation", into_choice(p.orientation, kOrientationNames)},
+               {"lamp", into(p.lamp, Lamp)},
                {"gains", members(GainReaders(recipe))},
                {"offsets", members(OffsetReaders(recipe))}});
   if (version != kVersion) {
@@ -225,6 +240,8 @@ std::string ToJson(const Recipe& recipe) {
               {"width", p.region->width},
               {"height", p.region->height}};
   }
+  Json lamp;
+  if (p.lamp) lamp = {{"image", p.lamp->image}, {"degrees", p.lamp->degrees}};
   const Json json = {{"recipe_version", kVersion},
                      {"run", kRunNames[static_cast<size_t>(p.run)]},
                      {"band", p.band},
@@ -236,6 +253,8 @@ std::string ToJson(const Recipe& recipe) {
                      {"blur_radius", p.blur_radius},
                      {"iteration_cap", p.iteration_cap},
                      {"bits", recipe.bits},
+                     {"orientation", kOrientationNames[static_cast<size_t>(p.orientation)]},
+                     {"lamp", lamp},
                      {"gains", gains},
                      {"offsets", offsets}};
   return json.dump(2) + '\n';

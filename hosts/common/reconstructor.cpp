@@ -99,6 +99,13 @@ T& Required(T* pointer, const char* name) {
   return *pointer;
 }
 
+template <typename T>
+void RequireSize(T* record, const char* name) {
+  if (Required(record, name).struct_size == sizeof *record) return;
+  throw Error(std::string(name) + " of " + std::to_string(record->struct_size) +
+              " bytes; expected " + std::to_string(sizeof *record) + ", set struct_size");
+}
+
 velostrix::Recipe RecipeOf(const VelostrixSettings* settings) {
   return velostrix::FromRecord(Required(settings, "settings"));
 }
@@ -354,6 +361,26 @@ VelostrixStatus VelostrixReconstructorCopyResult(VelostrixReconstructor* reconst
   });
 }
 
+VelostrixStatus VelostrixReconstructorOrientation(VelostrixReconstructor* reconstructor,
+                                                  VelostrixOrientationFound* found) {
+  return Use(reconstructor, [&](VelostrixReconstructor& r) {
+    RequireSize(found, "found");
+    if (!r.results) throw velostrix::WrongState("no results yet; run first");
+    const velostrix::OrientationFound& o = r.tool.orientation();
+    *found = {sizeof *found,
+              o.is_clear,
+              o.is_mirrored,
+              o.is_turned,
+              o.is_inverted,
+              o.is_sign_open,
+              o.has_mirrored_curvature,
+              0,
+              o.curl_as_is,
+              o.curl_mirrored,
+              o.turn};
+  });
+}
+
 VelostrixStatus VelostrixReconstructorTimes(VelostrixReconstructor* reconstructor,
                                             VelostrixTimes* times) {
   return Use(reconstructor, [&](VelostrixReconstructor& r) {
@@ -385,10 +412,7 @@ VelostrixStatus VelostrixReconstructorDiagnose(VelostrixReconstructor* reconstru
   return Use(reconstructor, [&](VelostrixReconstructor& r) {
     const velostrix::Recipe recipe = RecipeOf(settings);
     std::vector<cv::Mat> mats = Take(images, count, recipe);
-    if (Required(diagnostics, "diagnostics").struct_size != sizeof *diagnostics) {
-      throw Error("diagnostics of " + std::to_string(diagnostics->struct_size) +
-                  " bytes; expected " + std::to_string(sizeof *diagnostics) + ", set struct_size");
-    }
+    RequireSize(diagnostics, "diagnostics");
     std::vector<std::string> texts;
     for (size_t k = 0; k < mats.size(); ++k) {
       if (recipe.parameters.region) mats[k] = mats[k](*recipe.parameters.region);

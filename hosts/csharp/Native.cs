@@ -51,6 +51,8 @@ namespace Velostrix
             [MarshalAs(UnmanagedType.ByValArray, SizeConst = OutputCount)] public double[] Gain;
             [MarshalAs(UnmanagedType.ByValArray, SizeConst = OutputCount)] public int[] Offset;
             public uint KeptGains, KeptOffsets;
+            public int Orientation, Lamp;
+            public double LampDegrees;
 
             // With all that marshalling needs.
             public static Settings Empty()
@@ -78,6 +80,14 @@ namespace Velostrix
             public IntPtr Data;
             public long RowStride;
             public int Width, Height, Channels, SampleBytes;
+        }
+
+        [StructLayout(LayoutKind.Sequential)]
+        public struct OrientationFound
+        {
+            public int StructSize, IsClear, IsMirrored, IsTurned, IsInverted, IsSignOpen;
+            public int HasMirroredCurvature, Reserved;
+            public double CurlAsIs, CurlMirrored, Turn;
         }
 
         [StructLayout(LayoutKind.Sequential)]
@@ -138,6 +148,8 @@ namespace Velostrix
         [DllImport(Library)] public static extern VelostrixStatus VelostrixReconstructorCopyResult(
             ReconstructorHandle handle, VelostrixOutput output, IntPtr data, long rowStride,
             long capacity);
+        [DllImport(Library)] public static extern VelostrixStatus VelostrixReconstructorOrientation(
+            ReconstructorHandle handle, ref OrientationFound found);
         [DllImport(Library)] public static extern VelostrixStatus VelostrixReconstructorTimes(
             ReconstructorHandle handle, [Out] double[] times);
         [DllImport(Library)] public static extern VelostrixStatus VelostrixReconstructorChooseGains(

@@ -50,6 +50,41 @@ namespace Velostrix
         Forward
     }
 
+    /// <summary>
+    /// What is done about slopes that a run with unknown lamps finds mirrored, turned or with the
+    /// other sign.
+    /// </summary>
+    public enum VelostrixOrientation
+    {
+        /// <summary>Results as they come.</summary>
+        AsIs,
+        /// <summary>
+        /// Measured on every part and put right: height, channels and normal are those of the scene
+        /// as seen. Takes the time of one to three runs more, of which none makes the height.
+        /// </summary>
+        Upright
+    }
+
+    /// <summary>A lamp and where it shines from, roughly.</summary>
+    public struct VelostrixLamp
+    {
+        /// <summary>The lamp of an image.</summary>
+        /// <param name="image">Counted from 0.</param>
+        /// <param name="degrees">
+        /// In the images: 0 from the right, 90 from above, 180 from the left, 270 from below.
+        /// </param>
+        public VelostrixLamp(int image, double degrees)
+        {
+            Image = image;
+            Degrees = degrees;
+        }
+
+        /// <summary>Index of the image that it lights.</summary>
+        public int Image { get; }
+        /// <summary>Where it shines from.</summary>
+        public double Degrees { get; }
+    }
+
     /// <summary>A rectangle in pixels of the images.</summary>
     [StructLayout(LayoutKind.Sequential)]
     public struct VelostrixRegion
@@ -213,6 +248,28 @@ namespace Velostrix
 
         /// <summary>Of the height; default 50, 0 = flat, negative = as many as it takes.</summary>
         public int IterationCap { get => record.IterationCap; set => record.IterationCap = value; }
+
+        /// <summary>Whether slopes are put right; as-is by default.</summary>
+        public VelostrixOrientation Orientation
+        {
+            get => (VelostrixOrientation)record.Orientation;
+            set => record.Orientation = (int)value;
+        }
+
+        /// <summary>Upright: tells bumps from dents; null (default): they may change places.</summary>
+        public VelostrixLamp? Lamp
+        {
+            get
+            {
+                if (record.Lamp < 0) return null;
+                return new VelostrixLamp(record.Lamp, record.LampDegrees);
+            }
+            set
+            {
+                record.Lamp = value?.Image ?? -1;
+                record.LampDegrees = value?.Degrees ?? 0;
+            }
+        }
 
         /// <summary>
         /// In use of 16-bit samples, 8 to 16; 0 (default): 16-bit images are refused.

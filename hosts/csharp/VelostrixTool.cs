@@ -56,6 +56,45 @@ namespace Velostrix
         public double Run { get; }
     }
 
+    /// <summary>How the slopes of a part lay on the scene, and what was done.</summary>
+    public sealed class VelostrixOrientationFound
+    {
+        internal VelostrixOrientationFound(Native.OrientationFound found)
+        {
+            if (found.CurlAsIs >= 0) CurlAsIs = found.CurlAsIs;
+            if (found.CurlMirrored >= 0) CurlMirrored = found.CurlMirrored;
+            IsClear = found.IsClear != 0;
+            IsMirrored = found.IsMirrored != 0;
+            IsTurned = found.IsTurned != 0;
+            IsInverted = found.IsInverted != 0;
+            IsSignOpen = found.IsSignOpen != 0;
+            HasMirroredCurvature = found.HasMirroredCurvature != 0;
+            Turn = found.Turn;
+        }
+
+        /// <summary>
+        /// Share (0 to 1/2) of the slopes' derivatives that is no surface's: near 0 for slopes of a
+        /// surface; null: not measured, as for runs as-is and calibrated ones.
+        /// </summary>
+        public double? CurlAsIs { get; }
+        /// <summary>The same of the mirrored slopes.</summary>
+        public double? CurlMirrored { get; }
+        /// <summary>The two shares differ enough to tell.</summary>
+        public bool IsClear { get; }
+        /// <summary>Slopes were mirrored; the run was made on flipped images.</summary>
+        public bool IsMirrored { get; }
+        /// <summary>Slopes were turned by about a quarter; channels changed places.</summary>
+        public bool IsTurned { get; }
+        /// <summary>Slopes had the opposite sign; height and slopes were negated.</summary>
+        public bool IsInverted { get; }
+        /// <summary>No lamp's direction is known: bumps and dents may have changed places.</summary>
+        public bool IsSignOpen { get; }
+        /// <summary>Curvature is that of mirrored slopes, where it shows more.</summary>
+        public bool HasMirroredCurvature { get; }
+        /// <summary>Degrees, counterclockwise, that the slopes stay turned by.</summary>
+        public double Turn { get; }
+    }
+
     /// <summary>Exposure of one image.</summary>
     public sealed class VelostrixExposure
     {
@@ -319,6 +358,17 @@ namespace Velostrix
                 Check(Native.VelostrixReconstructorCopyResult(
                     Handle, output, image.Address(pins), image.Stride, image.Capacity));
             }
+        }
+
+        /// <summary>How the slopes of the latest part lay on the scene, and what was done.</summary>
+        public VelostrixOrientationFound Orientation()
+        {
+            var found = new Native.OrientationFound
+            {
+                StructSize = Marshal.SizeOf(typeof(Native.OrientationFound))
+            };
+            Check(Native.VelostrixReconstructorOrientation(Handle, ref found));
+            return new VelostrixOrientationFound(found);
         }
 
         /// <summary>How long the calls of the latest part took.</summary>

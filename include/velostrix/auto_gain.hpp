@@ -108,6 +108,7 @@ struct Search {
         {output, usual_gain, usual_gain, output == Output::kMagnitude ? 0 : 128, {}});
   }
 
+  const OrientationFound orientation = tool.FindOrientation(images, parameters);
   Parameters pilot = parameters;
   for (int k = 0; k < kMostPilots; ++k) {
     pilot.outputs = {};
@@ -117,7 +118,7 @@ struct Search {
       *Scaling(pilot, search.output) = {search.zero_level, search.gain};
     }
     if (pilot.outputs.IsEmpty()) break;
-    const Results results = tool.ReconstructViews(images, pilot);
+    const Results results = tool.ReconstructViews(images, pilot, &orientation);
     for (auto& search : searches) {
       if (!search.is_done) search.Learn(results[search.output]);
     }

@@ -20,6 +20,8 @@ struct Recipe {
 
 namespace recipe_detail {
 
+constexpr int32_t kNoLamp = -1;
+
 inline uint32_t ToBits(const OutputSet& outputs) {
   uint32_t bits = 0;
   for (const Output output : kAllOutputs) {
@@ -60,6 +62,7 @@ void RequireOneOf(int32_t value, const char* name, const std::array<const char*,
   }
   RequireOneOf(record.run, "run", kRunNames);
   RequireOneOf(record.difference, "difference", kDifferenceNames);
+  RequireOneOf(record.orientation, "orientation", kOrientationNames);
   if (record.bits != 0 && (record.bits < 8 || record.bits > 16)) {
     throw Error("bits " + std::to_string(record.bits) + "; expected 8 to 16, or 0 for not said");
   }
@@ -77,6 +80,8 @@ void RequireOneOf(int32_t value, const char* name, const std::array<const char*,
   p.difference = static_cast<Difference>(record.difference);
   p.blur_radius = record.blur_radius;
   p.iteration_cap = record.iteration_cap;
+  p.orientation = static_cast<Orientation>(record.orientation);
+  if (record.lamp != kNoLamp) p.lamp = LampHint{record.lamp, record.lamp_degrees};
   for (const Output output : kAllOutputs) {
     const auto k = static_cast<size_t>(output);
     if (double* const gain = Gain(p, output)) *gain = record.gain[k];
@@ -104,6 +109,9 @@ void RequireOneOf(int32_t value, const char* name, const std::array<const char*,
   record.difference = static_cast<int32_t>(p.difference);
   record.blur_radius = p.blur_radius;
   record.iteration_cap = p.iteration_cap;
+  record.orientation = static_cast<int32_t>(p.orientation);
+  record.lamp = p.lamp ? p.lamp->image : recipe_detail::kNoLamp;
+  record.lamp_degrees = p.lamp ? p.lamp->degrees : 0.0;
   record.bits = recipe.bits;
   for (const Output output : kAllOutputs) {
     const auto k = static_cast<size_t>(output);

@@ -44,6 +44,7 @@
 #include <vector>
 
 #include "velostrix/uncalibration.h"
+#include "velostrix/upright.hpp"
 #include "velostrix/velostrix_host.h"
 #include "velostrix/version.h"
 
@@ -143,7 +144,17 @@ enum class Run {
 // lines.
 enum class Difference { kCentral, kForward };
 
+// What is done about slopes that an uncalibrated run finds mirrored, turned or with the other sign:
+// as-is leaves all results as they come. Upright measures it on every part (upright.hpp) and puts
+// it right by runs on flipped or transposed images; height, channels and normal are then those of
+// the scene as seen, as far as curl and the lamp of Parameters::lamp tell. The curvature is that
+// of the mirrored slopes where it shows more, and then adds up in all directions. The partial runs
+// and those with `equalise` are not transposed. The calibrated run, whose signs are known, is left
+// as it is.
+enum class Orientation { kAsIs, kUpright };
+
 // What recipes and the command line call them.
+inline constexpr std::array<const char*, 2> kOrientationNames = {"as-is", "upright"};
 inline constexpr std::array<const char*, 4> kRunNames = {"uncali", "cali", "partrows", "partcols"};
 inline constexpr std::array<const char*, 2> kDifferenceNames = {"central", "forward"};
 
@@ -159,6 +170,8 @@ struct Parameters {
   Difference difference = Difference::kCentral;  // ignored by the partial runs
   int blur_radius = 0;     // pixels, 0 to 32767: smoothing of curvature and magnitude
   int iteration_cap = 50;  // of the height; 0 = flat, negative = as many as it takes
+  Orientation orientation = Orientation::kAsIs;  // as slopes come, or put right
+  std::optional<LampHint> lamp;  // kUpright: tells bumps from dents; without, the sign stays open
 
   // Gains in grey levels per unit of the map. ChooseGains (auto_gain.hpp) finds them; channel 2 of
   // the uncalibrated runs has no default that would suit, as its values are about 1 / sqrt(pixels).
@@ -287,53 +300,22 @@ inline void Check(const std::vector<cv::Mat>& images, const Parameters& paramete
   return levels;
 }
 
-// A tool of the module, its buffers kept from part to part; see the top of this header.
-class Tool {
+namespace tool_detail {
+
+// A tool of the module: one run after the other, each prepared anew.
+class ModuleTool {
  public:
-  // Runs on the images, in their order, and returns images that own their memory.
-  [[nodiscard]] Results Reconstruct(const std::vector<cv::Mat>& images,
-                                    const Parameters& parameters) {
-    return Copies(ReconstructViews(images, parameters));
-  }
-
-  // The same without the copy: the results may be headers over the tool's memory, valid until the
-  // next reconstruction or preparation by this tool and no longer than the tool itself (moving the
-  // tool keeps them).
-  [[nodiscard]] Results ReconstructViews(const std::vector<cv::Mat>& images,
-                                         const Parameters& parameters) & {
-    Check(images, parameters);
-    Prepare(static_cast<int>(images.size()), images.front().size(), parameters);
-    for (const cv::Mat& image : images) SetImage(image);
-    Results results = RunViews();
-    prepared_.reset();
-    return results;
-  }
-
   // Brings the tool to `count` images of a size and to the parameters, and forgets images set
-  // before. To be called again after a reconstruction of images all at once.
-  void Prepare(int count, cv::Size size, const Parameters& parameters);
+  // before. times: of the latest part.
+  void Prepare(int count, cv::Size size, const Parameters& parameters, CallTimes& times);
 
-  // Copies the next image into the tool: CV_8UC1, of the size that was prepared.
-  void SetImage(const cv::Mat& image);
+  // False: the buffers could not be allocated, and the tool is as new.
+  bool SetImage(const cv::Mat& image);
 
-  // Forgets the images set so far.
-  void ClearImages() {
-    ClearVelostrixUnCalibrationToolImage_CPU(handle_.get());
-    images_set_ = 0;
-  }
+  void ClearImages() { ClearVelostrixUnCalibrationToolImage_CPU(handle_.get()); }
 
-  // Runs on the images that were set, all of those prepared for, and forgets them. Results as those
-  // of Reconstruct.
-  [[nodiscard]] Results Run() { return Copies(RunViews()); }
-
-  // The same with results as those of ReconstructViews.
-  [[nodiscard]] Results RunViews() &;
-
-  // How many images are set and not yet run on.
-  int images_set() const { return images_set_; }
-
-  // Of the latest part.
-  const CallTimes& times() const { return times_; }
+  // Headers over the tool's memory, or images that own theirs when scaled.
+  Results Run(const Parameters& parameters);
 
  private:
   struct Deleter {
@@ -357,6 +339,82 @@ class Tool {
     }
   };
 
+  std::unique_ptr<UnCalibrationTool, Deleter> handle_;  // null until the first part
+  Geometry geometry_ = {};
+};
+
+inline double MillisecondsSince(int64_t start) {
+  return static_cast<double>(cv::getTickCount() - start) / cv::getTickFrequency() * 1000.0;
+}
+
+}  // namespace tool_detail
+
+// A tool of the module, its buffers kept from part to part; see the top of this header.
+class Tool {
+ public:
+  // Runs on the images, in their order, and returns images that own their memory. known: what
+  // FindOrientation returned for these images and this run, so that it need not be measured again.
+  [[nodiscard]] Results Reconstruct(const std::vector<cv::Mat>& images,
+                                    const Parameters& parameters,
+                                    const OrientationFound* known = nullptr) {
+    return Copies(ReconstructViews(images, parameters, known));
+  }
+
+  // The same without the copy: the results may be headers over the tool's memory, valid until the
+  // next reconstruction or preparation by this tool and no longer than the tool itself (moving the
+  // tool keeps them).
+  [[nodiscard]] Results ReconstructViews(const std::vector<cv::Mat>& images,
+                                         const Parameters& parameters,
+                                         const OrientationFound* known = nullptr) & {
+    Check(images, parameters);
+    Prepare(static_cast<int>(images.size()), images.front().size(), parameters);
+    if (IsMeasured(parameters)) {
+      SetFrames(images, known == nullptr);
+      images_set_ = count_;
+    } else {
+      for (const cv::Mat& image : images) SetImage(image);
+    }
+    Results results = RunOn(known);
+    prepared_.reset();
+    return results;
+  }
+
+  // Measures how the slopes of a run on the images lie on the scene. Not measured for parameters
+  // that leave it as it is. To be prepared again afterwards.
+  [[nodiscard]] OrientationFound FindOrientation(const std::vector<cv::Mat>& images,
+                                                 const Parameters& parameters);
+
+  // Brings the tool to `count` images of a size and to the parameters, and forgets images set
+  // before. To be called again after a reconstruction of images all at once.
+  void Prepare(int count, cv::Size size, const Parameters& parameters);
+
+  // Copies the next image into the tool: CV_8UC1, of the size that was prepared.
+  void SetImage(const cv::Mat& image);
+
+  // Forgets the images set so far.
+  void ClearImages() {
+    run_.ClearImages();
+    frames_.clear();
+    images_set_ = 0;
+  }
+
+  // Runs on the images that were set, all of those prepared for, and forgets them. Results as those
+  // of Reconstruct.
+  [[nodiscard]] Results Run() { return Copies(RunViews()); }
+
+  // The same with results as those of ReconstructViews.
+  [[nodiscard]] Results RunViews() & { return RunOn(nullptr); }
+
+  // How many images are set and not yet run on.
+  int images_set() const { return images_set_; }
+
+  // Of the latest part; of all its runs when it took several.
+  const CallTimes& times() const { return times_; }
+
+  // How the slopes of the latest part lay on the scene, and what was done.
+  const OrientationFound& orientation() const { return orientation_; }
+
+ private:
   static Results Copies(Results results) {
     for (const Output output : kAllOutputs) {
       const bool is_view = results[output].u == nullptr;
@@ -366,39 +424,39 @@ class Tool {
   }
 
   void RequirePrepared() const {
-    if (!handle_ || !prepared_) throw WrongState("not prepared for images; prepare first");
+    if (!prepared_) throw WrongState("not prepared for images; prepare first");
   }
 
-  static double MillisecondsSince(int64_t start) {
-    return static_cast<double>(cv::getTickCount() - start) / cv::getTickFrequency() * 1000.0;
+  // Whether there is something to put right, in outputs that show it.
+  static bool IsMeasured(const Parameters& p) {
+    const OutputSet outputs = WithChannels(p.outputs);
+    const bool shows_it =
+        outputs.Contains(Output::kHeight) || outputs.Contains(Output::kCurvature) ||
+        outputs.Contains(Output::kMagnitude) || outputs.Contains(Output::kChannel0) ||
+        outputs.Contains(Output::kChannel1);
+    return p.orientation == Orientation::kUpright && p.run != velostrix::Run::kCalibrated &&
+           shows_it;
   }
 
-  static UnCalibrationParam Record(int image_count, cv::Size size, const Parameters& p) {
-    UnCalibrationParam record = {};
-    record.image_count = image_count;
-    record.width = size.width;
-    record.height = size.height;
-    record.row_step = size.width;
-    for (const Output output : kAllOutputs) {
-      record.output_enable[static_cast<int>(output)] = p.outputs.Contains(output) ? 1 : 0;
-    }
-    record.scale = p.scale;
-    record.difference_mode = p.difference == Difference::kForward ? 1 : 0;
-    record.blur_radius = p.blur_radius;
-    record.iteration_cap = p.iteration_cap;
-    record.factor_gain = p.factor_gain;
-    record.curvature = p.curvature;
-    record.magnitude = p.magnitude;
-    for (size_t k = 0; k < p.channel.size(); ++k) record.channel[k] = p.channel[k];
-    record.equalise_on = p.equalise ? 1 : 0;
-    return record;
-  }
+  static Parameters PilotOf(Parameters p);
+  void SetOne(tool_detail::ModuleTool& tool, const cv::Mat& image, size_t index);
+  void SetFrames(const std::vector<cv::Mat>& images, bool for_pilot);
+  Results RunOnce(tool_detail::ModuleTool& tool, const Parameters& parameters);
+  Results RunInOrder(PixelOrder order, Parameters parameters);
+  OrientationFound Measure(const Results& pilot, PixelOrder order);
+  OrientationFound MeasureFrames();
+  Results RunUpright(const OrientationFound& found);
+  Results RunOn(const OrientationFound* known);
 
-  std::unique_ptr<UnCalibrationTool, Deleter> handle_;  // null until the first reconstruction
-  Geometry geometry_ = {};
+  tool_detail::ModuleTool run_;
+  tool_detail::ModuleTool transposed_run_;  // on transposed images, whose buffers differ
   std::optional<Parameters> prepared_;
+  int count_ = 0;  // images, and their size, as prepared
+  cv::Size size_;
   int images_set_ = 0;
+  std::vector<cv::Mat> frames_;  // images set, where they may be needed again
   CallTimes times_;
+  OrientationFound orientation_;
 };
 
 namespace tool_detail {
@@ -416,6 +474,27 @@ inline std::string Text(cv::Size size) {
   return std::to_string(size.width) + " x " + std::to_string(size.height) + " pixels";
 }
 
+inline UnCalibrationParam Record(int image_count, cv::Size size, const Parameters& p) {
+  UnCalibrationParam record = {};
+  record.image_count = image_count;
+  record.width = size.width;
+  record.height = size.height;
+  record.row_step = size.width;
+  for (const Output output : kAllOutputs) {
+    record.output_enable[static_cast<int>(output)] = p.outputs.Contains(output) ? 1 : 0;
+  }
+  record.scale = p.scale;
+  record.difference_mode = p.difference == Difference::kForward ? 1 : 0;
+  record.blur_radius = p.blur_radius;
+  record.iteration_cap = p.iteration_cap;
+  record.factor_gain = p.factor_gain;
+  record.curvature = p.curvature;
+  record.magnitude = p.magnitude;
+  for (size_t k = 0; k < p.channel.size(); ++k) record.channel[k] = p.channel[k];
+  record.equalise_on = p.equalise ? 1 : 0;
+  return record;
+}
+
 // `expected`: of all images; `why`: of it.
 inline void CheckImage(const cv::Mat& image, int index, cv::Size expected, const char* why) {
   const std::string name = "image " + std::to_string(index + 1);
@@ -431,23 +510,21 @@ inline void CheckImage(const cv::Mat& image, int index, cv::Size expected, const
 
 }  // namespace tool_detail
 
-inline void Tool::Prepare(int count, cv::Size size, const Parameters& parameters) {
-  if (!handle_) tool_detail::CheckLibrary();
-  Check(count, size, parameters);
+inline void tool_detail::ModuleTool::Prepare(int count, cv::Size size, const Parameters& parameters,
+                                             CallTimes& times) {
   // Scaling goes by way of a region, which fixes the working size without new buffers.
   const bool has_region = parameters.region.has_value() || parameters.scale < 1.0;
   const cv::Rect region = parameters.region.value_or(cv::Rect({0, 0}, size));
   const Geometry geometry = {count, size, region, has_region, parameters.scale};
   const bool is_new = handle_ == nullptr || !(geometry == geometry_);
 
-  prepared_.reset();
   int64_t start = cv::getTickCount();
   if (is_new) {
     // Another tool, as scaling, once on, is not switched off by later parameters.
     handle_.reset();
     handle_.reset(CreateVelostrixUnCalibrationToolPtr_CPU(nullptr));
     geometry_ = geometry;
-    times_.buffers = MillisecondsSince(start);
+    times.buffers = MillisecondsSince(start);
     start = cv::getTickCount();
   }
   const UnCalibrationParam record = Record(count, size, parameters);
@@ -456,50 +533,30 @@ inline void Tool::Prepare(int count, cv::Size size, const Parameters& parameters
     SetVelostrixUnCalibrationToolROI_CPU(handle_.get(), region.x, region.y, region.br().x - 1,
                                          region.br().y - 1);
   }
-  times_.parameters = MillisecondsSince(start);
+  times.parameters = MillisecondsSince(start);
   if (is_new) {
     start = cv::getTickCount();
     InitialVelostrixUnCalibrationToolImage_CPU(handle_.get());
-    times_.buffers += MillisecondsSince(start);
+    times.buffers += MillisecondsSince(start);
   }
   ClearImages();
-  prepared_ = parameters;
 }
 
-inline void Tool::SetImage(const cv::Mat& image) {
-  RequirePrepared();
-  if (images_set_ == geometry_.image_count) {
-    throw WrongState("all " + std::to_string(images_set_) + " images are set; run comes next");
-  }
-  tool_detail::CheckImage(image, images_set_, geometry_.size, "prepared for");
-  const int64_t start = cv::getTickCount();
-  if (!SetVelostrixUnCalibrationToolImage_CPU(handle_.get(), &image)) {
-    handle_.reset();
-    prepared_.reset();
-    throw OutOfMemory("the working buffers for " + std::to_string(geometry_.image_count) +
-                      " images of " + tool_detail::Text(image.size()) +
-                      " could not be allocated; use a region or a smaller scale");
-  }
-  if (images_set_ == 0) times_.images.clear();
-  times_.images.push_back(MillisecondsSince(start));
-  ++images_set_;
+inline bool tool_detail::ModuleTool::SetImage(const cv::Mat& image) {
+  if (SetVelostrixUnCalibrationToolImage_CPU(handle_.get(), &image)) return true;
+  handle_.reset();
+  return false;
 }
 
-inline Results Tool::RunViews() & {
-  RequirePrepared();
-  if (images_set_ != geometry_.image_count) {
-    throw WrongState(std::to_string(images_set_) + " of " + std::to_string(geometry_.image_count) +
-                     " images are set; set the others");
-  }
+inline Results tool_detail::ModuleTool::Run(const Parameters& parameters) {
   Results r;
   const auto run = [&](auto function, auto... band) {
     return function(handle_.get(), &r[Output::kFactor], &r[Output::kCurvature],
                     &r[Output::kMagnitude], &r[Output::kChannel0], &r[Output::kChannel1],
                     &r[Output::kChannel2], &r[Output::kNormal], &r[Output::kHeight], band...);
   };
-  const int64_t start = cv::getTickCount();
   int32_t done = 0;
-  switch (prepared_->run) {
+  switch (parameters.run) {
     case velostrix::Run::kUncalibrated:
       done = run(RunVelostrixUnCalibration_CPU_uncali);
       break;
@@ -507,16 +564,204 @@ inline Results Tool::RunViews() & {
       done = run(RunVelostrixUnCalibration_CPU_cali);
       break;
     case velostrix::Run::kPartRows:
-      done = run(RunVelostrixUnCalibration_CPU_partrows_uncali, prepared_->band);
+      done = run(RunVelostrixUnCalibration_CPU_partrows_uncali, parameters.band);
       break;
     case velostrix::Run::kPartCols:
-      done = run(RunVelostrixUnCalibration_CPU_partcols_uncali, prepared_->band);
+      done = run(RunVelostrixUnCalibration_CPU_partcols_uncali, parameters.band);
       break;
   }
-  times_.run = MillisecondsSince(start);
   if (done != 1) throw std::logic_error("the run was refused by the module");
-  images_set_ = 0;
   return r;
+}
+
+inline void Tool::Prepare(int count, cv::Size size, const Parameters& parameters) {
+  if (count_ == 0) tool_detail::CheckLibrary();
+  Check(count, size, parameters);
+  prepared_.reset();
+  frames_.clear();
+  images_set_ = 0;
+  count_ = count;
+  size_ = size;
+  run_.Prepare(count, size, IsMeasured(parameters) ? PilotOf(parameters) : parameters, times_);
+  prepared_ = parameters;
+}
+
+inline void Tool::SetImage(const cv::Mat& image) {
+  RequirePrepared();
+  if (images_set_ == count_) {
+    throw WrongState("all " + std::to_string(images_set_) + " images are set; run comes next");
+  }
+  tool_detail::CheckImage(image, images_set_, size_, "prepared for");
+  if (images_set_ == 0) {
+    times_.images.clear();
+    if (IsMeasured(*prepared_)) run_.Prepare(count_, size_, PilotOf(*prepared_), times_);
+  }
+  if (IsMeasured(*prepared_)) frames_.push_back(image.clone());
+  SetOne(run_, image, static_cast<size_t>(images_set_));
+  ++images_set_;
+}
+
+// Image `index` of a run.
+inline void Tool::SetOne(tool_detail::ModuleTool& tool, const cv::Mat& image, size_t index) {
+  const int64_t start = cv::getTickCount();
+  if (!tool.SetImage(image)) {
+    prepared_.reset();
+    frames_.clear();
+    images_set_ = 0;
+    throw OutOfMemory("the working buffers for " + std::to_string(count_) + " images of " +
+                      tool_detail::Text(size_) +
+                      " could not be allocated; use a region or a smaller scale");
+  }
+  times_.images.resize(std::max(times_.images.size(), index + 1));
+  times_.images[index] += tool_detail::MillisecondsSince(start);
+}
+
+// The first run of a part, which shows how its slopes lie.
+inline Parameters Tool::PilotOf(Parameters p) {
+  p.outputs = {Output::kChannel0, Output::kChannel1};
+  p.channel[0] = p.channel[1] = {upright_detail::kPilotOffset, upright_detail::kPilotGain};
+  return p;
+}
+
+inline void Tool::SetFrames(const std::vector<cv::Mat>& images, bool for_pilot) {
+  times_.images.clear();
+  frames_ = images;
+  for (size_t k = 0; for_pilot && k < images.size(); ++k) SetOne(run_, images[k], k);
+}
+
+inline Results Tool::RunOnce(tool_detail::ModuleTool& tool, const Parameters& parameters) {
+  const int64_t start = cv::getTickCount();
+  Results results = tool.Run(parameters);
+  times_.run += tool_detail::MillisecondsSince(start);
+  return results;
+}
+
+// A run on the frames in an order; its results as they come.
+inline Results Tool::RunInOrder(PixelOrder order, Parameters parameters) {
+  if (parameters.region) parameters.region = order.Ordered(*parameters.region, size_);
+  tool_detail::ModuleTool& tool = order.is_transposed ? transposed_run_ : run_;
+  CallTimes times;
+  tool.Prepare(count_, order.Ordered(size_), parameters, times);
+  times_.parameters += times.parameters;
+  times_.buffers += times.buffers;
+  for (size_t k = 0; k < frames_.size(); ++k) SetOne(tool, order.Ordered(frames_[k]), k);
+  return RunOnce(tool, parameters);
+}
+
+inline OrientationFound Tool::Measure(const Results& pilot, PixelOrder order) {
+  std::vector<cv::Mat> seen;
+  for (const cv::Mat& frame : frames_) {
+    const cv::Mat image = prepared_->region ? frame(*prepared_->region) : frame;
+    seen.push_back(order.Ordered(image));
+  }
+  std::optional<LampHint> lamp = prepared_->lamp;
+  if (lamp && order.is_flipped) lamp->degrees = -lamp->degrees;
+  const bool may_turn = prepared_->run == velostrix::Run::kUncalibrated && !prepared_->equalise;
+  return MeasureOrientation(pilot[Output::kChannel0], pilot[Output::kChannel1], seen, lamp,
+                            may_turn);
+}
+
+// From the pilot, whose images are set.
+inline OrientationFound Tool::MeasureFrames() {
+  const Parameters pilot = PilotOf(*prepared_);
+  const bool is_partial = prepared_->run != velostrix::Run::kUncalibrated;
+  OrientationFound found = Measure(RunOnce(run_, pilot), {});
+  if (!is_partial) return found;
+  found.has_mirrored_curvature = false;
+  if (!found.is_mirrored) return found;
+  // The signs of pieces depend on the order of their pixels: what the flipped run gives has to be
+  // seen.
+  constexpr PixelOrder kFlipped = {false, true};
+  const OrientationFound flipped = Measure(RunInOrder(kFlipped, pilot), kFlipped);
+  const bool is_better = flipped.curl_as_is >= 0.0 && flipped.curl_as_is < found.curl_as_is;
+  found.is_mirrored = is_better;
+  if (is_better) {
+    found.is_inverted = flipped.is_inverted;
+    found.turn = -flipped.turn;
+  }
+  return found;
+}
+
+// The runs that give upright results.
+inline Results Tool::RunUpright(const OrientationFound& found) {
+  const Parameters& wanted = *prepared_;
+  const OutputSet outputs = WithChannels(wanted.outputs);
+  const double sign = found.is_inverted ? -1.0 : 1.0;
+  cv::Mat curvature;
+  const bool is_mirrored = found.has_mirrored_curvature && outputs.Contains(Output::kCurvature);
+  if (is_mirrored) {
+    Parameters p = wanted;
+    p.outputs = {Output::kCurvature};
+    p.curvature.gain *= sign;
+    const PixelOrder order = MirroredOrder(found);
+    curvature = order.AsSeen(RunInOrder(order, p)[Output::kCurvature]);
+    if (order.IsAsIs()) curvature = curvature.clone();  // the next run writes there
+  }
+  const PixelOrder order = UprightOrder(found);
+  Parameters p = wanted;
+  p.outputs = outputs;
+  p.outputs.Remove(Output::kNormal);
+  if (is_mirrored) p.outputs.Remove(Output::kCurvature);
+  p.curvature.gain *= found.is_turned ? -sign : sign;
+  if (found.is_turned) std::swap(p.channel[0], p.channel[1]);
+  if (outputs.Contains(Output::kChannel0) != outputs.Contains(Output::kChannel1)) {
+    p.outputs.Add(Output::kChannel0);
+    p.outputs.Add(Output::kChannel1);
+  }
+  // Of the run's channels 0 and 1; see PixelOrder.
+  p.channel[0].gain *= found.is_turned ? -sign : sign;
+  p.channel[1].gain *= order.is_flipped == found.is_turned ? sign : -sign;
+  Results run;
+  if (!p.outputs.IsEmpty()) run = RunInOrder(order, p);
+  if (found.is_turned) std::swap(run[Output::kChannel0], run[Output::kChannel1]);
+
+  Results results;
+  for (const Output output : kAllOutputs) {
+    if (outputs.Contains(output) && !run[output].empty()) {
+      results[output] = order.AsSeen(run[output]);
+    }
+  }
+  if (is_mirrored) results[Output::kCurvature] = curvature;
+  if (outputs.Contains(Output::kNormal)) {
+    std::vector<cv::Mat> channels;
+    for (const Output channel : kChannels) channels.push_back(results[channel]);
+    cv::merge(channels, results[Output::kNormal]);
+  }
+  cv::Mat& height = results[Output::kHeight];
+  const bool is_flat = height.empty() || cv::countNonZero(height) == 0;
+  if (found.is_inverted && !is_flat) cv::subtract(cv::Scalar(65535), height, height);
+  return results;
+}
+
+inline Results Tool::RunOn(const OrientationFound* known) {
+  RequirePrepared();
+  if (images_set_ != count_) {
+    throw WrongState(std::to_string(images_set_) + " of " + std::to_string(count_) +
+                     " images are set; set the others");
+  }
+  times_.run = 0.0;
+  orientation_ = {};
+  Results results;
+  if (IsMeasured(*prepared_)) {
+    orientation_ = known != nullptr ? *known : MeasureFrames();
+    results = RunUpright(orientation_);
+  } else {
+    results = RunOnce(run_, *prepared_);
+  }
+  ClearImages();
+  return results;
+}
+
+inline OrientationFound Tool::FindOrientation(const std::vector<cv::Mat>& images,
+                                              const Parameters& parameters) {
+  Check(images, parameters);
+  if (!IsMeasured(parameters)) return {};
+  Prepare(static_cast<int>(images.size()), images.front().size(), parameters);
+  SetFrames(images, true);
+  const OrientationFound found = MeasureFrames();
+  ClearImages();
+  prepared_.reset();
+  return found;
 }
 
 inline void Check(const Parameters& parameters) {
@@ -528,6 +773,13 @@ inline void Check(const Parameters& parameters) {
   }
   if (!(parameters.scale > 0.0 && parameters.scale <= 1.0)) {
     throw Error("scale " + std::to_string(parameters.scale) + "; expected above 0, at most 1");
+  }
+  if (const auto& lamp = parameters.lamp) {
+    const std::string name = "lamp " + std::to_string(lamp->image);
+    if (lamp->image < 0 || lamp->image >= VELOSTRIX_MOST_IMAGES) {
+      throw Error(name + "; expected 0 to " + std::to_string(VELOSTRIX_MOST_IMAGES - 1));
+    }
+    if (!std::isfinite(lamp->degrees)) throw Error(name + " is not at a number of degrees");
   }
   if (parameters.blur_radius < 0 || parameters.blur_radius > VELOSTRIX_LARGEST_BLUR_RADIUS) {
     throw Error("blur_radius " + std::to_string(parameters.blur_radius) + "; expected 0 to " +
@@ -557,6 +809,10 @@ inline void Check(int count, cv::Size size, const Parameters& parameters) {
     throw Error("the region of " + tool_detail::Text(region.size()) + " at (" +
                 std::to_string(region.x) + ", " + std::to_string(region.y) +
                 ") is not inside the images of " + tool_detail::Text(size));
+  }
+  if (parameters.lamp && parameters.lamp->image >= count) {
+    throw Error("lamp " + std::to_string(parameters.lamp->image) + "; expected one of the " +
+                std::to_string(count) + " images, counted from 0");
   }
   Check(parameters);
 }

@@ -117,6 +117,18 @@ enum VelostrixDifference {
   VELOSTRIX_DIFFERENCE_FORWARD = 1  /* "forward": resolves finer lines */
 };
 
+/* What is done about slopes that the runs with unknown lamps find mirrored, turned or with the
+ * other sign. The calibrated run, whose signs are known, is left as it is. */
+enum VelostrixOrientation {
+  VELOSTRIX_ORIENTATION_AS_IS = 0, /* "as-is": results as they come */
+  /* "upright": measured on every part and put right by runs on flipped or transposed images;
+   * height, channels and normal are then those of the scene as seen, as far as the slopes and the
+   * direction of a lamp tell; the curvature is that of the mirrored slopes where it shows more.
+   * Takes the time of one to three runs more, of which none makes the height, and keeps the images.
+   * The partial runs and those with `equalise` are not transposed. */
+  VELOSTRIX_ORIENTATION_UPRIGHT = 1
+};
+
 /* The bit of an output (VELOSTRIX_OUTPUT_... of velostrix/records.h) in a set of outputs. */
 #define VELOSTRIX_OUTPUT_BIT(output) (UINT32_C(1) << (output))
 
@@ -131,7 +143,7 @@ typedef struct VelostrixRegion {
   int32_t height; /* rows */
 } VelostrixRegion;
 
-/* What a run does. 168 bytes. Number and size of the images are not settings: recipes fit images of
+/* What a run does. 184 bytes. Number and size of the images are not settings: recipes fit images of
  * any size that contains their region. */
 typedef struct VelostrixSettings {
   uint32_t struct_size; /* sizeof(VelostrixSettings) */
@@ -156,6 +168,11 @@ typedef struct VelostrixSettings {
   uint32_t kept_gains;   /* set of outputs whose gain is given or chosen: ChooseGains leaves gain
                             and offset alone; default none */
   uint32_t kept_offsets; /* set of outputs whose offset is: it leaves the offset alone */
+  int32_t orientation;   /* VelostrixOrientation; default as-is */
+  int32_t lamp; /* upright: index of an image whose lamp shines from a known direction, which tells
+                   bumps from dents; -1 (default): none */
+  double lamp_degrees; /* where it shines from in the images, roughly: 0 from the right, 90 from
+                          above, 180 from the left, 270 from below */
 } VelostrixSettings;
 
 /* Fills in the defaults; settings->struct_size must be set. */
@@ -188,6 +205,8 @@ VELOSTRIX_HOST_API VelostrixStatus VelostrixWorkingSize(const VelostrixSettings*
  *   "blur_radius"     integer
  *   "iteration_cap"   integer
  *   "bits"            integer; 0: not said
+ *   "orientation"     "as-is", "upright"
+ *   "lamp"            {"image", "degrees"}, the image counted from 0, or null
  *   "gains"           numbers by name of output (not normal, height)
  *   "offsets"         integers by name of output (not factor, normal, height)
  *
@@ -296,6 +315,29 @@ VELOSTRIX_HOST_API VelostrixStatus
 VelostrixReconstructorCopyResult(VelostrixReconstructor* reconstructor, int32_t output, void* out,
                                  int64_t row_stride, int64_t capacity);
 
+/* How the slopes of the latest part lay on the scene, and what was done. 56 bytes. */
+typedef struct VelostrixOrientationFound {
+  uint32_t struct_size; /* sizeof(VelostrixOrientationFound) */
+  int32_t is_clear;     /* 1: the two shares below differ enough to tell */
+  int32_t is_mirrored;  /* 1: slopes were mirrored; the run was made on flipped images */
+  int32_t is_turned;    /* 1: by about a quarter; channels changed places, images were transposed */
+  int32_t is_inverted;  /* 1: slopes had the opposite sign; height and slopes were negated */
+  int32_t
+      is_sign_open; /* 1: no lamp's direction is known: bumps and dents may have changed places */
+  int32_t has_mirrored_curvature; /* 1: curvature is that of mirrored slopes, where it shows more */
+  int32_t reserved;               /* 0 */
+  /* Of the derivatives of the slopes, as they came and mirrored, the share (0 to 1/2) that is no
+   * surface's, however turned: near 0 for slopes of a surface. Negative: not measured, as for runs
+   * as-is and calibrated ones. */
+  double curl_as_is;
+  double curl_mirrored;
+  double turn; /* degrees, counterclockwise, that the slopes stay turned by */
+} VelostrixOrientationFound;
+
+/* Fills in *found, whose struct_size must be set. Wrong state: no run since Prepare. */
+VELOSTRIX_HOST_API VelostrixStatus VelostrixReconstructorOrientation(
+    VelostrixReconstructor* reconstructor, VelostrixOrientationFound* found);
+
 /* How long the calls of the latest part took, in milliseconds. 88 bytes. */
 typedef struct VelostrixTimes {
   double parameters;                    /* parameters and region */
@@ -372,7 +414,7 @@ VELOSTRIX_HOST_API VelostrixStatus VelostrixReconstructorWarning(
 
 VELOSTRIX_PIN(sizeof(VelostrixMessage) == 1024);
 VELOSTRIX_PIN(sizeof(VelostrixRegion) == 16);
-VELOSTRIX_PIN(sizeof(VelostrixSettings) == 168);
+VELOSTRIX_PIN(sizeof(VelostrixSettings) == 184);
 VELOSTRIX_PIN(offsetof(VelostrixSettings, struct_size) == 0);
 VELOSTRIX_PIN(offsetof(VelostrixSettings, run) == 4);
 VELOSTRIX_PIN(offsetof(VelostrixSettings, band) == 8);
@@ -389,6 +431,9 @@ VELOSTRIX_PIN(offsetof(VelostrixSettings, gain) == 64);
 VELOSTRIX_PIN(offsetof(VelostrixSettings, offset) == 128);
 VELOSTRIX_PIN(offsetof(VelostrixSettings, kept_gains) == 160);
 VELOSTRIX_PIN(offsetof(VelostrixSettings, kept_offsets) == 164);
+VELOSTRIX_PIN(offsetof(VelostrixSettings, orientation) == 168);
+VELOSTRIX_PIN(offsetof(VelostrixSettings, lamp) == 172);
+VELOSTRIX_PIN(offsetof(VelostrixSettings, lamp_degrees) == 176);
 
 VELOSTRIX_PIN(sizeof(VelostrixImage) == 32);
 VELOSTRIX_PIN(offsetof(VelostrixImage, row_stride) == 8);
@@ -399,6 +444,10 @@ VELOSTRIX_PIN(sizeof(VelostrixPlane) == 32);
 VELOSTRIX_PIN(offsetof(VelostrixPlane, row_stride) == 8);
 VELOSTRIX_PIN(offsetof(VelostrixPlane, width) == 16);
 VELOSTRIX_PIN(offsetof(VelostrixPlane, channels) == 24);
+
+VELOSTRIX_PIN(sizeof(VelostrixOrientationFound) == 56);
+VELOSTRIX_PIN(offsetof(VelostrixOrientationFound, curl_as_is) == 32);
+VELOSTRIX_PIN(offsetof(VelostrixOrientationFound, turn) == 48);
 
 VELOSTRIX_PIN(sizeof(VelostrixTimes) == 88);
 VELOSTRIX_PIN(offsetof(VelostrixTimes, images) == 16);

@@ -84,7 +84,7 @@ static class CsharpHost
     {
         Type native = typeof(VelostrixTool).Assembly.GetType("Velostrix.Native");
         int size = native.GetNestedTypes().Sum(record => Marshal.SizeOf(record));
-        Expect(size == 168 + 32 + 32 + 32 + 352, "sizes of the records");
+        Expect(size == 184 + 32 + 32 + 56 + 32 + 352, "sizes of the records");
         foreach (MethodInfo method in native.GetMethods(BindingFlags.Static | BindingFlags.Public))
         {
             if ((method.Attributes & MethodAttributes.PinvokeImpl) != 0) Marshal.Prelink(method);
@@ -98,10 +98,11 @@ static class CsharpHost
         string values = string.Join(" ",
             read.Run, read.Band, string.Join("+", read.Outputs), region.X, region.Y, region.Width,
             region.Height, read.Scale, read.Equalise, read.Difference, read.BlurRadius,
-            read.IterationCap, read.Bits, read.Gains[VelostrixOutput.Channel1],
+            read.IterationCap, read.Orientation, read.Lamp.Value.Image,
+            read.Lamp.Value.Degrees, read.Bits, read.Gains[VelostrixOutput.Channel1],
             read.Offsets[VelostrixOutput.Channel2], read.Gains.IsKept(VelostrixOutput.Channel0));
         Expect(values == "PartCols 20 Factor+Curvature+Magnitude+Height+Channel1+Channel2+Normal" +
-               " 8 6 80 60 0.75 True Forward 2 30 12 -90 -5 False", values);
+               " 8 6 80 60 0.75 True Forward 2 30 Upright 1 90.5 12 -90 -5 False", values);
 
         // Set one by one, and written, they are the same.
         var copy = new VelostrixParameters();

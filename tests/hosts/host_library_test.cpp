@@ -136,7 +136,7 @@ TEST(HostLibrary, RefusalsSayWhatIsExpectedAndLeaveAllAsItWas) {
       {"samples aligned", wide(1, 12)},
       {"more than 8 bits can hold", wide(0, 8)},
       {"bits 7; expected 8 to 16", [](Call& c) { c.settings.bits = 7; }},
-      {"settings of 12 bytes; expected 168", [](Call& c) { c.settings.struct_size = 12; }},
+      {"settings of 12 bytes; expected 184", [](Call& c) { c.settings.struct_size = 12; }},
       {"run 4; expected 0 to 3, that is uncali cali", [](Call& c) { c.settings.run = 4; }},
       {"difference -1; expected 0 to 1", [](Call& c) { c.settings.difference = -1; }},
       {"outputs has bits that are no output", [](Call& c) { c.settings.outputs = 256; }},
@@ -150,6 +150,12 @@ TEST(HostLibrary, RefusalsSayWhatIsExpectedAndLeaveAllAsItWas) {
       {"scale 2", [](Call& c) { c.settings.scale = 2.0; }},
       {"scale", [](Call& c) { c.settings.scale = kNan; }},
       {"blur_radius 32768; expected 0 to 32767", [](Call& c) { c.settings.blur_radius = 32768; }},
+      {"orientation 2; expected 0 to 1, that is as-is upright",
+       [](Call& c) { c.settings.orientation = 2; }},
+      {"lamp -2; expected 0 to 7", [](Call& c) { c.settings.lamp = -2; }},
+      {"lamp 4; expected one of the 4 images", [](Call& c) { c.settings.lamp = 4; }},
+      {"lamp 0 is not at a number",
+       [](Call& c) { c.settings.lamp = 0, c.settings.lamp_degrees = kNan; }},
       {"the gain of channel1 is not finite",
        [](Call& c) { c.settings.gain[VELOSTRIX_OUTPUT_CHANNEL1] = kNan; }}};
 
@@ -282,6 +288,8 @@ TEST(HostLibrary, RecipesComeBackAndWhatTheyCannotHoldIsNamed) {
   p.difference = Difference::kForward;
   p.blur_radius = 2;
   p.iteration_cap = 30;
+  p.orientation = Orientation::kUpright;
+  p.lamp = {1, 90.5};
   p.factor_gain = 0.9;
   p.curvature = {120, 300.5};
   p.magnitude = {3, 200.25};

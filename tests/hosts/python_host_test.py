@@ -87,7 +87,8 @@ class Marshalling(unittest.TestCase):
         recipe = pathlib.Path(__file__).with_name("recipe.json")
         outputs = ("factor", "curvature", "magnitude", "height", "channel1", "channel2", "normal")
         parameters = Parameters(
-            "partcols", 20, outputs, (8, 6, 80, 60), 0.75, True, "forward", 2, 30, 12,
+            "partcols", 20, outputs, (8, 6, 80, 60), 0.75, True, "forward", 2, 30,
+            "upright", (1, 90.5), 12,
             {"factor": 0.9, "curvature": 300.5, "magnitude": 200.25, "channel1": -90, "channel2": 4000},
             {"curvature": 120, "magnitude": 3, "channel0": 100, "channel2": -5})
         self.assertEqual(Parameters.load(recipe), parameters)
@@ -136,6 +137,7 @@ class Marshalling(unittest.TestCase):
             (TypeError, "^outputs: 'height' given", good, {"outputs": "height"}),
             (ValueError, "^region: .* expected .x, y, width, height", good, {"region": (0, 0, 2)}),
             (TypeError, "^region: 20.5", good, {"region": (0, 0, 20.5, 20)}),
+            (ValueError, "^lamp: .* expected .image, degrees", good, {"lamp": (0,)}),
             (ValueError, "^blur_radius: 4294967296", good, {"blur_radius": 2**32}),
             (ValueError, "^scale: 1000", good, {"scale": 10**400}),
             (ValueError, "^gains: 'height' is unknown", good, {"gains": {"height": 1.0}}),
@@ -144,7 +146,7 @@ class Marshalling(unittest.TestCase):
             (TypeError, "unexpected keyword argument 'blur'", good, {"blur": 1}),
         ]
         cases += [(TypeError, f"^{field.name}: None given", good, {field.name: None})
-                  for field in dataclasses.fields(Parameters) if field.name != "region"]
+                  for field in dataclasses.fields(Parameters) if field.name not in ("region", "lamp")]
         for error, text, images, changes in cases:
             with self.subTest(text, changes=changes):
                 self.assertRaisesRegex(error, text, velostrix.reconstruct, images, **changes)

@@ -31,7 +31,7 @@ images = [read(file) for file in sorted(folder.glob("image?.png"))]
 for k, image in enumerate(images):
     image.tofile(folder / f"image{k}.raw")
 for run in velostrix.RUNS:
-    for case, options in ("plain", ()), ("tuned", ("--recipe", recipe)):
+    for case, options in ("plain", ("--orientation", "as-is")), ("tuned", ("--recipe", recipe)):
         call(program, "reconstruct", "--quiet", *sorted(folder.glob("image?.png")),
              "--out", f"cli/{case}/{run}", "--run", run, *options)
 call(*sys.argv[3:], ".", 96, 72, 4)

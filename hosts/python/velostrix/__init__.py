@@ -16,14 +16,14 @@ from numpy.typing import ArrayLike
 
 from . import _native
 from .parameters import (
-    OUTPUTS, RUNS, Difference, GainOutput, Output, Parameters, Run, ScaledOutput, expect,
-    integer, sequence)
-from .result import Result, Timings
+    OUTPUTS, RUNS, Difference, GainOutput, Orientation, Output, Parameters, Run, ScaledOutput,
+    expect, integer, sequence)
+from .result import OrientationFound, Result, Timings
 from .tool import Diagnostics, Exposure, Tool
 
 __all__ = [
-    "OUTPUTS", "RUNS", "Diagnostics", "Exposure", "Parameters", "Result", "Timings", "Tool",
-    "diagnose", "reconstruct", "set_threads", "threads",
+    "OUTPUTS", "RUNS", "Diagnostics", "Exposure", "OrientationFound", "Parameters", "Result",
+    "Timings", "Tool", "diagnose", "reconstruct", "set_threads", "threads",
 ]
 __version__: str = _native.call("LibraryVersion").decode()
 
@@ -45,6 +45,8 @@ def reconstruct(
     difference: Difference = ...,
     blur_radius: int = ...,
     iteration_cap: int = ...,
+    orientation: Orientation = ...,
+    lamp: Optional[Tuple[int, float]] = ...,
     bits: int = ...,
     gains: Mapping[GainOutput, float] = ...,
     offsets: Mapping[ScaledOutput, int] = ...,

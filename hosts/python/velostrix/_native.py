@@ -35,7 +35,8 @@ class Settings(Structure):
         (c_uint32, "struct_size"), (c_int32, "run band"), (c_uint32, "outputs"),
         (c_int32, "has_region"), (Region, "region"), (c_int32, "equalise"), (c_double, "scale"),
         (c_int32, "difference blur_radius iteration_cap bits"), (c_double * OUTPUT_COUNT, "gain"),
-        (c_int32 * OUTPUT_COUNT, "offset"), (c_uint32, "kept_gains kept_offsets"))
+        (c_int32 * OUTPUT_COUNT, "offset"), (c_uint32, "kept_gains kept_offsets"),
+        (c_int32, "orientation lamp"), (c_double, "lamp_degrees"))
 
 
 class Image(Structure):
@@ -53,6 +54,13 @@ class Times(Structure):
         (c_double, "parameters buffers"), (c_double * MOST_IMAGES, "images"), (c_double, "run"))
 
 
+class Orientation(Structure):
+    _fields_ = _fields(
+        (c_uint32, "struct_size"),
+        (c_int32, "is_clear is_mirrored is_turned is_inverted is_sign_open has_mirrored_curvature"),
+        (c_int32, "reserved"), (c_double, "curl_as_is curl_mirrored turn"))
+
+
 class Exposure(Structure):
     _fields_ = _fields(
         (c_double, "saturated_share black_share mean_level"), (c_int32, "is_dead equal_to"))
@@ -65,7 +73,8 @@ class Diagnostics(Structure):
         (c_double, "unexplained_by_ring unexplained_by_any"), (c_int32, "warning_count reserved"))
 
 
-for _record, _size in {Settings: 168, Image: 32, Plane: 32, Times: 88, Diagnostics: 352}.items():
+_SIZES = {Settings: 184, Image: 32, Plane: 32, Orientation: 56, Times: 88, Diagnostics: 352}
+for _record, _size in _SIZES.items():
     assert ctypes.sizeof(_record) == _size, _record
 
 

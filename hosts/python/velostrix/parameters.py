@@ -14,6 +14,7 @@ from . import _native
 
 Run = Literal["uncali", "cali", "partrows", "partcols"]
 Difference = Literal["central", "forward"]
+Orientation = Literal["as-is", "upright"]
 ByteOutput = Literal[
     "factor", "curvature", "magnitude", "channel0", "channel1", "channel2", "normal"]
 Output = Literal[ByteOutput, Literal["height"]]
@@ -23,6 +24,7 @@ GainOutput = Literal[Literal["factor"], ScaledOutput]
 # All in the order of the host library's numbers.
 RUNS: Tuple[Run, ...] = get_args(Run)
 DIFFERENCES: Tuple[Difference, ...] = get_args(Difference)
+ORIENTATIONS: Tuple[Orientation, ...] = get_args(Orientation)
 OUTPUTS: Tuple[Output, ...] = (
     "factor", "curvature", "magnitude", "height", "channel0", "channel1", "channel2", "normal")
 CHANNELS: Tuple[Output, ...] = ("channel0", "channel1", "channel2")
@@ -108,6 +110,12 @@ class Parameters:
     blur_radius: int = 0
     #: of the height; 0 = flat, negative = as many as it takes
     iteration_cap: int = 50
+    #: ``"upright"``: slopes that a run with unknown lamps finds mirrored, turned or, with `lamp`, with
+    #: the other sign are put right; ``"as-is"``: they are left as they come
+    orientation: Orientation = "as-is"
+    #: index of an image and where its lamp shines from in the images, roughly, in degrees: 0 from the
+    #: right, 90 from above, 180 from the left; tells bumps from dents when upright
+    lamp: Optional[Tuple[int, float]] = None
     #: in use of uint16 images, 8 to 16; 0: not said, and uint16 is refused
     bits: int = 0
     #: grey levels per unit of the map, by output; factor: multiplies the normalised image. What is
@@ -161,6 +169,13 @@ class Parameters:
         record.equalise = bool(self.equalise)
         record.scale = _number("scale", self.scale)
         record.difference = _index("difference", self.difference, DIFFERENCES)
+        record.orientation = _index("orientation", self.orientation, ORIENTATIONS)
+        if self.lamp is not None:
+            lamp = sequence("lamp", self.lamp, "(image, degrees)")
+            if len(lamp) != 2:
+                raise ValueError(f"lamp: {self.lamp!r} given; expected (image, degrees)")
+            record.lamp = integer("lamp", lamp[0])
+            record.lamp_degrees = _number("lamp", lamp[1])
         for name in ("band", "blur_radius", "iteration_cap", "bits"):
             setattr(record, name, integer(name, getattr(self, name)))
         if self.region is not None:
@@ -190,6 +205,8 @@ class Parameters:
             region=(region.x, region.y, region.width, region.height) if record.has_region else None,
             equalise=bool(record.equalise),
             difference=DIFFERENCES[record.difference],
+            orientation=ORIENTATIONS[record.orientation],
+            lamp=None if record.lamp < 0 else (record.lamp, record.lamp_degrees),
             gains={
                 output: record.gain[OUTPUTS.index(output)]
                 for output in names_in(record.kept_gains, _WITH_GAIN)

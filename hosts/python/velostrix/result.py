@@ -22,6 +22,23 @@ class Timings:
     run: float
 
 
+@dataclass(frozen=True)
+class OrientationFound:
+    """How the slopes of a part lay on the scene, and what was done."""
+
+    #: share (0 to 1/2) of the slopes' derivatives that is no surface's: near 0 for slopes of a
+    #: surface; None: not measured, as for runs as-is and calibrated ones
+    curl_as_is: Optional[float]
+    curl_mirrored: Optional[float]  #: the same of the mirrored slopes
+    is_clear: bool  #: the two shares differ enough to tell
+    is_mirrored: bool  #: slopes were mirrored; the run was made on flipped images
+    is_turned: bool  #: by about a quarter; channels changed places, images were transposed
+    is_inverted: bool  #: slopes had the opposite sign; height and slopes were negated
+    is_sign_open: bool  #: no lamp's direction is known: bumps and dents may have changed places
+    has_mirrored_curvature: bool  #: curvature is that of mirrored slopes, where it shows more
+    turn: float  #: degrees, counterclockwise, that the slopes stay turned by
+
+
 class Result:
     """The images of a run, as attributes: those that were asked for.
 
@@ -32,6 +49,7 @@ class Result:
 
     parameters: Parameters  #: with the gains and offsets that were chosen
     timings: Timings
+    orientation: OrientationFound
     factor: NDArray[np.uint8]  #: brightness (cali: albedo)
     curvature: NDArray[np.uint8]  #: where slopes change
     magnitude: NDArray[np.uint8]  #: the same without sign
@@ -42,10 +60,12 @@ class Result:
     height: NDArray[np.uint16]  #: relative height over the full 16-bit range
 
     def __init__(
-        self, parameters: Parameters, timings: Timings, images: Dict[str, NDArray[Any]]
+        self, parameters: Parameters, timings: Timings, orientation: OrientationFound,
+        images: Dict[str, NDArray[Any]]
     ) -> None:
         self.parameters = parameters
         self.timings = timings
+        self.orientation = orientation
         vars(self).update(images)
 
     def _refusal(self, name: str) -> str:

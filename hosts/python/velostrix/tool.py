@@ -12,7 +12,7 @@ from numpy.typing import ArrayLike
 from . import _native
 from .images import Images, View, read_image
 from .parameters import CHANNELS, OUTPUTS, Parameters, expect, integer, names_in, sequence
-from .result import Result, Timings
+from .result import OrientationFound, Result, Timings
 
 
 @dataclass(frozen=True)
@@ -210,6 +210,8 @@ class Tool:
         count, parameters, outputs = self._prepared
         times = _native.Times()
         native.call("Times", ctypes.byref(times))
+        found = _native.Orientation(struct_size=ctypes.sizeof(_native.Orientation))
+        native.call("Orientation", ctypes.byref(found))
         made = {*names_in(outputs, OUTPUTS)}
         if "normal" in made:
             made.update(CHANNELS)
@@ -217,6 +219,12 @@ class Tool:
         return Result(
             parameters,
             Timings(times.parameters, times.buffers, tuple(times.images[:count]), times.run),
+            OrientationFound(
+                None if found.curl_as_is < 0 else found.curl_as_is,
+                None if found.curl_mirrored < 0 else found.curl_mirrored,
+                bool(found.is_clear), bool(found.is_mirrored), bool(found.is_turned),
+                bool(found.is_inverted), bool(found.is_sign_open),
+                bool(found.has_mirrored_curvature), found.turn),
             {name: view.copy() if copy else view for name, view in views.items()},
         )
 
