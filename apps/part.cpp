@@ -118,6 +118,9 @@ void SayDiagnostics(const Part& part, Console& console) {
   } else if (part.record.recipe.parameters.run == Run::kCalibrated) {
     console.Note("whether the lamps are those of the ring cannot be told from these images");
   }
+  if (diagnostics.noise_share >= 0.0) {
+    console.Note("noise in the curvature: " + Format(100.0 * diagnostics.noise_share) + " %");
+  }
   for (const std::string& warning : diagnostics.warnings) console.Warn(warning);
 }
 

@@ -39,6 +39,20 @@ Json UnexplainedShare(const Diagnostics& d) {
   return {{"by_ring", d.unexplained_by_ring}, {"by_any_lamps", d.unexplained_by_any}};
 }
 
+// What is negative was not told.
+Json Shifts(const Diagnostics& diagnostics) {
+  Json shifts = Json::array();
+  for (int k = 0; k < diagnostics.image_count; ++k) {
+    const double shift = diagnostics.shifts[k];
+    shifts.push_back(shift < 0.0 ? Json() : Json(shift));
+  }
+  return shifts;
+}
+
+Json NoiseShare(const Diagnostics& diagnostics) {
+  return diagnostics.noise_share < 0.0 ? Json() : Json(diagnostics.noise_share);
+}
+
 Json Orientation(const OrientationFound& o) {
   if (o.curl_as_is < 0.0) return {};
   return {{"curl_as_is", o.curl_as_is},     {"curl_mirrored", o.curl_mirrored},
@@ -84,6 +98,8 @@ std::string ToJson(const RunRecord& record) {
                      {"inputs", Inputs(record)},
                      {"singular_values", SingularValues(record.diagnostics)},
                      {"unexplained_share", UnexplainedShare(record.diagnostics)},
+                     {"shifts_pixels", Shifts(record.diagnostics)},
+                     {"noise_share", NoiseShare(record.diagnostics)},
                      {"orientation", Orientation(record.orientation)},
                      {"warnings", record.diagnostics.warnings},
                      {"recipe", Json::parse(WriteRecipe(record.recipe))},

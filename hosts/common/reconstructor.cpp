@@ -411,18 +411,16 @@ VelostrixStatus VelostrixReconstructorDiagnose(VelostrixReconstructor* reconstru
                                                VelostrixDiagnostics* diagnostics) {
   return Use(reconstructor, [&](VelostrixReconstructor& r) {
     const velostrix::Recipe recipe = RecipeOf(settings);
-    std::vector<cv::Mat> mats = Take(images, count, recipe);
+    const std::vector<cv::Mat> mats = Take(images, count, recipe);
     RequireSize(diagnostics, "diagnostics");
     std::vector<std::string> texts;
     for (size_t k = 0; k < mats.size(); ++k) {
-      if (recipe.parameters.region) mats[k] = mats[k](*recipe.parameters.region);
       texts.push_back(names == nullptr ? "image " + std::to_string(k + 1)
                                        : &Required(names[k], "a name"));
     }
-    const bool with_ring = recipe.parameters.run == velostrix::Run::kCalibrated;
     VelostrixDiagnostics found = {};
     found.struct_size = sizeof found;
-    r.warnings = velostrix::DiagnoseImages(mats, texts, with_ring, &found);
+    r.warnings = velostrix::DiagnoseImages(mats, texts, recipe.parameters, {}, &found);
     *diagnostics = found;
   });
 }

@@ -105,7 +105,9 @@ namespace Velostrix
             [MarshalAs(UnmanagedType.ByValArray, SizeConst = MostImages)]
             public double[] SingularValues;
             public double UnexplainedByRing, UnexplainedByAny;
-            public int WarningCount, Reserved;
+            public int WarningCount, LastPiece;
+            [MarshalAs(UnmanagedType.ByValArray, SizeConst = MostImages)] public double[] Shifts;
+            public double NoiseShare;
         }
 
         const string Library = "velostrix_host";

@@ -1,6 +1,7 @@
 // The reconstructor as a C# object: prepare once, then set images and run, part after part.
 using System;
 using System.Collections.Generic;
+using System.Linq;
 using System.Runtime.InteropServices;
 using System.Text;
 
@@ -131,6 +132,11 @@ namespace Velostrix
             SingularValues = new ArraySegment<double>(record.SingularValues, 0, count);
             if (record.UnexplainedByRing >= 0) UnexplainedByRing = record.UnexplainedByRing;
             if (record.UnexplainedByAny >= 0) UnexplainedByAny = record.UnexplainedByAny;
+            Shifts = Array.ConvertAll(
+                new ArraySegment<double>(record.Shifts, 0, count).ToArray(),
+                shift => shift < 0 ? (double?)null : shift);
+            if (record.NoiseShare >= 0) NoiseShare = record.NoiseShare;
+            LastPiece = record.LastPiece;
             Warnings = warnings;
         }
 
@@ -148,6 +154,19 @@ namespace Velostrix
         public double? UnexplainedByRing { get; }
         /// <summary>How much no normals under any lamps explain; null: not told.</summary>
         public double? UnexplainedByAny { get; }
+        /// <summary>
+        /// Pixels that each image lies from the place of most; null: not told, as without structure.
+        /// </summary>
+        public IReadOnlyList<double?> Shifts { get; }
+        /// <summary>
+        /// Of the variance of the curvature image, the share (0 to 1) that is noise of the camera;
+        /// null: not told, as with a scale below 0.99.
+        /// </summary>
+        public double? NoiseShare { get; }
+        /// <summary>
+        /// Partial runs: rows or columns of the last piece; 0: there are no pieces.
+        /// </summary>
+        public int LastPiece { get; }
         /// <summary>What is wrong and what to do, in plain words.</summary>
         public IReadOnlyList<string> Warnings { get; }
     }
@@ -403,7 +422,8 @@ namespace Velostrix
         }
 
         /// <summary>
-        /// Measures the region of the images. Of the parameters region, run and bits matter. Leaves
+        /// Measures the region of the images. Of the parameters region, run, band, scale, blur and
+        /// bits matter. Leaves
         /// what is prepared, set and made alone.
         /// </summary>
         /// <param name="images">3 to 8.</param>
@@ -418,7 +438,8 @@ namespace Velostrix
             {
                 StructSize = Marshal.SizeOf(typeof(Native.Diagnostics)),
                 Exposures = new Native.Exposure[Native.MostImages],
-                SingularValues = new double[Native.MostImages]
+                SingularValues = new double[Native.MostImages],
+                Shifts = new double[Native.MostImages]
             };
             using (var pins = new Pins())
             {

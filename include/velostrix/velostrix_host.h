@@ -375,13 +375,14 @@ typedef struct VelostrixExposure {
   int32_t equal_to;       /* index of the first earlier image with the same pixels; -1: none */
 } VelostrixExposure;
 
-/* Whether images are fit for reconstruction. 352 bytes. */
+/* Whether images are fit for reconstruction. 424 bytes. */
 typedef struct VelostrixDiagnostics {
   uint32_t struct_size;                               /* sizeof(VelostrixDiagnostics) */
   int32_t image_count;                                /* of the images that were measured */
   VelostrixExposure exposures[VELOSTRIX_MOST_IMAGES]; /* of each image */
   /* Of the images x pixels matrix, descending, the first scaled to 1. The second and third say how
-   * much the lamps differ in one and in two directions. */
+   * much the lamps differ in one and in two directions; where the third is not above the fourth,
+   * it is noise, shadows and gloss. */
   double singular_values[VELOSTRIX_MOST_IMAGES];
   /* cali: how much of the images (root mean square share, 0 to 1) no normals under the lamps of the
    * run's ring explain, and how much none under any lamps do, over pixels that are neither
@@ -391,12 +392,18 @@ typedef struct VelostrixDiagnostics {
   double unexplained_by_ring;
   double unexplained_by_any;
   int32_t warning_count; /* of VelostrixReconstructorWarning */
-  int32_t reserved;      /* 0 */
+  int32_t last_piece;    /* partrows, partcols: rows or columns of the last piece; 0: no pieces */
+  /* How many pixels each image lies from the place of most: 0 when nothing moved. Negative: not
+   * told, as for images without structure. */
+  double shifts[VELOSTRIX_MOST_IMAGES];
+  /* Of the variance of the curvature image, with its blur, the share (0 to 1) that is noise of the
+   * camera. Negative: not told, as with a scale below 0.99. */
+  double noise_share;
 } VelostrixDiagnostics;
 
-/* Measures the region of the images. Settings: region, run and bits matter. names: of the images in
- * warnings, such as their files; null: "image 1" and so on. Leaves what is prepared, set and made
- * alone. */
+/* Measures the region of the images. Settings: region, run, band, scale, blur and bits matter.
+ * names: of the images in warnings, such as their files; null: "image 1" and so on. Leaves what is
+ * prepared, set and made alone. */
 VELOSTRIX_HOST_API VelostrixStatus VelostrixReconstructorDiagnose(
     VelostrixReconstructor* reconstructor, const VelostrixImage* images, int32_t count,
     const VelostrixSettings* settings, const char* const* names, VelostrixDiagnostics* diagnostics);
@@ -455,11 +462,13 @@ VELOSTRIX_PIN(offsetof(VelostrixTimes, run) == 80);
 
 VELOSTRIX_PIN(sizeof(VelostrixExposure) == 32);
 VELOSTRIX_PIN(offsetof(VelostrixExposure, is_dead) == 24);
-VELOSTRIX_PIN(sizeof(VelostrixDiagnostics) == 352);
+VELOSTRIX_PIN(sizeof(VelostrixDiagnostics) == 424);
 VELOSTRIX_PIN(offsetof(VelostrixDiagnostics, exposures) == 8);
 VELOSTRIX_PIN(offsetof(VelostrixDiagnostics, singular_values) == 264);
 VELOSTRIX_PIN(offsetof(VelostrixDiagnostics, unexplained_by_ring) == 328);
 VELOSTRIX_PIN(offsetof(VelostrixDiagnostics, warning_count) == 344);
+VELOSTRIX_PIN(offsetof(VelostrixDiagnostics, shifts) == 352);
+VELOSTRIX_PIN(offsetof(VelostrixDiagnostics, noise_share) == 416);
 
 #undef VELOSTRIX_PIN
 

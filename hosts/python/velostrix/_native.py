@@ -70,10 +70,11 @@ class Diagnostics(Structure):
     _fields_ = _fields(
         (c_uint32, "struct_size"), (c_int32, "image_count"), (Exposure * MOST_IMAGES, "exposures"),
         (c_double * MOST_IMAGES, "singular_values"),
-        (c_double, "unexplained_by_ring unexplained_by_any"), (c_int32, "warning_count reserved"))
+        (c_double, "unexplained_by_ring unexplained_by_any"), (c_int32, "warning_count last_piece"),
+        (c_double * MOST_IMAGES, "shifts"), (c_double, "noise_share"))
 
 
-_SIZES = {Settings: 184, Image: 32, Plane: 32, Orientation: 56, Times: 88, Diagnostics: 352}
+_SIZES = {Settings: 184, Image: 32, Plane: 32, Orientation: 56, Times: 88, Diagnostics: 424}
 for _record, _size in _SIZES.items():
     assert ctypes.sizeof(_record) == _size, _record
 

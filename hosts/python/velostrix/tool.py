@@ -39,6 +39,12 @@ class Diagnostics:
     #: ring explain; None for other runs and 3 images
     unexplained_by_ring: Optional[float]
     unexplained_by_any: Optional[float]  #: the same under any lamps
+    #: pixels that each image lies from the place of most; None: not told, as without structure
+    shifts: Tuple[Optional[float], ...]
+    #: of the variance of the curvature image, the share that is noise of the camera; None: not told,
+    #: as with a scale below 0.99
+    noise_share: Optional[float]
+    last_piece: int  #: partrows, partcols: rows or columns of the last piece; 0: no pieces
 
 
 class Tool:
@@ -169,8 +175,8 @@ class Tool:
         parameters: Parameters = Parameters(),
         names: Optional[Sequence[Union[str, "os.PathLike[str]"]]] = None,
     ) -> Diagnostics:
-        """Measures the parameters' region of the images; run and bits matter too. Leaves what is
-        prepared and set alone.
+        """Measures the parameters' region of the images; run, band, scale, blur_radius and bits matter
+        too. Leaves what is prepared and set alone.
 
         names: of the images in warnings, such as their files; else "image 1" and so on.
         """
@@ -202,8 +208,11 @@ class Tool:
                 for e in found.exposures[:count]
             ),
             tuple(found.singular_values[:count]),
-            *(None if share < 0 else share
-              for share in (found.unexplained_by_ring, found.unexplained_by_any)),
+            _told(found.unexplained_by_ring),
+            _told(found.unexplained_by_any),
+            tuple(map(_told, found.shifts[:count])),
+            _told(found.noise_share),
+            found.last_piece,
         )
 
     def _result(self, native: _native.Reconstructor, copy: bool) -> Result:
@@ -227,6 +236,10 @@ class Tool:
                 bool(found.has_mirrored_curvature), found.turn),
             {name: view.copy() if copy else view for name, view in views.items()},
         )
+
+
+def _told(number: float) -> Optional[float]:
+    return None if number < 0 else number
 
 
 def _settings_of(parameters: Parameters) -> _native.Settings:
