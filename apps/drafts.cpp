@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 #include <chrono>
 #include <cstring>
 #include <set>
+#include <string>
 #include <system_error>
 #include <thread>
 
@@ -20,6 +22,9 @@ namespace velostrix::cli {
 namespace {
 
 namespace fs = std::filesystem;
+
+constexpr const char* kPrefix = ".velostrix-";
+constexpr const char* kSuffix = ".part";
 
 std::atomic<int> kept_signal = 0;
 static_assert(std::atomic<int>::is_always_lock_free, "a signal handler stores to it");
@@ -51,8 +56,12 @@ SignalHold::~SignalHold() {
 }
 
 void SignalHold::Check() {
-  if (kept_signal != 0) throw Failure("interrupted");
+  if (Kept() != 0) throw Failure("interrupted");
 }
+
+int SignalHold::Kept() { return kept_signal; }
+
+int SignalHold::Take() { return kept_signal.exchange(0); }
 
 Descriptor::~Descriptor() {
   if (number_ >= 0) close(number_);
@@ -70,23 +79,41 @@ Descriptor LockFolder(const fs::path& folder) {
   return Descriptor(descriptor);
 }
 
+std::vector<fs::path> AbandonedDrafts(const fs::path& folder) {
+  std::vector<fs::path> abandoned;
+  std::error_code ignored;  // what cannot be looked at is left alone
+  for (const fs::directory_entry& entry :
+       fs::directory_iterator(folder.empty() ? "." : folder, ignored)) {
+    const std::string name = entry.path().filename().string();
+    if (name.rfind(kPrefix, 0) != 0 || entry.path().extension() != kSuffix) continue;
+    const Descriptor file(open(entry.path().c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    if (flock(file.number(), LOCK_EX | LOCK_NB) == 0) abandoned.push_back(entry.path());
+  }
+  return abandoned;
+}
+
 Drafts::~Drafts() {
-  for (const auto& [draft, place] : drafts_) unlink(draft.c_str());
+  for (const Draft& draft : drafts_) unlink(draft.path.c_str());
 }
 
 void Drafts::Write(const fs::path& place, const std::vector<uint8_t>& bytes) {
   drafts_.reserve(drafts_.size() + 1);  // once the file is there, its name cannot get lost
-  std::pair<fs::path, fs::path> entry({}, place);
-  int descriptor = -1;
-  for (size_t k = drafts_.size(); descriptor < 0; ++k) {
-    entry.first = place.parent_path() /
-                  (".velostrix-" + std::to_string(getpid()) + '-' + std::to_string(k) + ".part");
-    descriptor =
-        open(entry.first.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
-    if (descriptor < 0 && errno != EEXIST) FailToWrite(place);
+  fs::path path;
+  for (size_t k = drafts_.size();; ++k) {
+    path = place.parent_path() /
+           (kPrefix + std::to_string(getpid()) + '-' + std::to_string(k) + kSuffix);
+    Descriptor created(
+        open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
+    if (created.number() < 0 && errno != EEXIST) FailToWrite(place);
+    if (created.number() < 0) continue;
+    // Before it was locked another process may have taken it for abandoned and removed it.
+    flock(created.number(), LOCK_EX | LOCK_NB);
+    struct stat status = {};
+    if (fstat(created.number(), &status) != 0 || status.st_nlink == 0) continue;
+    drafts_.push_back({std::move(path), place, std::move(created)});
+    break;
   }
-  drafts_.push_back(std::move(entry));
-  const Descriptor file(descriptor);
+  const Descriptor& file = drafts_.back().file;
 
   constexpr size_t kPiece = 1 << 20;  // a signal waits for no more
   for (size_t done = 0; done < bytes.size();) {
@@ -103,12 +130,12 @@ void Drafts::PutInPlace() {
   // Not every file system can sync a folder: no reason to fail.
   const auto sync_folders = [this] {
     std::set<fs::path> folders;
-    for (const auto& [draft, place] : drafts_) folders.insert(place.parent_path());
+    for (const Draft& draft : drafts_) folders.insert(draft.place.parent_path());
     for (const fs::path& folder : folders) fsync(Descriptor(OpenFolder(folder)).number());
   };
-  for (const auto& [draft, place] : drafts_) {
-    if (place == drafts_.back().second) sync_folders();
-    if (rename(draft.c_str(), place.c_str()) != 0) FailToWrite(place);
+  for (const Draft& draft : drafts_) {
+    if (&draft == &drafts_.back()) sync_folders();
+    if (rename(draft.path.c_str(), draft.place.c_str()) != 0) FailToWrite(draft.place);
   }
   sync_folders();
   drafts_.clear();

@@ -22,6 +22,12 @@ class SignalHold {
   // Failure when such a signal has come.
   static void Check();
 
+  // The signal that has come, or 0.
+  static int Kept();
+
+  // The same; it is forgotten, and what checks for it goes on.
+  static int Take();
+
  private:
   static constexpr std::array kSignals = {SIGINT, SIGTERM, SIGHUP};
   std::array<struct sigaction, kSignals.size()> before_ = {};
@@ -32,6 +38,7 @@ class Descriptor {
  public:
   explicit Descriptor(int number) : number_(number) {}
   ~Descriptor();
+  Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
   Descriptor(const Descriptor&) = delete;
   Descriptor& operator=(const Descriptor&) = delete;
 
@@ -45,7 +52,11 @@ class Descriptor {
 // seconds, or where the file system has no locks, there is none.
 Descriptor LockFolder(const std::filesystem::path& folder);
 
-// Those not put in place are removed. Trouble is a Failure that names the place.
+// The drafts in a folder whose writers died before they could put them in place or remove them.
+std::vector<std::filesystem::path> AbandonedDrafts(const std::filesystem::path& folder);
+
+// Those not put in place are removed. A draft is locked as long as its writer lives. Trouble is a
+// Failure that names the place.
 class Drafts {
  public:
   Drafts() = default;
@@ -60,7 +71,13 @@ class Drafts {
   void PutInPlace();
 
  private:
-  std::vector<std::pair<std::filesystem::path, std::filesystem::path>> drafts_;  // and their places
+  struct Draft {
+    std::filesystem::path path;
+    std::filesystem::path place;
+    Descriptor file;  // keeps the lock
+  };
+
+  std::vector<Draft> drafts_;
 };
 
 }  // namespace velostrix::cli

@@ -86,8 +86,13 @@ OutputFiles::OutputFiles(OutputPlan plan) : plan_(std::move(plan)) {
   cv::haveImageWriter(".png");
 }
 
+// A run that was killed between its first and its last file has left its record as a draft.
 std::vector<fs::path> OutputFiles::CheckPlaces() const {
-  const std::set<std::string> listed = ReadRecord(plan_.folder / plan_.record);
+  const fs::path record = plan_.folder / plan_.record;
+  std::set<std::string> listed = ReadRecord(record);
+  for (const fs::path& draft : AbandonedDrafts(record.parent_path())) {
+    listed.merge(ReadRecord(draft));
+  }
   const auto check = [&](const std::string& name) {
     const fs::path place = plan_.folder / name;
     const fs::file_status status = StatusOf(place);
@@ -168,7 +173,14 @@ void OutputFiles::Commit(const std::function<std::string()>& record) {
     fs::remove(file, error);
     if (error) throw Failure(file.string() + ": cannot be removed: " + error.message());
   }
+  std::set<fs::path> folders;
+  for (const auto& [name, bytes] : files_) folders.insert((plan_.folder / name).parent_path());
+  std::vector<fs::path> abandoned;
+  for (const fs::path& folder : folders) {
+    for (fs::path& draft : AbandonedDrafts(folder)) abandoned.push_back(std::move(draft));
+  }
   drafts.PutInPlace();
+  for (const fs::path& draft : abandoned) unlink(draft.c_str());
 }
 
 }  // namespace velostrix::cli
