@@ -3,44 +3,57 @@
 
 #include <unistd.h>
 
+#include <cstdio>
 #include <opencv2/core.hpp>
 
 namespace velostrix::cli {
+namespace {
 
-StderrCapture::StderrCapture() : file_(std::tmpfile()) {
-  if (file_ == nullptr) return;  // no place to keep it: it is printed
-  std::fflush(stderr);
-  saved_descriptor_ = dup(STDERR_FILENO);
-  if (saved_descriptor_ >= 0) dup2(fileno(file_), STDERR_FILENO);
+// Where this thread's prints go; null: to stderr.
+thread_local std::string* kept = nullptr;
+
+ssize_t Route(void* /*cookie*/, const char* text, size_t length) {
+  if (kept == nullptr) return write(STDERR_FILENO, text, length);
+  kept->append(text, length);
+  return static_cast<ssize_t>(length);
 }
 
-std::string StderrCapture::End() {
-  if (file_ == nullptr) return {};
-  if (saved_descriptor_ >= 0) {
-    std::fflush(stderr);
-    dup2(saved_descriptor_, STDERR_FILENO);
-    close(saved_descriptor_);
-  }
-  std::string line;
-  std::rewind(file_);
-  for (int c = std::fgetc(file_); c != EOF && c != '\n' && c != '\r'; c = std::fgetc(file_)) {
-    line.push_back(static_cast<char>(c));
-  }
-  std::fclose(file_);
-  file_ = nullptr;
-  return line;
+// The codecs print to the variable stderr, one for all threads, which is ours to set. It stays so:
+// another thread may be printing. The program's own lines go by std::cerr, which keeps the first.
+void RouteStderr() {
+  std::FILE* const routed = fopencookie(nullptr, "w", {nullptr, Route, nullptr, nullptr});
+  if (routed == nullptr) return;  // no memory: it is printed
+  std::setvbuf(routed, nullptr, _IONBF, 0);
+  stderr = routed;
 }
+
+class Capture {
+ public:
+  explicit Capture(std::string& text) {
+    static const bool is_routed = (RouteStderr(), true);
+    static_cast<void>(is_routed);
+    kept = &text;
+  }
+  ~Capture() { kept = nullptr; }
+  Capture(const Capture&) = delete;
+  Capture& operator=(const Capture&) = delete;
+};
+
+}  // namespace
 
 std::string CodeQuietly(const std::function<void()>& code) {
-  StderrCapture capture;
+  std::string said;
   std::string error;
-  try {
-    code();
-  } catch (const cv::Exception& e) {
-    if (e.code == cv::Error::StsNoMem) throw;
-    error = e.err;
+  {
+    const Capture capture(said);
+    try {
+      code();
+    } catch (const cv::Exception& e) {
+      if (e.code == cv::Error::StsNoMem) throw;
+      error = e.err;
+    }
   }
-  const std::string said = capture.End();
+  said.resize(std::min(said.size(), said.find_first_of("\r\n")));
   return said.empty() ? error : said;
 }
 
