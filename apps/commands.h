@@ -2,6 +2,7 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <array>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -27,6 +28,8 @@ constexpr int kAllCores = -1;
 // Each adds one command with its options; parsing the arguments then runs it.
 // The arguments of the program are for the record of the run.
 void AddReconstructCommand(CLI::App& app, const std::vector<std::string>& arguments);
+void AddBatchCommand(CLI::App& app, const std::vector<std::string>& arguments);
+void AddMergeCommand(CLI::App& app);
 void AddRenderCommand(CLI::App& app);
 void AddSheetCommand(CLI::App& app);
 void AddInfoCommand(CLI::App& app);
@@ -46,6 +49,12 @@ inline CLI::Validator IsNumber() {
             return ParseNumber(text, number) ? std::string() : text + ": expected a number";
           },
           ""};
+}
+
+// One of the names.
+template <size_t N>
+CLI::IsMember OneOf(const std::array<const char*, N>& names) {
+  return CLI::IsMember(std::vector<std::string>(names.begin(), names.end()));
 }
 
 // The folder or file to write to.

@@ -5,6 +5,8 @@
 
 #include <cstdio>
 #include <iostream>
+#include <new>
+#include <opencv2/core.hpp>
 #include <system_error>
 
 namespace velostrix::cli {
@@ -28,6 +30,15 @@ std::string Printable(const std::string& text) {
   return printable;
 }
 
+std::string Explain(const std::exception& error) {
+  const auto* const from_opencv = dynamic_cast<const cv::Exception*>(&error);
+  const bool is_memory = from_opencv != nullptr
+                             ? from_opencv->code == cv::Error::StsNoMem
+                             : dynamic_cast<const std::bad_alloc*>(&error) != nullptr;
+  if (is_memory) return "out of memory; work on fewer pixels (--roi, --scale, --size, --tile)";
+  return from_opencv != nullptr ? from_opencv->err : error.what();
+}
+
 Console::Console(bool quiet) : quiet_(quiet) {
   if (quiet || isatty(STDERR_FILENO) == 0) return;
   try {
@@ -48,7 +59,10 @@ Console::~Console() {
 }
 
 void Console::Note(const std::string& text) {
-  if (quiet_) return;
+  if (!quiet_) Complain(text);
+}
+
+void Console::Complain(const std::string& text) {
   const std::lock_guard lock(mutex_);
   EraseProgress();
   std::cerr << Printable(text) << '\n';

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <exception>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -11,6 +12,9 @@ namespace velostrix::cli {
 
 // The text with control characters as \x1b: it stays on its line and does not steer the terminal.
 std::string Printable(const std::string& text);
+
+// What went wrong, in words.
+std::string Explain(const std::exception& error);
 
 class Console {
  public:
@@ -21,7 +25,12 @@ class Console {
   Console& operator=(const Console&) = delete;
 
   void Note(const std::string& text);
+  // What has to be known, also by one who wants it quiet.
+  void Complain(const std::string& text);
   void Warn(const std::string& text) { Note("warning: " + text); }
+
+  // Whether Step shows anything.
+  bool is_terminal() const { return shower_.joinable(); }
 
   // What is being done now. When stderr is a terminal and a second has passed since the start, it
   // is shown there with the time so far.

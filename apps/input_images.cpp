@@ -67,17 +67,10 @@ std::vector<InputImage> DecodeFiles(const std::vector<std::string>& files) {
   std::vector<std::vector<char>> bytes;
   for (const std::string& file : files) bytes.push_back(ReadBytes(file, kExpected));
   std::vector<InputImage> images(files.size());
-  const std::string said = CodeQuietly([&] {
-    InParallel(files.size(), [&](size_t k) {
-      images[k] = {files[k], Sha256(bytes[k]), ExifOrientation(bytes[k]), {}, Decode(bytes[k]), {}};
-    });
-  });
-  const bool all_are_well =
-      said.empty() && std::none_of(images.begin(), images.end(),
-                                   [](const InputImage& image) { return image.pixels.empty(); });
-  for (size_t k = 0; k < files.size() && !all_are_well; ++k) {  // which one is it?
+  InParallel(files.size(), [&](size_t k) {
+    images[k] = {files[k], Sha256(bytes[k]), ExifOrientation(bytes[k]), {}, {}, {}};
     images[k].pixels = DecodeBytes(bytes[k], files[k], &images[k].note);
-  }
+  });
   return images;
 }
 
@@ -182,6 +175,8 @@ std::string WhyUnreadable(const std::string& file) {
   return file + (is_pattern ? ": no file matches this pattern" : ": no such file");
 }
 
+std::string HashFile(const std::string& file) { return Sha256(ReadBytes(file, kExpected)); }
+
 cv::Mat DecodeFile(const std::string& file) {
   std::string remark;
   return DecodeBytes(ReadBytes(file, kExpected), file, &remark);
@@ -192,6 +187,10 @@ bool IsImageName(const std::string& file) {
                                                       ".tiff", ".jpg", ".jpeg"};
   const std::string extension = CLI::detail::to_lower(fs::path(file).extension().string());
   return std::find(kExtensions.begin(), kExtensions.end(), extension) != kExtensions.end();
+}
+
+bool IsBefore(const std::string& a, const std::string& b) {
+  return strverscmp(a.c_str(), b.c_str()) < 0;
 }
 
 std::vector<std::string> ImagesIn(const std::string& folder) {
@@ -205,9 +204,7 @@ std::vector<std::string> ImagesIn(const std::string& folder) {
     if (entry.is_regular_file() && IsImageName(file)) files.push_back(file);
   }
   if (files.empty()) throw Failure(folder + ": no pictures; expected PNG, BMP, TIFF or JPEG files");
-  std::sort(files.begin(), files.end(), [](const std::string& a, const std::string& b) {
-    return strverscmp(a.c_str(), b.c_str()) < 0;
-  });
+  std::sort(files.begin(), files.end(), IsBefore);
   return files;
 }
 

@@ -7,7 +7,10 @@
 
 namespace velostrix::cli {
 
-// The image files of the folder in natural order: 2 before 10. Failure when there is no such folder
+// Natural order of names: 2 before 10.
+bool IsBefore(const std::string& a, const std::string& b);
+
+// The image files of the folder in natural order. Failure when there is no such folder
 // or no image in it.
 std::vector<std::string> ImagesIn(const std::string& folder);
 
@@ -19,6 +22,9 @@ std::vector<char> ReadBytes(const std::string& file, const std::string& expected
 
 // Why the path cannot be an image file, and what to give; empty when it may be one.
 std::string WhyUnreadable(const std::string& file);
+
+// SHA-256 of the file, as of an input image.
+std::string HashFile(const std::string& file);
 
 // The pixels of a PNG, BMP, TIFF or JPEG file, turned as EXIF says. Failure names the file and what
 // is wrong with it.

@@ -5,7 +5,6 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <iostream>
-#include <new>
 #include <numeric>
 #include <opencv2/core.hpp>
 #include <opencv2/core/utils/logger.hpp>
@@ -22,8 +21,6 @@ namespace {
 constexpr int kFailed = 1;
 constexpr int kWrongUsage = 2;
 constexpr const char* kSeeHelp = "; see velostrix --help";
-constexpr const char* kOutOfMemory =
-    "out of memory; work on fewer pixels (--roi, --scale, --size, --tile)";
 
 int Complain(int exit_code, const std::string& message) {
   std::cerr << "velostrix: " << velostrix::cli::Printable(message) << '\n';
@@ -110,6 +107,8 @@ int main(int argc, char** argv) {
       "  velostrix sheet scene relief --out overview.png\n\n"
       "Exit codes: 0 done, 1 failed, 2 wrong arguments.");
   AddReconstructCommand(app, {argv, argv + argc});
+  AddBatchCommand(app, {argv, argv + argc});
+  AddMergeCommand(app);
   AddRenderCommand(app);
   AddSheetCommand(app);
   AddInfoCommand(app);
@@ -125,12 +124,8 @@ int main(int argc, char** argv) {
     return Complain(kWrongUsage, e.what() + std::string(kSeeHelp));
   } catch (const UsageError& e) {
     return Complain(kWrongUsage, e.what());
-  } catch (const std::bad_alloc&) {
-    return Complain(kFailed, kOutOfMemory);
-  } catch (const cv::Exception& e) {
-    return Complain(kFailed, e.code == cv::Error::StsNoMem ? kOutOfMemory : e.err);
   } catch (const std::exception& e) {
-    return Complain(kFailed, e.what());
+    return Complain(kFailed, Explain(e));
   }
   if (!std::cout.flush()) return Complain(kFailed, "standard output: cannot be written");
   return 0;

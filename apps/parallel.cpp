@@ -10,6 +10,14 @@
 
 namespace velostrix::cli {
 
+namespace {
+
+std::atomic<size_t> most_threads = 0;  // 0: cores
+
+}  // namespace
+
+void LimitParallel(size_t threads) { most_threads = threads; }
+
 void InParallel(size_t count, const std::function<void(size_t)>& work) {
   std::vector<std::exception_ptr> errors(count);
   std::vector<std::thread> helpers;
@@ -25,7 +33,8 @@ void InParallel(size_t count, const std::function<void(size_t)>& work) {
     }
   };
   const size_t cores = std::max(1U, std::thread::hardware_concurrency());
-  const size_t threads = std::min(cores, count);
+  const size_t limit = most_threads;
+  const size_t threads = std::min(limit == 0 ? cores : limit, count);
   helpers.reserve(threads);
   try {
     while (helpers.size() + 1 < threads) helpers.emplace_back(take_pieces);

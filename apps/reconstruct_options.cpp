@@ -21,11 +21,6 @@ Choice Chosen(const std::array<const char*, N>& names, const std::string& name) 
   return static_cast<Choice>(std::find(names.begin(), names.end(), name) - names.begin());
 }
 
-template <size_t N>
-CLI::IsMember OneOf(const std::array<const char*, N>& names) {
-  return CLI::IsMember(std::vector<std::string>(names.begin(), names.end()));
-}
-
 std::optional<Output> OutputNamed(const std::string& name) {
   for (const Output output : kAllOutputs) {
     if (name == Name(output)) return output;
@@ -61,16 +56,6 @@ cv::Rect ParseRegion(const std::string& text) {
                      "and its size");
   }
   return {numbers[0], numbers[1], numbers[2], numbers[3]};
-}
-
-void ReadRecipe(const std::string& file, ReconstructOptions& options) {
-  const std::vector<char> bytes = ReadBytes(file, "; expected a recipe, such as a run.json");
-  try {
-    options.recipe = velostrix::ParseRecipe({bytes.begin(), bytes.end()});
-  } catch (const Error& e) {
-    throw Failure(file + ": " + e.what());
-  }
-  options.recipe_file = file;
 }
 
 LampHint ParseLamp(const std::string& text) {
@@ -120,6 +105,15 @@ std::pair<Output, T> ParseScaling(const std::string& option, const std::string& 
 
 }  // namespace
 
+Recipe ReadRecipe(const std::string& file) {
+  const std::vector<char> bytes = ReadBytes(file, "; expected a recipe, such as a run.json");
+  try {
+    return velostrix::ParseRecipe({bytes.begin(), bytes.end()});
+  } catch (const Error& e) {
+    throw Failure(file + ": " + e.what());
+  }
+}
+
 void DeclareReconstructOptions(CLI::App& command, ReconstructOptions& options) {
   constexpr int kMost = std::numeric_limits<int>::max();
   Recipe& recipe = options.recipe;
@@ -154,7 +148,11 @@ void DeclareReconstructOptions(CLI::App& command, ReconstructOptions& options) {
   // First of those that set the recipe: the parser calls them in the order of their declaration.
   command
       .add_option_function<std::string>(
-          "--recipe", [&](const std::string& file) { ReadRecipe(file, options); },
+          "--recipe",
+          [&](const std::string& file) {
+            options.recipe = ReadRecipe(file);
+            options.recipe_file = file;
+          },
           "Take what is not given here from a recipe: a run.json, or what --save-recipe wrote")
       ->group("Recipes")
       ->type_name("FILE");

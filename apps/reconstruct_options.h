@@ -35,6 +35,9 @@ struct ReconstructOptions {
   std::string recipe_file;
 };
 
+// The recipe of the file. Failure says what is wrong with it.
+Recipe ReadRecipe(const std::string& file);
+
 // Declares the arguments; parsing stores them in the options.
 void DeclareReconstructOptions(CLI::App& command, ReconstructOptions& options);
 

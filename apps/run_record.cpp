@@ -62,6 +62,11 @@ Json Orientation(const OrientationFound& o) {
           {"turn_degrees", o.turn}};
 }
 
+template <typename T>
+Json OrNull(const std::optional<T>& value) {
+  return value ? Json(*value) : Json();
+}
+
 std::string Now() {
   const std::time_t now = std::time(nullptr);
   std::tm utc = {};
@@ -90,35 +95,40 @@ std::string ToJson(const RunRecord& record) {
     if (p.outputs.Contains(output)) outputs.push_back(FileName(output));
     if (record.chosen.Contains(output)) chosen.push_back(Name(output));
   }
-  const Json json = {{"version", VELOSTRIX_VERSION},
-                     {"command", record.arguments},
-                     {"date", Now()},
-                     {"host", HostName()},
-                     {"threads", record.threads},
-                     {"inputs", Inputs(record)},
-                     {"singular_values", SingularValues(record.diagnostics)},
-                     {"unexplained_share", UnexplainedShare(record.diagnostics)},
-                     {"shifts_pixels", Shifts(record.diagnostics)},
-                     {"noise_share", NoiseShare(record.diagnostics)},
-                     {"orientation", Orientation(record.orientation)},
-                     {"warnings", record.diagnostics.warnings},
-                     {"recipe", Json::parse(WriteRecipe(record.recipe))},
-                     {"chosen_gains", chosen},
-                     {"sizes",
-                      {{"input", ToJson(size)},
-                       {"working", ToJson(WorkingSize(size, p))},
-                       {"output", ToJson(p.region ? p.region->size() : size)}}},
-                     {"times_ms",
-                      {{"load_files", record.load_ms},
-                       {"diagnose", record.diagnose_ms},
-                       {"choose_gains", record.choose_gains_ms},
-                       {"set_parameters", record.calls.parameters},
-                       {"allocate_buffers", record.calls.buffers},
-                       {"set_images", record.calls.images},
-                       {"run", record.calls.run},
-                       {"encode_files", record.encode_ms},
-                       {"write_files", record.write_ms}}},
-                     {"outputs", outputs}};
+  Json json = {{"version", VELOSTRIX_VERSION},
+               {"command", record.arguments},
+               {"date", Now()},
+               {"host", HostName()},
+               {"threads", record.threads},
+               {"inputs", Inputs(record)},
+               {"singular_values", SingularValues(record.diagnostics)},
+               {"unexplained_share", UnexplainedShare(record.diagnostics)},
+               {"shifts_pixels", Shifts(record.diagnostics)},
+               {"noise_share", NoiseShare(record.diagnostics)},
+               {"orientation", Orientation(record.orientation)},
+               {"warnings", record.diagnostics.warnings},
+               {"recipe", Json::parse(WriteRecipe(record.recipe))},
+               {"chosen_gains", chosen},
+               {"sizes",
+                {{"input", ToJson(size)},
+                 {"working", ToJson(WorkingSize(size, p))},
+                 {"output", ToJson(p.region ? p.region->size() : size)}}},
+               {"times_ms",
+                {{"load_files", record.load_ms},
+                 {"diagnose", record.diagnose_ms},
+                 {"choose_gains", record.choose_gains_ms},
+                 {"set_parameters", record.calls.parameters},
+                 {"allocate_buffers", record.calls.buffers},
+                 {"set_images", record.calls.images},
+                 {"run", record.calls.run},
+                 {"encode_files", record.encode_ms},
+                 {"write_files", record.write_ms}}},
+               {"outputs", outputs}};
+  if (!record.batch.empty()) json["batch"] = Json::parse(record.batch);
+  if (const auto& measures = record.measures) {
+    json["measures"] = {{"curvature_share", OrNull(measures->curvature_share)},
+                        {"height_range", OrNull(measures->height_range)}};
+  }
   // File names need not be UTF-8.
   return json.dump(2, ' ', false, Json::error_handler_t::replace) + '\n';
 }

@@ -1,6 +1,7 @@
 // What one `velostrix reconstruct` did, as it is kept in run.json.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,14 @@
 #include "velostrix/tool.hpp"
 
 namespace velostrix::cli {
+
+// What an engineer may set limits to.
+struct Measures {
+  // Of the pixels, those of large curvature; nothing where the curvature is not made.
+  std::optional<double> curvature_share;
+  // Largest height less the smallest, in slope times pixels: see MeasureResults.
+  std::optional<double> height_range;
+};
 
 struct RunRecord {
   std::vector<std::string> arguments;  // of the program
@@ -24,7 +33,9 @@ struct RunRecord {
   double diagnose_ms = 0.0;
   double choose_gains_ms = 0.0;
   double encode_ms = 0.0;
-  double write_ms = 0.0;  // all but this record itself
+  double write_ms = 0.0;             // all but this record itself
+  std::string batch;                 // JSON: what a batch was asked for besides the recipe
+  std::optional<Measures> measures;  // of a batch
 };
 
 constexpr const char* kRecordName = "run.json";

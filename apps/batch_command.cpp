@@ -1,0 +1,238 @@
+// `velostrix batch`: many parts by one recipe.
+#include <signal.h>
+
+#include <algorithm>
+#include <chrono>
+#include <map>
+#include <memory>
+#include <opencv2/core.hpp>
+#include <string>
+#include <vector>
+
+#include "apps/batch_check.h"
+#include "apps/batch_gains.h"
+#include "apps/batch_progress.h"
+#include "apps/batch_workers.h"
+#include "apps/bayer.h"
+#include "apps/commands.h"
+#include "apps/console.h"
+#include "apps/drafts.h"
+#include "apps/machine.h"
+#include "apps/manifest.h"
+#include "apps/output_files.h"
+#include "apps/parallel.h"
+#include "apps/reconstruct_options.h"
+#include "apps/result_table.h"
+#include "apps/shard.h"
+#include "velostrix/recipe.hpp"
+
+namespace velostrix::cli {
+namespace {
+
+struct BatchOptions {
+  std::vector<std::string> parts;
+  std::string recipe;
+  std::string choose_gains;
+  std::string shard = "1/1";
+  int workers = 0;  // 0: by cores and memory
+  bool is_check = false;
+  bool quiet = false;
+  BatchPlan plan;
+};
+
+void WriteText(const std::string& folder, const std::string& name, const std::string& text) {
+  OutputFiles file({folder, {name}, {}, {}, {}});
+  file.AddText(name, text);
+  file.Commit();
+}
+
+// With parts of so many pixels, as many as fit into the machine.
+int Workers(int64_t pixels) {
+  // Bytes a pixel of 8 images: the tool with the height's vectors, and of each of two parts in work
+  // the images as decoded, the results and the encoded files.
+  constexpr int64_t kBytes = 84 + 5 * 8 + 2 * (4 * 8 + 24);
+  const int64_t fitting = UsableMemory() / 10 * 8 / std::max<int64_t>(1, pixels * kBytes);
+  return static_cast<int>(std::clamp<int64_t>(fitting, 1, UsableCores()));
+}
+
+// Rows of the table in the order of the parts.
+class Table {
+ public:
+  Table(const std::vector<ManifestPart>& parts, std::string folder, std::string name)
+      : folder_(std::move(folder)), name_(std::move(name)) {
+    for (const ManifestPart& part : parts) {
+      places_[part.name] = rows_.size();
+      rows_.push_back(OpenRow(part.name));
+    }
+  }
+  void Set(const Outcome& outcome) {
+    if (outcome.status != Outcome::kOpen) rows_[places_.at(outcome.part.name)] = outcome.row;
+  }
+  void Save() const {
+    std::string text = TableHeader();
+    for (const std::string& row : rows_) text += row;
+    WriteText(folder_, name_, text);
+  }
+
+ private:
+  const std::string folder_;
+  const std::string name_;
+  std::vector<std::string> rows_;
+  std::map<std::string, size_t> places_;
+};
+
+void RunParts(const std::vector<ManifestPart>& parts, const BatchPlan& plan, int workers,
+              const std::string& table_name, Console& console) {
+  Table table(parts, plan.out, table_name);
+  BatchProgress progress(parts.size(), console);
+  int signal = 0;
+  {
+    const SignalHold signals;
+    BatchWorkers team(plan, workers);
+    for (const ManifestPart& part : parts) team.Add(part);
+    const auto take = [&](std::chrono::milliseconds time) {
+      const std::optional<Outcome> outcome = team.Wait(time);
+      if (!outcome) return false;
+      progress.Count(*outcome);
+      table.Set(*outcome);
+      return true;
+    };
+    while (progress.through() < parts.size() && SignalHold::Kept() == 0) {
+      take(std::chrono::milliseconds(100));
+      if (progress.Tick()) table.Save();
+    }
+    team.Stop();
+    while (take(std::chrono::milliseconds(0))) {
+    }
+    signal = SignalHold::Take();
+    table.Save();
+    progress.Summarise();
+    const size_t open = parts.size() - progress.through();
+    if (open != 0) {
+      console.Warn("interrupted; " + std::to_string(open) +
+                   " parts are open: the same command goes on with them");
+    }
+  }
+  if (signal != 0) raise(signal);
+  if (progress.failed() != 0) {
+    throw Failure(std::to_string(progress.failed()) + " of " + std::to_string(parts.size()) +
+                  " parts failed; see the table " + plan.out + '/' + table_name);
+  }
+}
+
+void RunBatch(const BatchOptions& options, const std::vector<std::string>& arguments) {
+  BatchPlan plan = options.plan;
+  plan.arguments = arguments;
+  if (!options.recipe.empty()) plan.recipe = ReadRecipe(options.recipe);
+  const bool is_choosing = !options.choose_gains.empty();
+  if (!is_choosing) RequireGains(plan.recipe);
+  const Shard shard = ParseShard(options.shard);
+  const Manifest manifest = ReadManifest(options.parts, plan.split_channels);
+  Console console(options.quiet);
+
+  console.Step("checking parts");
+  for (const std::string& column : manifest.unused)
+    console.Note("column " + column + " is not used");
+  std::vector<ManifestPart> parts;
+  for (size_t k = 0; k < manifest.parts.size(); ++k) {
+    if (shard.Has(k)) parts.push_back(manifest.parts[k]);
+  }
+  std::vector<std::string> problems = manifest.problems;
+  const int64_t pixels = CheckParts(parts, plan, is_choosing, problems);
+  for (const std::string& problem : problems) console.Complain(problem);
+  if (!problems.empty()) {
+    throw Failure(std::to_string(problems.size()) +
+                  (problems.size() == 1 ? " problem" : " problems") + "; no part was run");
+  }
+  if (options.is_check) {
+    console.Note(std::to_string(parts.size()) + " parts, nothing wrong with them");
+    return;
+  }
+
+  if (is_choosing) {
+    plan.recipe = ChooseGainsBy(GainParts(options.choose_gains, manifest.parts), plan, console);
+    WriteText(plan.out, "recipe.json", WriteRecipe(plan.recipe));
+  }
+  const int workers = options.workers != 0 ? options.workers : Workers(pixels);
+  // A single worker uses all cores, for the height and for files; several have one each.
+  cv::setNumThreads(workers == 1 ? kAllCores : kNoThreads);
+  LimitParallel(workers == 1 ? 0 : 1);
+  console.Note(std::to_string(parts.size()) + " parts, " + std::to_string(workers) +
+               (workers == 1 ? " worker" : " workers"));
+  RunParts(parts, plan, workers, TableName(shard), console);
+}
+
+}  // namespace
+
+void AddBatchCommand(CLI::App& app, const std::vector<std::string>& arguments) {
+  const auto options = std::make_shared<BatchOptions>();
+  CLI::App* const command =
+      app.add_subcommand("batch", "Make pictures of the relief of many parts by one recipe");
+  command
+      ->add_option(
+          "PARTS", options->parts,
+          "Manifest of the parts, a .csv or .jsonl file, or folders of images, a part each")
+      ->required()
+      ->type_name("");
+  command
+      ->add_option("--recipe", options->recipe,
+                   "What is done with every part: a run.json, or what --save-recipe wrote")
+      ->type_name("FILE");
+  AddOut(*command, options->plan.out,
+         "Folder to write to: a folder for each part, and the table results.csv")
+      ->type_name("DIR");
+  command
+      ->add_option("--choose-gains", options->choose_gains,
+                   "Choose gains that the recipe leaves open by these parts, or by a sample of "
+                   "all, so that none of them leaves the grey levels; DIR/recipe.json keeps them")
+      ->type_name("PART,...|sample");
+  command
+      ->add_option(
+          "--shard", options->shard,
+          "Run only share I of N, for one of N machines; velostrix merge joins the tables. "
+          "auto/N or auto takes I from a Slurm job array or a Kubernetes indexed job")
+      ->type_name("I/N");
+  command
+      ->add_option("--workers", options->workers,
+                   "Parts that run at the same time; as many as cores and memory allow when not "
+                   "given")
+      ->check(CLI::Range(1, 1024))
+      ->type_name("N");
+  command
+      ->add_option("--curvature-level", options->plan.curvature_level,
+                   "Column curvature_share counts pixels of the curvature image that are more grey "
+                   "levels than this from its offset")
+      ->check(CLI::Range(0, 255))
+      ->capture_default_str()
+      ->type_name("LEVELS");
+  command->add_flag("--split-channels", options->plan.split_channels,
+                    "A part is one colour file: its red, green and blue channel are three lamps");
+  command
+      ->add_option("--bayer", options->plan.bayer,
+                   "Files are raw frames of a colour sensor, with filters of this pattern")
+      ->check(OneOf(kBayerPatterns))
+      ->type_name("PATTERN");
+  command
+      ->add_option("--compression", options->plan.compression,
+                   "Of the PNG files: 0 is none, 1 fast, 9 small")
+      ->check(CLI::Range(0, kMostCompression + 0))
+      ->capture_default_str()
+      ->type_name("LEVEL");
+  command->add_flag("--check", options->is_check,
+                    "Only look for problems in the manifest and its files");
+  command->add_flag("--quiet", options->quiet, "Say nothing but errors");
+  command->callback([options, arguments] { RunBatch(*options, arguments); });
+  command->footer(
+      "All problems of the manifest are said before the first part is run. Parts that are "
+      "finished, "
+      "by their images and the recipe, are not run again: after an interruption, or when parts "
+      "have "
+      "come, repeat the command.\n\n"
+      "Examples:\n"
+      "  velostrix batch 'parts/*/' --out relief --choose-gains sample\n"
+      "  velostrix batch parts.csv --out relief --recipe part1/run.json\n"
+      "  velostrix batch parts.csv --out relief --recipe part1/run.json --shard 3/8\n\n"
+      "Exit codes: 0 all parts done, 1 some failed, 2 wrong arguments.");
+}
+
+}  // namespace velostrix::cli

@@ -1,0 +1,79 @@
+// Parts in work: read, run and written on several threads, a tool for each worker.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "apps/manifest.h"
+#include "apps/part.h"
+#include "velostrix/recipe.hpp"
+#include "velostrix/tool.hpp"
+
+namespace velostrix::cli {
+
+// What is the same for all parts of a batch.
+struct BatchPlan {
+  std::vector<std::string> arguments;  // of the program
+  Recipe recipe;                       // with all gains
+  bool split_channels = false;
+  std::string bayer;                    // pattern of raw frames; empty: none
+  int compression = kUsualCompression;  // of the pictures
+  std::string out;                      // the folder that has a folder for each part
+  int curvature_level = 64;
+};
+
+// The part before its first step.
+Part BeginPart(const ManifestPart& part, const BatchPlan& plan);
+
+struct Outcome {
+  enum Status { kOpen, kDone, kWasDone, kFailed };
+
+  ManifestPart part;
+  Status status = kOpen;  // kOpen: a signal came; kWasDone: nothing had to be made
+  std::string row;        // of the table
+  std::string error;
+  double read_ms = 0.0;
+  double run_ms = 0.0;
+  double write_ms = 0.0;
+};
+
+// Each worker has a tool, whose buffers stay as long as parts have one size, and two threads: while
+// one part runs, another is read or written. Called by one thread.
+class BatchWorkers {
+ public:
+  BatchWorkers(BatchPlan plan, int workers);
+  ~BatchWorkers() { Stop(); }
+  BatchWorkers(const BatchWorkers&) = delete;
+  BatchWorkers& operator=(const BatchWorkers&) = delete;
+
+  void Add(ManifestPart part);
+  // Ends when the parts in work are through, or given up after a signal; the others are dropped.
+  void Stop();
+  // The next part that is through; nothing when the time is over.
+  std::optional<Outcome> Wait(std::chrono::milliseconds time);
+
+ private:
+  void Work();
+  Outcome Process(ManifestPart job);
+  Results Run(Part& part);
+
+  const BatchPlan plan_;
+  std::mutex mutex_;  // of everything below
+  std::condition_variable work_came_;
+  std::condition_variable outcome_came_;
+  std::condition_variable tool_came_;
+  bool is_ended_ = false;
+  std::deque<ManifestPart> waiting_;
+  std::deque<Outcome> outcomes_;
+  std::vector<std::unique_ptr<Tool>> idle_tools_;
+  std::vector<std::thread> threads_;
+};
+
+}  // namespace velostrix::cli

@@ -1,0 +1,32 @@
+// The parts of a batch: from a manifest or from folders.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace velostrix::cli {
+
+struct ManifestPart {
+  std::string name;                // of the folder of its results
+  std::vector<std::string> files;  // an image each
+  std::string place;               // where the manifest says so, for messages
+};
+
+struct Manifest {
+  std::vector<ManifestPart> parts;
+  std::vector<std::string> problems;  // all of them, each naming its place
+  std::vector<std::string> unused;    // columns that mean nothing here
+};
+
+// From what is given: one manifest, by its extension .csv, .jsonl or .ndjson, or folders of images
+// and patterns of such folders, as in 'parts/*/'. With split_channels a part is one colour file.
+//
+// A CSV file has a header line and the columns `part` and either `folder` or `image1`, `image2` and
+// so on; in a line of JSON they are "part" and either "folder" or "images", a list. Files are
+// relative to the folder of the manifest. Failure when there is no part at all.
+Manifest ReadManifest(const std::vector<std::string>& given, bool split_channels);
+
+// Whether results can be in a folder of this name.
+bool IsPartName(const std::string& name);
+
+}  // namespace velostrix::cli

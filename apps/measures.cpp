@@ -1,0 +1,69 @@
+// A few numbers of the results that limits can be set to.
+#include "apps/measures.h"
+
+#include <opencv2/core.hpp>
+
+namespace velostrix::cli {
+namespace {
+
+double CurvatureShare(const cv::Mat& image, int offset, int level) {
+  int64_t beyond = 0;
+  for (int i = 0; i < image.rows; ++i) {
+    const auto* const row = image.ptr<uint8_t>(i);
+    for (int j = 0; j < image.cols; ++j) beyond += std::abs(row[j] - offset) > level ? 1 : 0;
+  }
+  return static_cast<double>(beyond) / static_cast<double>(image.total());
+}
+
+struct Sums {
+  double differences_by_slopes = 0.0;
+  double differences_squared = 0.0;
+
+  void Add(double difference, uint8_t level, const OutputScaling& slope) {
+    const bool is_outside = level == 0 || level == 255;
+    if (is_outside) return;
+    differences_by_slopes += difference * (level - slope.offset) / slope.gain;
+    differences_squared += difference * difference;
+  }
+};
+
+std::optional<double> HeightRange(const Results& results, const Parameters& parameters) {
+  const cv::Mat& height = results[Output::kHeight];
+  const OutputScaling& p = parameters.channel[0];  // z[i][j + 1] - z[i][j]
+  const OutputScaling& q = parameters.channel[1];  // z[i][j] - z[i + 1][j]
+  Sums sums;
+  for (int i = 0; i + 1 < height.rows; ++i) {
+    const auto* const here = height.ptr<uint16_t>(i);
+    const auto* const below = height.ptr<uint16_t>(i + 1);
+    const auto* const p_row = results[Output::kChannel0].ptr<uint8_t>(i);
+    const auto* const q_row = results[Output::kChannel1].ptr<uint8_t>(i);
+    for (int j = 0; j + 1 < height.cols; ++j) {
+      sums.Add(here[j + 1] - here[j], p_row[j], p);
+      sums.Add(here[j] - below[j], q_row[j], q);
+    }
+  }
+  double least = 0.0;
+  double most = 0.0;
+  cv::minMaxLoc(height, &least, &most);
+  const double range = (most - least) * sums.differences_by_slopes / sums.differences_squared;
+  if (!std::isfinite(range)) return std::nullopt;
+  return range;
+}
+
+}  // namespace
+
+Measures MeasureResults(const Results& results, const Parameters& parameters, int level) {
+  Measures measures;
+  if (parameters.outputs.Contains(Output::kCurvature)) {
+    measures.curvature_share =
+        CurvatureShare(results[Output::kCurvature], parameters.curvature.offset, level);
+  }
+  const OutputSet made = WithChannels(parameters.outputs);
+  if (made.Contains(Output::kHeight) && made.Contains(Output::kChannel0) &&
+      made.Contains(Output::kChannel1)) {
+    measures.height_range = HeightRange(results, parameters);
+  }
+  return measures;
+}
+
+}  // namespace velostrix::cli

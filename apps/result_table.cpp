@@ -1,0 +1,90 @@
+// The table of a batch (CSV): a line for each part, in the order of the manifest.
+#include "apps/result_table.h"
+
+#include <algorithm>
+#include <array>
+#include <nlohmann/json.hpp>
+#include <utility>
+#include <vector>
+
+#include "apps/csv.h"
+
+namespace velostrix::cli {
+namespace {
+
+using nlohmann::json;
+
+// The largest of a number that each input has.
+json Most(const json& record, const char* name) {
+  json most;
+  for (const json& input : record.at("inputs")) {
+    if (most.is_null() || input.at(name) > most) most = input.at(name);
+  }
+  return most;
+}
+
+json Joined(const json& texts) {
+  std::string joined;
+  for (const json& text : texts) joined += (joined.empty() ? "" : "; ") + text.get<std::string>();
+  return joined;
+}
+
+json At(const json& record, const char* place) {
+  const json::json_pointer pointer(place);
+  return record.contains(pointer) ? record.at(pointer) : json();
+}
+
+// A column after part, status and error, and its value.
+struct Column {
+  const char* name;
+  json (*value)(const json& record);
+};
+
+constexpr std::array kColumns = {
+    Column{"warnings", [](const json& r) { return Joined(r.at("warnings")); }},
+    Column{"images", [](const json& r) { return json(r.at("inputs").size()); }},
+    Column{"width", [](const json& r) { return At(r, "/sizes/output/width"); }},
+    Column{"height", [](const json& r) { return At(r, "/sizes/output/height"); }},
+    Column{"saturated_share", [](const json& r) { return Most(r, "saturated_share"); }},
+    Column{"black_share", [](const json& r) { return Most(r, "black_share"); }},
+    Column{"smallest_singular_value", [](const json& r) { return r.at("singular_values").back(); }},
+    Column{"unexplained_by_ring",
+           [](const json& r) { return At(r, "/unexplained_share/by_ring"); }},
+    Column{"curvature_share", [](const json& r) { return At(r, "/measures/curvature_share"); }},
+    Column{"height_range", [](const json& r) { return At(r, "/measures/height_range"); }},
+    Column{"date", [](const json& r) { return At(r, "/date"); }},
+    Column{"load_ms", [](const json& r) { return At(r, "/times_ms/load_files"); }},
+    Column{"run_ms", [](const json& r) { return At(r, "/times_ms/run"); }},
+    Column{"encode_ms", [](const json& r) { return At(r, "/times_ms/encode_files"); }}};
+
+std::string UnfinishedRow(const std::string& part, const char* status, const std::string& error) {
+  std::vector<std::string> cells = {part, status, error};
+  cells.resize(cells.size() + kColumns.size());
+  return CsvLine(cells);
+}
+
+}  // namespace
+
+std::string TableHeader() {
+  std::vector<std::string> cells = {"part", "status", "error"};
+  for (const Column& column : kColumns) cells.emplace_back(column.name);
+  return CsvLine(cells);
+}
+
+std::string DoneRow(const std::string& part, const json& record) {
+  std::vector<std::string> cells = {part, "done", ""};
+  for (const Column& column : kColumns) {
+    const json value = column.value(record);
+    const std::string text = value.is_string() ? value.get<std::string>() : value.dump();
+    cells.push_back(value.is_null() ? "" : text);
+  }
+  return CsvLine(cells);
+}
+
+std::string FailedRow(const std::string& part, const std::string& error) {
+  return UnfinishedRow(part, "failed", error);
+}
+
+std::string OpenRow(const std::string& part) { return UnfinishedRow(part, "open", ""); }
+
+}  // namespace velostrix::cli

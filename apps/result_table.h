@@ -1,0 +1,21 @@
+// The table of a batch (CSV): a line for each part, in the order of the manifest.
+#pragma once
+
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+
+namespace velostrix::cli {
+
+// The names of the columns.
+std::string TableHeader();
+
+// Of a part that is finished, from its run.json.
+std::string DoneRow(const std::string& part, const nlohmann::json& record);
+
+// Of one that could not be run, and why.
+std::string FailedRow(const std::string& part, const std::string& error);
+
+// Of one that is yet to be run.
+std::string OpenRow(const std::string& part);
+
+}  // namespace velostrix::cli
