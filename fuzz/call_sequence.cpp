@@ -1,18 +1,20 @@
-// A sequence of exported calls that bytes choose, each checked against a model of the tool.
+// A sequence of exported calls that bytes choose, each checked against a model of the tool and the
+// plain implementation.
 #include "call_sequence.h"
+
+#include <malloc.h>
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
-#include <cstdlib>
+#include <cstring>
 #include <memory>
-#include <numeric>
 #include <opencv2/core.hpp>
 #include <vector>
 
 #include "byte_source.h"
+#include "support/plain_run.h"
+#include "support/tool_under_test.h"
 #include "tool_model.h"
-#include "velostrix/uncalibration.h"
 
 namespace velostrix::fuzz {
 namespace {
@@ -27,11 +29,8 @@ constexpr int64_t kNoMemoryHolds = int64_t{1} << 48;
 constexpr int64_t kMostBlurredPixels = 100000;  // times the radius
 constexpr int64_t kMostSolvedPixels = 1 << 19;  // times the iterations
 
-void Expect(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "call_sequence: does not hold: %s\n", what);
-  std::abort();
-}
+// Below, the library decomposes the whole matrix, as the plain implementation does.
+constexpr int64_t kSmallestReducedPiece = 1024;
 
 bool IsAffordable(int64_t count, int64_t most, int& huge_calls) {
   if (count <= most) return true;
@@ -86,58 +85,38 @@ struct HostImage {
 // One tool, its model, and the buffers that a second InitialImage has left to the host.
 class Session {
  public:
-  explicit Session(int& huge_calls) : huge_calls_(huge_calls) {
-    UnCalibrationTool* out = nullptr;
-    tool_ = CreateVelostrixUnCalibrationToolPtr_CPU(&out);
-    Expect(tool_ == out && tool_ != nullptr, "Create returns what it stores");
-    Check();
-  }
+  explicit Session(int& huge_calls) : huge_calls_(huge_calls) { model_.SetParam({}); }
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
   ~Session() {
-    ForgetBuffers();
-    DestroyVelostrixUnCalibrationToolPtr_CPU_csharp(tool_);
     for (void* buffer : forgotten_) std::free(buffer);
   }
 
-  void SetParam(ByteSource& source, bool csharp);
-  void SetRegion(ByteSource& source, bool csharp);
-  void ClearRegion(ByteSource& source, bool csharp);
-  void Initial(ByteSource& source, bool csharp);
-  void SetImage(ByteSource& source, bool csharp);
-  void SetAllImages(ByteSource& source, bool csharp);
-  void ClearImage(ByteSource& source, bool csharp);
-  void Release(ByteSource& source, bool csharp);
-  template <RunKind run>
-  void RunOnce(ByteSource& source, bool csharp);
+  void SetParam(ByteSource& source);
+  void SetRegion(ByteSource& source);
+  void ClearRegion(ByteSource& source);
+  void Initial(ByteSource& source);
+  void SetImage(ByteSource& source);
+  void SetAllImages(ByteSource& source);
+  void ClearImage(ByteSource& source);
+  void Release(ByteSource& source);
+  template <RunKind kind>
+  void Run(ByteSource& source);
+
+  bool by_record = false;  // how images are handed over
 
  private:
-  void Check() const {
-    Expect(ComparedFields(*tool_) == ComparedFields(model_), "the tool's state is the model's");
-  }
-  void Store(HostImage& image, ByteSource& source, bool csharp);
-  void CheckResults(const std::array<cv::Mat*, 8>& results) const;
+  void Check() const { EXPECT_EQ(ComparedFields(tool_), ComparedFields(model_)); }
+  void CheckResults(RunKind kind, int32_t band, const Results& results) const;
 
-  // The tool's buffer pointers stand side by side, from the image stack to the spare stack.
-  void ForgetBuffers() {
-    forgotten_.push_back(tool_->image_stack);
-    for (float** map = &tool_->factor_map; map <= &tool_->spare_map; ++map) {
-      forgotten_.push_back(*map);
-    }
-    for (uint8_t** plane = &tool_->factor_plane; plane <= &tool_->spare_plane[1]; ++plane) {
-      forgotten_.push_back(*plane);
-    }
-    forgotten_.push_back(tool_->height_plane);
-    forgotten_.push_back(tool_->spare_stack);
-  }
-
-  UnCalibrationTool* tool_ = nullptr;
+  HostTool host_{{}};
+  const UnCalibrationTool& tool_ = *host_.get();
   ToolModel model_;
   std::vector<void*> forgotten_;
   int& huge_calls_;
 };
 
-void Session::SetParam(ByteSource& source, bool csharp) {
+void Session::SetParam(ByteSource& source) {
   UnCalibrationParam param = {};
   param.image_count = 3 + source.Below(6);
   param.width = 1 + source.Below(24);
@@ -153,9 +132,11 @@ void Session::SetParam(ByteSource& source, bool csharp) {
   param.blur_radius = (modes >> 4) % 4;
   param.iteration_cap = modes >> 6;
   param.factor_gain = 1.0;
+  int32_t kind = 0;
   for (OutputScaling* scaling : {&param.curvature, &param.magnitude, &param.channel[0],
                                  &param.channel[1], &param.channel[2]}) {
-    *scaling = {127, 50.0};
+    *scaling = {120 + kind, 40.0 + kind};
+    kind += 5;
   }
   constexpr size_t kDoubles[] = {48, 72, 88, 104, 120, 136, 152};
   auto* bytes = reinterpret_cast<uint8_t*>(&param);
@@ -167,63 +148,60 @@ void Session::SetParam(ByteSource& source, bool csharp) {
     const double value = source.Double();
     std::memcpy(bytes + kDoubles[static_cast<size_t>(source.Below(7))], &value, sizeof value);
   }
-  const auto set_param = csharp ? SetVelostrixUnCalibrationToolParam_CPU_csharp
-                                : SetVelostrixUnCalibrationToolParam_CPU;
-  Expect(!set_param(tool_, nullptr), "a null record is refused");
-  Expect(set_param(tool_, &param), "SetParam is always true");
+  EXPECT_FALSE(SetVelostrixUnCalibrationToolParam_CPU(host_.get(), nullptr));
+  EXPECT_TRUE(host_.SetParam(param));
   model_.SetParam(param);
   Check();
 }
 
-void Session::SetRegion(ByteSource& source, bool csharp) {
+void Session::SetRegion(ByteSource& source) {
   const int32_t corner[] = {source.Int(), source.Int(), source.Int(), source.Int()};
-  const auto set_region =
-      csharp ? SetVelostrixUnCalibrationToolROI_CPU_csharp : SetVelostrixUnCalibrationToolROI_CPU;
-  const bool set = set_region(tool_, corner[0], corner[1], corner[2], corner[3]);
-  Expect(set == model_.SetRegion(corner[0], corner[1], corner[2], corner[3]), "SetROI's result");
+  EXPECT_EQ(
+      SetVelostrixUnCalibrationToolROI_CPU(host_.get(), corner[0], corner[1], corner[2], corner[3]),
+      model_.SetRegion(corner[0], corner[1], corner[2], corner[3]));
   Check();
 }
 
-void Session::ClearRegion(ByteSource& source, bool csharp) {
+void Session::ClearRegion(ByteSource& source) {
   const int32_t rows = source.Int();
   const int32_t cols = source.Int();
   const int32_t row_step = source.Below(2) == 0 ? cols : source.Int();
-  const auto clear_region = csharp ? ClearVelostrixUnCalibrationToolROI_CPU_csharp
-                                   : ClearVelostrixUnCalibrationToolROI_CPU;
-  Expect(clear_region(tool_, rows, cols, row_step) == model_.ClearRegion(rows, cols, row_step),
-         "ClearROI's result");
+  EXPECT_EQ(ClearVelostrixUnCalibrationToolROI_CPU(host_.get(), rows, cols, row_step),
+            model_.ClearRegion(rows, cols, row_step));
   Check();
 }
 
-void Session::Initial(ByteSource&, bool csharp) {
+void Session::Initial(ByteSource&) {
   ToolModel next = model_;
   const bool allocates = next.TakeScaledSize();
   const int64_t pixels = allocates ? next.rows * next.row_step : 0;
   if (!IsAffordable(pixels, kMostPixels, huge_calls_)) return;
   if (allocates) {
-    ForgetBuffers();
+    for (const Buffer& buffer : BuffersOf(tool_)) forgotten_.push_back(buffer.data);
     next.TakeBuffers(pixels <= kMostPixels);
   }
-  (csharp ? InitialVelostrixUnCalibrationToolImage_CPU_csharp
-          : InitialVelostrixUnCalibrationToolImage_CPU)(tool_);
+  host_.InitialImage();
   model_ = next;
   Check();
+  if (!allocates || pixels > kMostPixels) return;
+  for (const Buffer& buffer : BuffersOf(tool_)) {
+    const auto size = static_cast<size_t>(pixels * buffer.pixel_bytes);
+    ASSERT_GE(malloc_usable_size(buffer.data), size);
+    const auto* const bytes = static_cast<const uint8_t*>(buffer.data);
+    EXPECT_TRUE(std::all_of(bytes, bytes + size, [](uint8_t byte) { return byte == 0; }));
+  }
 }
 
-void Session::Store(HostImage& image, ByteSource& source, bool csharp) {
+void Session::SetImage(ByteSource& source) {
+  HostImage image(source, model_);
   const std::vector<uint8_t> before = image.bytes;
   cv::Mat header = image.Header();
-  if (!csharp && source.Below(32) == 0) {
-    const int sizes[] = {2, image.rows + 1, image.cols + 1};
-    header = cv::Mat(3, sizes, CV_8UC1, cv::Scalar(1));
-  }
   ImageRecord record = {header.data, image.cols, image.rows, static_cast<int32_t>(image.step),
                         0,           1};
-  const int depth = CV_MAT_DEPTH(image.type);
-  bool is_record = true;
-  if (csharp) {
+  bool is_image = true;
+  if (by_record) {
     constexpr int kDepths[] = {CV_8U, CV_16U, CV_32F};
-    const auto* known = std::find(std::begin(kDepths), std::end(kDepths), depth);
+    const auto* known = std::find(std::begin(kDepths), std::end(kDepths), CV_MAT_DEPTH(image.type));
     const auto index = static_cast<int>(known - std::begin(kDepths));
     record.type_code = index * 4 + CV_MAT_CN(image.type);
     // The header describes the memory; a hostile record describes less of it, or nothing.
@@ -233,181 +211,184 @@ void Session::Store(HostImage& image, ByteSource& source, bool csharp) {
     if (source.Below(16) == 0) record.height = std::min(source.Int(), record.height);
     if (source.Below(16) == 0) record.width = std::min(source.Int(), record.width);
     if (source.Below(16) == 0) record.data = nullptr;
-    is_record = record.type_code >= 1 && record.type_code <= 12 && record.data != nullptr &&
-                record.width > 0 && record.height > 0;
     const size_t code = static_cast<size_t>(std::clamp(record.type_code, 1, 12) - 1);
     const int type = CV_MAKETYPE(kDepths[code / 4], static_cast<int>(code) % 4 + 1);
     const int64_t row_bytes = int64_t{CV_ELEM_SIZE(type)} * record.width;
     const int64_t stride = record.row_stride == 0 ? row_bytes : record.row_stride;
-    is_record = is_record && stride >= row_bytes && stride % CV_ELEM_SIZE1(type) == 0;
-    if (is_record) {
+    is_image = record.type_code >= 1 && record.type_code <= 12 && record.data != nullptr &&
+               record.width > 0 && record.height > 0 && stride >= row_bytes &&
+               stride % CV_ELEM_SIZE1(type) == 0;
+    if (is_image) {
       if (stride * (record.height - 1) + row_bytes > static_cast<int64_t>(image.bytes.size()))
         return;
       header = cv::Mat(record.height, record.width, type, image.bytes.data(),
                        static_cast<size_t>(record.row_stride));
     }
+  } else if (source.Below(32) == 0) {
+    const int sizes[] = {2, image.rows + 1, image.cols + 1};
+    header = cv::Mat(3, sizes, CV_8UC1, cv::Scalar(1));
+  } else if (source.Below(32) == 0) {
+    header.data = nullptr;
   }
-  const Outcome outcome = is_record ? model_.ImageOutcome(header) : Outcome::kRefused;
+  const Outcome outcome = is_image ? model_.ImageOutcome(header) : Outcome::kRefused;
+  const auto stack = [&] {
+    return std::vector<uint8_t>(tool_.image_stack, tool_.image_stack + tool_.allocated_stack_bytes);
+  };
+  std::vector<uint8_t> expected_stack = stack();
   bool stored = false;
   bool threw = false;
   try {
-    stored = csharp ? SetVelostrixUnCalibrationToolImage_CPU_csharp(tool_, &record)
-                    : SetVelostrixUnCalibrationToolImage_CPU(tool_, &header);
+    stored = by_record ? SetVelostrixUnCalibrationToolImage_CPU_csharp(host_.get(), &record)
+                       : host_.SetImage(header);
   } catch (const cv::Exception&) {
     threw = true;
   }
-  Expect(image.bytes == before, "the host's image is not written");
   const bool may_store = outcome == Outcome::kDone || outcome == Outcome::kDoneOrThrows;
   const bool may_throw = outcome != Outcome::kDone && outcome != Outcome::kRefused;
-  const bool as_expected = threw ? may_throw : stored == may_store && outcome != Outcome::kThrows;
-  if (!as_expected) {
-    std::fprintf(stderr, "image %d x %d, type %d, step %zu: outcome %d, stored %d, threw %d\n",
-                 header.rows, header.cols, header.type(), header.step[0], static_cast<int>(outcome),
-                 stored, threw);
+  EXPECT_TRUE(threw ? may_throw : stored == may_store && outcome != Outcome::kThrows)
+      << header.size() << ", type " << header.type() << ", step " << header.step[0] << ": outcome "
+      << static_cast<int>(outcome) << ", stored " << stored << ", threw " << threw;
+  if (stored) {
+    uint8_t* const plane =
+        &expected_stack[static_cast<size_t>(tool_.plane_size * model_.images_set)];
+    PlainPlane(tool_, header).copyTo(Header(tool_, plane, CV_8UC1));
+    ++model_.images_set;
   }
-  Expect(as_expected, "SetImage's result");
-  if (stored) ++model_.images_set;
+  EXPECT_EQ(stack(), expected_stack);
+  EXPECT_EQ(image.bytes, before) << "the host's image is written";
   Check();
 }
 
-void Session::SetImage(ByteSource& source, bool csharp) {
-  HostImage image(source, model_);
-  Store(image, source, csharp);
-}
-
-void Session::SetAllImages(ByteSource& source, bool) {
-  for (int64_t k = model_.images_set; k < std::min<int64_t>(model_.image_count, 9); ++k) {
-    HostImage image(source, model_);
-    Store(image, source, source.Below(2) == 0);
+void Session::SetAllImages(ByteSource& source) {
+  for (int64_t k = model_.images_set; k < std::min<int64_t>(model_.param.image_count, 9); ++k) {
+    SetImage(source);
   }
 }
 
-void Session::ClearImage(ByteSource&, bool csharp) {
-  (csharp ? ClearVelostrixUnCalibrationToolImage_CPU_csharp
-          : ClearVelostrixUnCalibrationToolImage_CPU)(tool_);
+void Session::ClearImage(ByteSource&) {
+  host_.ClearImage();
   model_.images_set = 0;
   Check();
 }
 
-void Session::Release(ByteSource&, bool csharp) {
-  (csharp ? ReleaseVelostrixUnCalibrationToolImage_CPU_csharp
-          : ReleaseVelostrixUnCalibrationToolImage_CPU)(tool_);
+void Session::Release(ByteSource&) {
+  host_.ReleaseImage();
   model_.DropBuffers();
   Check();
+  for (const Buffer& buffer : BuffersOf(tool_)) EXPECT_EQ(buffer.data, nullptr);
 }
 
-// Results of a finished run: of the right size and type, every byte readable.
-void Session::CheckResults(const std::array<cv::Mat*, 8>& results) const {
-  const bool resized = model_.downscale_on == 1;
-  const cv::Size size(static_cast<int>(resized ? model_.roi_width : model_.cols),
-                      static_cast<int>(resized ? model_.roi_height : model_.rows));
+// Results of a finished run, by what the tool holds. Larger pieces are decomposed another way, and
+// heights are solved in another order of additions.
+void Session::CheckResults(RunKind kind, int32_t band, const Results& results) const {
+  PlainRun plain(tool_, model_.param, kind, band);
+  const bool same_decomposition =
+      kind == RunKind::kCalibrated || model_.rows * model_.cols < kSmallestReducedPiece;
+  if (model_.IsOn(VELOSTRIX_OUTPUT_HEIGHT)) {
+    const cv::Mat map = Header(tool_, tool_.height_map, CV_32FC1);
+    const cv::Mat plain_map = Header(tool_, plain.workspace.height_map.data(), CV_32FC1);
+    const double most = cv::norm(plain_map, cv::NORM_INF);
+    EXPECT_FALSE(same_decomposition && cv::norm(map, plain_map, cv::NORM_INF) > 0.01 * most);
+    reference::MapToWordNormalized(FrameOf(tool_), tool_.height_map,
+                                   plain.workspace.height_plane.data());
+    cv::Mat& words = plain.results[kHeight];
+    words = Header(tool_, plain.workspace.height_plane.data(), CV_16UC1);
+    ResizeResult(tool_, words);
+  }
+  const bool is_resized = model_.downscale_on == 1 &&
+                          (model_.roi_width != model_.cols || model_.roi_height != model_.rows);
   for (int output = 0; output < VELOSTRIX_OUTPUT_COUNT; ++output) {
     if (!model_.IsOn(output)) continue;
-    const cv::Mat& image = *results[static_cast<size_t>(output)];
-    const int type = output == VELOSTRIX_OUTPUT_HEIGHT   ? CV_16UC1
-                     : output == VELOSTRIX_OUTPUT_NORMAL ? CV_8UC3
-                                                         : CV_8UC1;
-    Expect(image.size() == size && image.type() == type, "a result has its size and type");
-    unsigned sum = 0;
-    for (int i = 0; i < image.rows; ++i) {
-      const uint8_t* row = image.ptr(i);
-      sum = std::accumulate(row, row + static_cast<size_t>(image.cols) * image.elemSize(), sum);
-    }
-    const volatile unsigned read = sum;
-    static_cast<void>(read);
+    const size_t i = kResultOfSwitch[static_cast<size_t>(output)];
+    const cv::Mat& result = results[i];
+    constexpr int kAnyLevels = 65535;
+    EXPECT_TRUE(
+        AgreeWithin(same_decomposition || i == kHeight ? 0 : kAnyLevels, result, plain.results[i]))
+        << kind << ", " << kResultNames[i];
+    const bool owns = is_resized || i == kNormal;
+    EXPECT_EQ(result.u != nullptr, owns) << kResultNames[i];
+    const int64_t row_step = owns ? result.cols : model_.row_step;
+    EXPECT_EQ(result.step[0], static_cast<size_t>(row_step) * result.elemSize());
   }
 }
 
-template <RunKind run>
-void Session::RunOnce(ByteSource& source, bool csharp) {
+template <RunKind kind>
+void Session::Run(ByteSource& source) {
   const uint8_t missing = source.Below(16) == 0 ? source.Byte() : uint8_t{0};
   const bool shared = source.Below(32) == 0;
   const int32_t band = source.Int();
-  std::array<cv::Mat, 8> images;
-  std::array<cv::Mat*, 8> results = {};
-  for (size_t i = 0; i < images.size(); ++i) {
-    images[i] = cv::Mat(1, 1, CV_64FC1);
-    results[i] = (missing >> i & 1) != 0 ? nullptr : &images[shared ? 0 : i];
+  Results results;
+  std::array<cv::Mat*, kResultCount> places = {};
+  std::array<bool, VELOSTRIX_OUTPUT_COUNT> has_place = {};
+  for (size_t output = 0; output < kResultCount; ++output) {
+    const size_t i = kResultOfSwitch[output];
+    has_place[output] = (missing >> output & 1) == 0;
+    results[i] = cv::Mat(1, 1, CV_64FC1);
+    places[i] = has_place[output] ? &results[shared ? 0 : i] : nullptr;
   }
-  const Outcome outcome = model_.RunOutcome(run, band, results);
+  const Outcome outcome = model_.RunOutcome(kind, band, has_place);
   if (outcome != Outcome::kRefused) {
     const int64_t pixels = model_.rows * model_.cols;
-    const int64_t iterations = model_.iteration_cap < 0 ? 2 * pixels : model_.iteration_cap;
+    const int64_t iterations =
+        model_.param.iteration_cap < 0 ? 2 * pixels : model_.param.iteration_cap;
     if (model_.downscale_on == 1 &&
         !IsAffordable(model_.roi_width * model_.roi_height, kMostResultPixels, huge_calls_)) {
       return;
     }
-    if (model_.blur_radius * std::max<int64_t>(pixels, 100) > kMostBlurredPixels) return;
+    if (model_.param.blur_radius * std::max<int64_t>(pixels, 100) > kMostBlurredPixels) return;
     if (model_.IsOn(VELOSTRIX_OUTPUT_HEIGHT) && iterations * pixels > kMostSolvedPixels) return;
   }
-  const std::array<cv::Mat, 8> before = images;
+  const Results before = results;
   int32_t done = 0;
   bool threw = false;
-  const auto call = [&](auto entry, auto... last) {
-    const auto& r = results;
-    done = entry(tool_, r[0], r[1], r[2], r[4], r[5], r[6], r[7], r[3], last...);
-  };
   try {
-    if (run == RunKind::kUncalibrated) {
-      call(csharp ? RunVelostrixUnCalibration_CPU_csharp_uncali
-                  : RunVelostrixUnCalibration_CPU_uncali);
-    } else if (run == RunKind::kCalibrated) {
-      call(csharp ? RunVelostrixUnCalibration_CPU_csharp_cali : RunVelostrixUnCalibration_CPU_cali);
-    } else if (run == RunKind::kPartCols) {
-      call(csharp ? RunVelostrixUnCalibration_CPU_partcols_csharp_uncali
-                  : RunVelostrixUnCalibration_CPU_partcols_uncali,
-           band);
-    } else {
-      call(csharp ? RunVelostrixUnCalibration_CPU_partrows_csharp_uncali
-                  : RunVelostrixUnCalibration_CPU_partrows_uncali,
-           band);
-    }
+    done = host_.Run(kind, places, band);
   } catch (const cv::Exception&) {
     threw = true;
   }
-  Expect(threw ? outcome == Outcome::kDoneOrThrows : (done == 1) == (outcome != Outcome::kRefused),
-         "a run's result");
-  for (size_t i = 0; i < images.size() && !shared; ++i) {
-    const bool untouched = images[i].data == before[i].data;
-    Expect(untouched || model_.IsOn(static_cast<int>(i)), "a result that is off is not touched");
-    Expect(untouched || outcome != Outcome::kRefused, "a refused run touches no result");
-  }
+  EXPECT_TRUE(threw ? outcome == Outcome::kDoneOrThrows
+                    : (done == 1) == (outcome != Outcome::kRefused));
   if (done == 1) model_.images_set = 0;
   Check();
-  if (done == 1 && !shared) CheckResults(results);
+  if (shared) return;
+  for (size_t output = 0; output < kResultCount; ++output) {
+    const size_t i = kResultOfSwitch[output];
+    const bool may_touch = outcome != Outcome::kRefused && model_.IsOn(static_cast<int>(output));
+    EXPECT_TRUE(may_touch || results[i].data == before[i].data) << kResultNames[i];
+  }
+  if (done == 1) CheckResults(kind, band, results);
 }
 
 // What every function does without a tool, a record or images.
 void CallWithNulls(ByteSource& source) {
   const auto nothing = [](auto... functions) { (functions(nullptr), ...); };
-  nothing(
-      InitialVelostrixUnCalibrationToolImage_CPU, InitialVelostrixUnCalibrationToolImage_CPU_csharp,
-      ClearVelostrixUnCalibrationToolImage_CPU, ClearVelostrixUnCalibrationToolImage_CPU_csharp,
-      ReleaseVelostrixUnCalibrationToolImage_CPU, ReleaseVelostrixUnCalibrationToolImage_CPU_csharp,
-      DestroyImageArrayCPU, DestroyImageArrayCPU_csharp, DestroyVelostrixUnCalibrationToolPtr_CPU,
-      DestroyVelostrixUnCalibrationToolPtr_CPU_csharp);
+  nothing(InitialVelostrixUnCalibrationToolImage_CPU, ClearVelostrixUnCalibrationToolImage_CPU,
+          ReleaseVelostrixUnCalibrationToolImage_CPU, DestroyImageArrayCPU,
+          DestroyVelostrixUnCalibrationToolPtr_CPU);
   cv::Mat image(2, 2, CV_8UC1, cv::Scalar(0));
   const UnCalibrationParam param = {};
   const ImageRecord record = {image.data, 2, 2, 2, 0, 1};
-  const auto refused = [&](auto uncali, auto... last) {
-    return uncali(nullptr, &image, &image, &image, &image, &image, &image, &image, &image,
-                  last...) == 0;
+  const auto run = [&](auto function, auto... last) {
+    return function(nullptr, &image, &image, &image, &image, &image, &image, &image, &image,
+                    last...);
   };
-  Expect(!SetVelostrixUnCalibrationToolParam_CPU(nullptr, &param) &&
-             !SetVelostrixUnCalibrationToolROI_CPU(nullptr, 0, 0, 1, 1) &&
-             ClearVelostrixUnCalibrationToolROI_CPU(nullptr, 2, 2, 2) == 0 &&
-             !SetVelostrixUnCalibrationToolImage_CPU(nullptr, &image) &&
-             !SetVelostrixUnCalibrationToolImage_CPU_csharp(nullptr, &record) &&
-             refused(RunVelostrixUnCalibration_CPU_uncali) &&
-             refused(RunVelostrixUnCalibration_CPU_cali) &&
-             refused(RunVelostrixUnCalibration_CPU_partcols_uncali, 10) &&
-             refused(RunVelostrixUnCalibration_CPU_partrows_uncali, 10),
-         "a null tool is refused");
+  HostTool tool({});
+  EXPECT_FALSE(SetVelostrixUnCalibrationToolParam_CPU(nullptr, &param));
+  EXPECT_FALSE(SetVelostrixUnCalibrationToolROI_CPU(nullptr, 0, 0, 1, 1));
+  EXPECT_EQ(ClearVelostrixUnCalibrationToolROI_CPU(nullptr, 2, 2, 2), 0);
+  EXPECT_FALSE(SetVelostrixUnCalibrationToolImage_CPU(nullptr, &image));
+  EXPECT_FALSE(SetVelostrixUnCalibrationToolImage_CPU(tool.get(), nullptr));
+  EXPECT_FALSE(SetVelostrixUnCalibrationToolImage_CPU_csharp(nullptr, &record));
+  EXPECT_FALSE(SetVelostrixUnCalibrationToolImage_CPU_csharp(tool.get(), nullptr));
+  EXPECT_EQ(run(RunVelostrixUnCalibration_CPU_uncali), 0);
+  EXPECT_EQ(run(RunVelostrixUnCalibration_CPU_cali), 0);
+  EXPECT_EQ(run(RunVelostrixUnCalibration_CPU_partcols_uncali, 10), 0);
+  EXPECT_EQ(run(RunVelostrixUnCalibration_CPU_partrows_uncali, 10), 0);
   DestroyImageArrayCPU(new cv::Mat[static_cast<size_t>(source.Below(5))]);
 }
 
 // What a byte chooses, the usual calls twice.
-constexpr void (Session::*kCalls[])(ByteSource&, bool) = {
+constexpr void (Session::*kCalls[])(ByteSource&) = {
     &Session::SetParam,
     &Session::SetParam,
     &Session::SetRegion,
@@ -419,10 +400,10 @@ constexpr void (Session::*kCalls[])(ByteSource&, bool) = {
     &Session::SetAllImages,
     &Session::ClearImage,
     &Session::Release,
-    &Session::RunOnce<RunKind::kUncalibrated>,
-    &Session::RunOnce<RunKind::kCalibrated>,
-    &Session::RunOnce<RunKind::kPartCols>,
-    &Session::RunOnce<RunKind::kPartRows>,
+    &Session::Run<RunKind::kUncalibrated>,
+    &Session::Run<RunKind::kCalibrated>,
+    &Session::Run<RunKind::kPartCols>,
+    &Session::Run<RunKind::kPartRows>,
 };
 
 }  // namespace
@@ -436,10 +417,10 @@ void RunCallSequence(const uint8_t* data, size_t size) {
     const uint8_t choice = source.Byte();
     auto& session = sessions[choice >= 240 ? 1 + choice % 2 : 0];
     if (session == nullptr) session = std::make_unique<Session>(huge_calls);
-    const bool csharp = source.Below(2) != 0;
+    session->by_record = source.Below(2) != 0;
     const size_t kind = choice % 16;
     if (kind < std::size(kCalls)) {
-      (session.get()->*kCalls[kind])(source, csharp);
+      (session.get()->*kCalls[kind])(source);
     } else {
       CallWithNulls(source);
       session.reset();

@@ -19,7 +19,7 @@ int32_t Truncate(double value) {
 }
 int32_t Round(float value) { return Truncate(std::rint(value)); }
 
-uint8_t ToByte(int32_t level) { return static_cast<uint8_t>(std::clamp(level, 0, 255)); }
+uint8_t ToByte(int64_t level) { return static_cast<uint8_t>(std::clamp<int64_t>(level, 0, 255)); }
 
 constexpr float kJustUnderHalf = 0x1.fffffap-2F;
 
@@ -107,8 +107,9 @@ void SumBytes(const Frame& frame, const uint8_t* a, const uint8_t* b, uint8_t* o
               int32_t offset) {
   // In blocks the sum is one of 16 bits and wraps.
   ForEachPixel(
-      frame, 8, [&](int64_t o) { out[o] = ToByte(static_cast<int16_t>(offset + a[o] + b[o])); },
-      [&](int64_t o) { out[o] = ToByte(offset + a[o] + b[o]); });
+      frame, 8,
+      [&](int64_t o) { out[o] = ToByte(static_cast<int16_t>(int64_t{offset} + a[o] + b[o])); },
+      [&](int64_t o) { out[o] = ToByte(int64_t{offset} + a[o] + b[o]); });
 }
 
 }  // namespace velostrix::reference

@@ -7,9 +7,14 @@ namespace velostrix::reference {
 namespace {
 
 // Writes value(row, col, row above, row below) to columns 0 to cols - 3 and repeats the last one.
+// Frames without two rows and three columns have no derivatives.
 template <typename Value>
 void FillMap(const Frame& frame, float* out, Value value) {
   for (int64_t i = 0; i < frame.rows; ++i) {
+    if (frame.rows < 2 || frame.cols < 3) {
+      std::fill_n(out + frame.At(i, 0), frame.cols, 0.0F);
+      continue;
+    }
     const int64_t above = std::max<int64_t>(i - 1, 0);
     const int64_t below = std::min(i + 1, frame.rows - 1);
     for (int64_t j = 0; j < frame.cols - 2; ++j) out[frame.At(i, j)] = value(i, j, above, below);

@@ -58,6 +58,9 @@ void MakeMapImages(const RunRequest& request, Workspace& w, RunResults& results)
   if (merges) cv::merge(results.channel, 3, results.normal);
 }
 
+// The lowest value has no opposite and stays.
+int32_t Negated(int32_t offset) { return static_cast<int32_t>(-int64_t{offset}); }
+
 // Two derivative maps, blurred before they become bytes.
 void MakeFullFrameDerivatives(const RunRequest& request, Workspace& w, RunResults& results) {
   const Frame& frame = request.frame;
@@ -79,7 +82,7 @@ void MakeFullFrameDerivatives(const RunRequest& request, Workspace& w, RunResult
   if (param.output_enable[VELOSTRIX_OUTPUT_CURVATURE]) {
     MapToByteLinear(frame, x, half, param.curvature.gain, param.curvature.offset);
     MapToByteLinear(frame, y, other_half, param.curvature.gain, param.curvature.offset);
-    SumBytes(frame, half, other_half, w.curvature_plane.data(), -param.curvature.offset);
+    SumBytes(frame, half, other_half, w.curvature_plane.data(), Negated(param.curvature.offset));
     results.curvature = Header(frame, w.curvature_plane.data(), CV_8UC1);
     ResizeBack(request, results.curvature);
   }
@@ -87,7 +90,7 @@ void MakeFullFrameDerivatives(const RunRequest& request, Workspace& w, RunResult
     // The second conversion overwrites the first, deliberately.
     MapToByteAbsLinear(frame, x, half, param.magnitude.gain, param.magnitude.offset);
     MapToByteAbsLinear(frame, y, half, param.magnitude.gain, param.magnitude.offset);
-    SumBytes(frame, half, half, w.magnitude_plane.data(), -param.magnitude.offset);
+    SumBytes(frame, half, half, w.magnitude_plane.data(), Negated(param.magnitude.offset));
     results.magnitude = Header(frame, w.magnitude_plane.data(), CV_8UC1);
     ResizeBack(request, results.magnitude);
   }

@@ -80,17 +80,13 @@ void ReleaseImage(UnCalibrationTool& tool) {
   tool.images_set = 0;
 }
 
-bool PlanesHoldFrame(const UnCalibrationTool& tool) {
-  return IsFrame(tool) && tool.rows * tool.row_step <= tool.allocated_pixels;
-}
-
-bool StackHoldsImages(const UnCalibrationTool& tool, int64_t count) {
-  return tool.plane_size > 0 && count <= tool.allocated_stack_bytes / tool.plane_size;
+bool BuffersHold(const UnCalibrationTool& tool, int64_t images) {
+  return IsFrame(tool) && tool.plane_size <= tool.allocated_pixels &&
+         images <= tool.allocated_stack_bytes / tool.plane_size;
 }
 
 bool BuffersHoldImages(const UnCalibrationTool& tool) {
-  return IsImageCount(tool.image_count) && PlanesHoldFrame(tool) &&
-         StackHoldsImages(tool, tool.image_count);
+  return IsImageCount(tool.image_count) && BuffersHold(tool, tool.image_count);
 }
 
 cv::Mat PlaneHeader(const UnCalibrationTool& tool, void* plane, int type) {

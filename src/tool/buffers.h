@@ -17,11 +17,8 @@ void InitialImage(UnCalibrationTool& tool);
 // Frees the working buffers and forgets the images. Harmless to repeat.
 void ReleaseImage(UnCalibrationTool& tool);
 
-// Whether the working geometry is that of an image and its planes lie inside the allocated ones.
-bool PlanesHoldFrame(const UnCalibrationTool& tool);
-
-// Whether the first `count` planes of the image stack lie inside the allocated stack.
-bool StackHoldsImages(const UnCalibrationTool& tool, int64_t count);
+// Whether the working geometry is that of an image and lies inside the buffers, so many images too.
+bool BuffersHold(const UnCalibrationTool& tool, int64_t images);
 
 // Whether there are 3 to 8 images, and they and the frame lie inside the buffers.
 bool BuffersHoldImages(const UnCalibrationTool& tool);

@@ -14,11 +14,12 @@ namespace {
 
 bool NextPlaneIsFree(const UnCalibrationTool& tool) {
   return static_cast<uint64_t>(tool.images_set) <= static_cast<uint64_t>(tool.image_count - 1) &&
-         PlanesHoldFrame(tool) && StackHoldsImages(tool, tool.images_set + 1);
+         BuffersHold(tool, tool.images_set + 1);
 }
 
+// A cv::Mat of more than two dimensions has -1 rows.
 bool IsReadable(const cv::Mat& image) {
-  return image.dims <= 2 && image.rows > 0 && image.cols > 0 && image.data != nullptr;
+  return image.rows > 0 && image.cols > 0 && image.data != nullptr;
 }
 
 // Bytes from the first pixel to the end of the last row.

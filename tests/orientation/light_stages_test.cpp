@@ -16,13 +16,9 @@
 namespace velostrix {
 namespace {
 
-using Maps = reference::WorkingMaps;
-
 // Factor, slopes p and q, gated factor.
 struct LightMaps {
   explicit LightMaps(const UnCalibrationTool& tool) : maps(4, GuardedPlane<float>(tool)) {}
-
-  Maps pointers() { return {maps[0].data(), maps[1].data(), maps[2].data(), maps[3].data()}; }
 
   std::vector<GuardedPlane<float>> maps;
 };
@@ -32,77 +28,61 @@ void ExpectSame(const LightMaps& actual, const LightMaps& expected) {
     EXPECT_TRUE(actual.maps[m].SameAs(expected.maps[m])) << "map " << m;
 }
 
-struct Stage {
-  const char* name;
-  std::unique_ptr<LightStage> (*run)(UnCalibrationTool& tool, int32_t band);
-  void (*plain)(const reference::Frame& frame, const Maps& m, int32_t band,
-                Eigen::MatrixXf& intensities);
-};
-
-template <auto kRun>
-std::unique_ptr<LightStage> RunFrame(UnCalibrationTool& tool, int32_t /*band*/) {
-  return kRun(tool);
+std::unique_ptr<LightStage> RunStage(RunKind kind, UnCalibrationTool& tool, int32_t band) {
+  switch (kind) {
+    case RunKind::kUncalibrated:
+      return FactorizeIntensities(tool);
+    case RunKind::kCalibrated:
+      return SolveCalibratedLights(tool);
+    case RunKind::kPartRows:
+      return FactorizeIntensitiesPartRows(tool, band);
+    case RunKind::kPartCols:
+    default:
+      return FactorizeIntensitiesPartCols(tool, band);
+  }
 }
-template <auto kRun>
-std::unique_ptr<LightStage> RunParts(UnCalibrationTool& tool, int32_t band) {
-  return kRun(tool, band);
-}
-template <auto kPlain>
-void PlainParts(const reference::Frame& frame, const Maps& m, int32_t band, Eigen::MatrixXf&) {
-  kPlain(frame, m, band);
-}
-
-constexpr Stage kCalibrated = {"calibrated", RunFrame<SolveCalibratedLights>,
-                               [](const auto& frame, const Maps& m, int32_t, Eigen::MatrixXf&) {
-                                 reference::SolveCalibratedLights(frame, m);
-                               }};
-constexpr Stage kFullFrame = {
-    "full frame", RunFrame<FactorizeIntensities>,
-    [](const auto& frame, const Maps& m, int32_t, Eigen::MatrixXf& intensities) {
-      reference::FactorizeIntensities(frame, m, intensities);
-    }};
-constexpr Stage kRows = {"rows", RunParts<FactorizeIntensitiesPartRows>,
-                         PlainParts<reference::FactorizeIntensitiesPartRows>};
-constexpr Stage kCols = {"columns", RunParts<FactorizeIntensitiesPartCols>,
-                         PlainParts<reference::FactorizeIntensitiesPartCols>};
-constexpr Stage kFactorisations[] = {kFullFrame, kRows, kCols};
 
 // Runs the stage and the plain one on the tool's images. Only the full frame keeps its matrix. The
 // range is that of the map.
-void RunBoth(const Stage& stage, UnCalibrationTool& tool, int32_t band, LightMaps& actual,
+void RunBoth(RunKind kind, UnCalibrationTool& tool, int32_t band, LightMaps& actual,
              LightMaps& expected) {
-  const std::unique_ptr<LightStage> rows = stage.run(tool, band);
-  ASSERT_NE(rows, nullptr);
+  const std::unique_ptr<LightStage> rows = RunStage(kind, tool, band);
   std::vector<float> scratch(static_cast<size_t>(tool.cols));
   const Range range = rows->FactorRange(scratch.data());
-  for (int64_t i = 0; i < tool.rows; ++i) {
-    auto& m = actual.maps;
-    rows->WriteRow(i, {&m[0](i, 0), &m[1](i, 0), &m[2](i, 0), &m[3](i, 0)});
-  }
   Range of_rows;
-  for (int64_t i = 0; i < tool.rows; ++i) MinMaxOfMap(&actual.maps[0](i, 0), tool.cols, of_rows);
+  auto& m = actual.maps;
+  for (int64_t i = 0; i < tool.rows; ++i) {
+    rows->WriteRow(i, {&m[0](i, 0), &m[1](i, 0), &m[2](i, 0), &m[3](i, 0)});
+    MinMaxOfMap(&m[0](i, 0), tool.cols, of_rows);
+  }
   EXPECT_EQ(range.min, of_rows.min);
   EXPECT_EQ(range.max, of_rows.max);
-  Eigen::MatrixXf intensities;
-  stage.plain(FrameOf(tool), expected.pointers(), band, intensities);
-  ASSERT_EQ(tool.intensity_matrix.size(), intensities.size());
-  EXPECT_EQ(tool.intensity_matrix, intensities);
+  const reference::Workspace plain = PlainRun(tool, {}, kind, band).workspace;
+  const std::vector<float>* const plain_maps[] = {&plain.factor_map, &plain.slope_p, &plain.slope_q,
+                                                  &plain.gated_factor_map};
+  for (size_t k = 0; k < 4; ++k) {
+    expected.maps[k].Fill([&](int64_t i, int64_t j) {
+      return (*plain_maps[k])[static_cast<size_t>(i * tool.row_step + j)];
+    });
+  }
+  ASSERT_EQ(tool.intensity_matrix.size(), plain.intensity_matrix.size());
+  EXPECT_EQ(tool.intensity_matrix, plain.intensity_matrix);
 }
 
-void ExpectEveryBit(const Stage& stage, UnCalibrationTool& tool, int32_t band) {
+void ExpectEveryBit(RunKind kind, UnCalibrationTool& tool, int32_t band) {
   LightMaps actual(tool), expected(tool);
-  RunBoth(stage, tool, band, actual, expected);
+  RunBoth(kind, tool, band, actual, expected);
   ExpectSame(actual, expected);
 }
 
 // Some strips meet at black pixels, which say nothing about their signs.
 TEST(LightStages, SmallPiecesEqualThePlainOnes) {
-  for (const Stage& stage : {kCalibrated, kFullFrame, kRows, kCols}) {
+  for (const RunKind kind : kAllRuns) {
     for (Geometry geometry : NarrowFrames()) {
       if (geometry.rows * geometry.cols < 3) continue;
       for (geometry.image_count = 3; geometry.image_count <= 8; ++geometry.image_count) {
-        SCOPED_TRACE(testing::Message() << stage.name << ", " << geometry);
-        ExpectEveryBit(stage, *NoisyTool(geometry, 29), 10);
+        SCOPED_TRACE(testing::Message() << kind << ", " << geometry);
+        ExpectEveryBit(kind, *NoisyTool(geometry, 29), 10);
       }
     }
   }
@@ -114,25 +94,25 @@ TEST(LightStages, StripsAreNotAlignedByZeros) {
     const ToolPtr tool = NoisyTool({30, 20, 20, 4}, seed);
     for (int64_t row = 0; row < 30; ++row) std::fill_n(&PixelOf(*tool, 3, row, 9), 11, uint8_t{0});
     for (int64_t k = 0; k < 4; ++k) PixelOf(*tool, k, 1, 9) = k == 3 ? 200 : 0;
-    ExpectEveryBit(kCols, *tool, 10);
+    ExpectEveryBit(RunKind::kPartCols, *tool, 10);
   }
 }
 
 // The last image is dark but for a pixel that the other lamps reach too, and one pixel of every
 // level that they do not: the first entries of those lie on both sides of the gate.
 TEST(LightStages, SlopesAndGatedFactorEndAtTheGate) {
-  for (const Stage& stage : kFactorisations) {
-    SCOPED_TRACE(stage.name);
+  for (const RunKind kind : {RunKind::kUncalibrated, RunKind::kPartRows, RunKind::kPartCols}) {
+    SCOPED_TRACE(kind);
     const ToolPtr tool = NoisyTool({25, 40, 40, 4}, 5);
     std::fill_n(&PixelOf(*tool, 3, 0, 0), tool->plane_size, uint8_t{0});
     for (int64_t k = 0; k < 3; ++k) PixelOf(*tool, k, 24, 39) = 100;
-    PixelOf(*tool, 3, 24, 39) = stage.name == kFullFrame.name ? 10 : 1;
+    PixelOf(*tool, 3, 24, 39) = kind == RunKind::kUncalibrated ? 10 : 1;
     for (int64_t level = 0; level < 256; ++level) {
       for (int64_t k = 0; k < 3; ++k) PixelOf(*tool, k, 2, level) = 0;
       PixelOf(*tool, 3, 2, level) = static_cast<uint8_t>(level);
     }
     LightMaps actual(*tool), expected(*tool);
-    RunBoth(stage, *tool, 40, actual, expected);
+    RunBoth(kind, *tool, 40, actual, expected);
     ExpectSame(actual, expected);
     const float* slopes = &actual.maps[1](2, 0);
     const auto refused = std::count(slopes, slopes + 256, 0.0F);
@@ -218,7 +198,7 @@ TEST(LeadingVectors, OfBrokenFramesAreSingularVectors) {
 }
 
 struct StageCase {
-  Stage stage;
+  RunKind kind;
   Geometry geometry;
   int32_t band;
   bool is_aligned = true;  // not: row 1, where strips are, is black
@@ -228,23 +208,25 @@ struct StageCase {
 // times the ratio of the first singular value to the gap that the vector's own has (Wedin 1972),
 // which is below 25 in these scenes.
 TEST(LightStages, LargePiecesHaveThePlainVectorsAndSigns) {
-  const StageCase cases[] = {{kFullFrame, {25, 41, 41}, 0},   {kFullFrame, {150, 80, 85}, 0},
-                             {kFullFrame, {2, 700, 700}, 0},  {kFullFrame, {1500, 1, 1}, 0},
-                             {kRows, {47, 70, 73}, 16},       {kRows, {40, 90, 90}, 1 << 30},
-                             {kRows, {2, 800, 800}, 10},      {kCols, {90, 48, 51}, 16},
-                             {kCols, {150, 90, 90}, 30},      {kCols, {2, 1500, 1500}, 700},
-                             {kCols, {60, 90, 90}, 30, false}};
+  constexpr RunKind kFrame = RunKind::kUncalibrated;
+  constexpr RunKind kRows = RunKind::kPartRows;
+  constexpr RunKind kCols = RunKind::kPartCols;
+  const StageCase cases[] = {{kFrame, {25, 41, 41}, 0},     {kFrame, {150, 80, 85}, 0},
+                             {kFrame, {2, 700, 700}, 0},    {kFrame, {1500, 1, 1}, 0},
+                             {kRows, {47, 70, 73}, 16},     {kRows, {40, 90, 90}, 1 << 30},
+                             {kRows, {2, 800, 800}, 10},    {kCols, {90, 48, 51}, 16},
+                             {kCols, {2, 1500, 1500}, 700}, {kCols, {60, 90, 90}, 30, false}};
   for (StageCase c : cases) {
     for (int64_t n = 3; n <= 8; ++n) {
       c.geometry.image_count = n;
       SCOPED_TRACE(testing::Message()
-                   << c.stage.name << ", " << c.geometry << ", band " << c.band << ", seed " << n);
+                   << c.kind << ", " << c.geometry << ", band " << c.band << ", seed " << n);
       const ToolPtr tool = NoisyTool(c.geometry, static_cast<uint32_t>(n));
       for (int64_t k = 0; k < n && !c.is_aligned; ++k) {
         std::fill_n(&PixelOf(*tool, k, 1, 0), tool->cols, uint8_t{0});
       }
       LightMaps actual(*tool), expected(*tool);
-      RunBoth(c.stage, *tool, c.band, actual, expected);
+      RunBoth(c.kind, *tool, c.band, actual, expected);
       std::array<double, 4> squares = {};
       for (int64_t i = 0; i < tool->rows; ++i) {
         for (int64_t j = 0; j < tool->cols; ++j) {
@@ -268,15 +250,14 @@ TEST(LightStages, LargePiecesHaveThePlainVectorsAndSigns) {
   }
 }
 
-// Exact also where 32 bits would not hold the sums.
+// Exact also where 32 bits would not hold the sums: of many whole blocks, and of many rows' rests.
 TEST(GramMatrix, HoldsTheInnerProducts) {
   struct Case {
     int64_t rows, cols, first_col;
     bool white;
   };
-  for (const Case& c :
-       {Case{1, 1, 0, false}, Case{1, 7, 0, true}, Case{2, 11, 3, false}, Case{5, 66, 1, false},
-        Case{700, 97, 0, true}, Case{3, 70000, 0, true}, Case{4, 65542, 5, false}}) {
+  for (const Case& c : {Case{1, 7, 0, true}, Case{2, 11, 3, false}, Case{5, 66, 1, false},
+                        Case{20000, 7, 0, true}, Case{4, 65542, 5, true}}) {
     for (int64_t n = 3; n <= 8; ++n) {
       SCOPED_TRACE(testing::Message() << c.cols << " x " << c.rows << ", " << n << " images");
       const ToolPtr tool = NoisyTool({c.rows, c.cols, c.cols + 2, n}, 3);

@@ -77,32 +77,6 @@ TEST(RunAccuracy, UncalibratedRunsShowReliefAndNotPrint) {
   }
 }
 
-double Correlation(const cv::Mat& image, const cv::Mat& map) {
-  cv::Mat values;
-  cv::Mat correlation;
-  image.convertTo(values, CV_32F);
-  cv::matchTemplate(values, map, correlation, cv::TM_CCOEFF_NORMED);
-  return double{correlation.at<float>(0)};
-}
-
-// With known lamps nothing is left open, not even the sign.
-TEST(RunAccuracy, TheCalibratedRunFindsHeightAndCurvature) {
-  const cv::Size size(160, 120);
-  for (int image_count = 3; image_count <= 8; ++image_count) {
-    SCOPED_TRACE(image_count);
-    const scene::Scene s =
-        scene::Render({size.width, size.height, image_count, scene::Lamps::kRing, 1, 0.0});
-    const Truth truth(s);
-    UnCalibrationParam param = EverythingOn(size, s.images.size());
-    param.iteration_cap = -1;
-    param.curvature = {128, 120.0};
-    const Results r = HostTool::Ready(param).Reconstruct(RunKind::kCalibrated, s.images);
-    EXPECT_GT(Correlation(r[kHeight], s.height), 0.9);
-    EXPECT_GT(Correlation(r[kCurvature], truth.relief[0] + truth.relief[3]), 0.9);
-    EXPECT_LT(ExplainedShare(r[kCurvature], truth.print), 0.05);
-  }
-}
-
 // The means that README.md tells of the maps, in degrees and per cent; 3 lamps first. Mostly they
 // come from the rounding and the noise of the images, so that little can be added unseen.
 TEST(RunAccuracy, TheCalibratedMapsAreAsExactAsTheImages) {

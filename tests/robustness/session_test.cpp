@@ -1,6 +1,5 @@
-// Whole sessions: every allocation fails in turn, many one after another, many beside each other,
-// in processes and floating-point states that hosts bring along. VELOSTRIX_ENDURANCE_RUNS sets the
-// number of those one after another.
+// Whole sessions: every allocation fails in turn; tools beside each other; processes, signals and
+// floating-point states that hosts bring along.
 #include <dlfcn.h>
 #include <fenv.h>
 #include <gtest/gtest.h>
@@ -12,6 +11,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -154,15 +154,8 @@ struct Session {
   }
 };
 
-struct Case {
-  const char* name;
-  Session session;
-};
-
-class AllocationFailure : public testing::TestWithParam<Case> {};
-
-TEST_P(AllocationFailure, LeavesAToolThatRefusesOrWorksAndCanBeReleased) {
-  const Session& session = GetParam().session;
+// Every allocation fails in turn. A tool then refuses or works, and can be released.
+void FailEveryAllocation(const Session& session) {
   const Session earlier = {RunKind::kUncalibrated, {5, 4}};
   const std::vector<cv::Mat> images = session.Images();
   const Bytes expected = session.RunAlone();
@@ -207,91 +200,50 @@ TEST_P(AllocationFailure, LeavesAToolThatRefusesOrWorksAndCanBeReleased) {
   EXPECT_GT(failing, 70);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Sessions, AllocationFailure,
-    testing::Values(Case{"Uncali", {RunKind::kUncalibrated, {40, 30}}},
-                    Case{"Region", {RunKind::kUncalibrated, {24, 20}, 4, 1.0, true}},
-                    Case{"Cali", {RunKind::kCalibrated, {44, 40}, 3, 0.9, true}},
-                    Case{"PartCols", {RunKind::kPartCols, {40, 64}, 4}},
-                    Case{"ScaledPartCols", {RunKind::kPartCols, {24, 20}, 3, 0.8}},
-                    Case{"OneImage", {RunKind::kPartRows, {110, 26}, 4, 1.0, false, true}},
-                    Case{"NarrowPartRows", {RunKind::kPartRows, {80, 33}}}),
-    [](const auto& info) { return std::string(info.param.name); });
+TEST(AllocationFailure, OfUncalibratedRuns) {
+  FailEveryAllocation({RunKind::kUncalibrated, {40, 30}});
+  FailEveryAllocation({RunKind::kUncalibrated, {24, 20}, 4, 1.0, true});
+}
+TEST(AllocationFailure, OfTheCalibratedRun) {
+  FailEveryAllocation({RunKind::kCalibrated, {44, 40}, 3, 0.9, true});
+}
+TEST(AllocationFailure, OfStrips) {
+  FailEveryAllocation({RunKind::kPartCols, {40, 64}, 4});
+  FailEveryAllocation({RunKind::kPartCols, {24, 20}, 3, 0.8});
+}
+TEST(AllocationFailure, OfBands) {
+  FailEveryAllocation({RunKind::kPartRows, {110, 26}, 4, 1.0, false, true});
+  FailEveryAllocation({RunKind::kPartRows, {80, 33}});
+}
 
 const std::vector<Session> kSessions = {{RunKind::kUncalibrated, {40, 30}, 3},
                                         {RunKind::kCalibrated, {65, 41}, 5, 1.0, true},
                                         {RunKind::kPartCols, {90, 33}, 4, 0.7},
                                         {RunKind::kPartRows, {33, 64}, 8, 1.0, true},
                                         {RunKind::kUncalibrated, {200, 150}, 4, 0.5, true},
-                                        {RunKind::kPartCols, {7, 9}, 3},
-                                        {RunKind::kCalibrated, {128, 96}, 7},
                                         {RunKind::kPartRows, {241, 190}, 4}};
 
-std::vector<Bytes> BytesOfAllSessions() {
+std::vector<Bytes> BytesOf(const std::vector<Session>& sessions) {
   std::vector<Bytes> bytes;
-  for (const Session& session : kSessions) bytes.push_back(session.RunAlone());
+  for (const Session& session : sessions) bytes.push_back(session.RunAlone());
   return bytes;
 }
 
-int64_t ResidentBytes() {
-  int64_t pages_of_program = 0;
-  int64_t resident_pages = 0;
-  std::ifstream("/proc/self/statm") >> pages_of_program >> resident_pages;
-  return resident_pages * sysconf(_SC_PAGESIZE);
-}
-
-int64_t CountEntries(const char* folder) {
-  const std::filesystem::directory_iterator entries(folder);
-  return std::distance(begin(entries), end(entries));
-}
-
-TEST(Endurance, ManyRunsOnOneToolGiveTheFirstBytesAndTakeNoMoreMemory) {
-  const char* asked = std::getenv("VELOSTRIX_ENDURANCE_RUNS");
-  const int runs = asked != nullptr ? std::atoi(asked) : 160;
-  const std::vector<Bytes> expected = BytesOfAllSessions();
-  HostTool tool({});
-  int64_t resident = 0;
-  int64_t files = 0;
-  for (int run = 0; run < runs; ++run) {
-    const size_t k = static_cast<size_t>(run) % kSessions.size();
-    const Session& session = kSessions[k];
-    // Once on, scaling goes off only with a region that is too small for it.
-    UnCalibrationParam tiny = session.Param();
-    tiny.scale = 1e-6;
-    tool.SetParam(tiny);
-    tool.SetRegion({0, 0, 6, 6});
-    const cv::Size& size = session.size;
-    ClearVelostrixUnCalibrationToolROI_CPU(tool.get(), size.height, size.width, size.width);
-    session.Prepare(tool);
-    ASSERT_EQ(session.Run(tool, session.Images()), expected[k]) << "run " << run;
-    if (run == runs / 4) {
-      tool.ReleaseImage();
-      resident = ResidentBytes();
-      files = CountEntries("/proc/self/fd");
-    }
-  }
-  tool.ReleaseImage();
-  constexpr int64_t kNoise = 1 << 20;
-  EXPECT_TRUE(kMemoryIsTheSanitizers || ResidentBytes() <= resident + kNoise);
-  EXPECT_EQ(CountEntries("/proc/self/fd"), files);
+int64_t CountThreads() {
+  const std::filesystem::directory_iterator tasks("/proc/self/task");
+  return std::distance(begin(tasks), end(tasks));
 }
 
 // The height on threads, scaling, and both kinds of blur on images that OpenCV would share.
 const std::vector<Session> kThreadedSessions = {{RunKind::kCalibrated, {640, 480}, 3},
                                                 {RunKind::kPartCols, {900, 700}, 4, 0.8, true}};
 
-std::vector<Bytes> BytesOfThreadedSessions() {
-  std::vector<Bytes> bytes;
-  for (const Session& session : kThreadedSessions) bytes.push_back(session.RunAlone());
-  return bytes;
-}
-
 // The system lists a thread a moment longer than it can be joined.
 void AwaitThreads(int64_t count) {
-  for (int k = 0; k < 1000 && CountEntries("/proc/self/task") > count; ++k) {
+  for (int k = 0; k < 1000 && CountThreads() > count; ++k) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
-  EXPECT_TRUE(kMemoryIsTheSanitizers || CountEntries("/proc/self/task") <= count);
+  EXPECT_TRUE(kMemoryIsTheSanitizers || CountThreads() <= count);
 }
 
 bool MayStartNoThread() {
@@ -328,7 +280,7 @@ std::string OutcomeInChild(const std::vector<Bytes>& expected,
     alarm(60);
     try {
       if (!prepare()) _exit(3);
-      const std::vector<Bytes> bytes = BytesOfThreadedSessions();
+      const std::vector<Bytes> bytes = BytesOf(kThreadedSessions);
       const bool refused = bytes[0].empty() || bytes[1].empty();
       _exit(bytes == expected ? 0 : refused ? 1 : 2);
     } catch (const std::bad_alloc&) {
@@ -344,16 +296,16 @@ std::string OutcomeInChild(const std::vector<Bytes>& expected,
 
 // Each call of one tool leaves no thread behind, whatever the others are at; nor may OpenCV's pool.
 TEST(Processes, ToolsOnSeveralThreadsGiveTheBytesOfOneAloneAndLeaveNoThread) {
-  const int64_t threads_before = CountEntries("/proc/self/task");
-  const std::vector<Bytes> expected = BytesOfAllSessions();
-  const std::vector<Bytes> expected_threaded = BytesOfThreadedSessions();
+  const int64_t threads_before = CountThreads();
+  const std::vector<Bytes> expected = BytesOf(kSessions);
+  const std::vector<Bytes> expected_threaded = BytesOf(kThreadedSessions);
   std::atomic<int> different = 0;
   std::vector<std::thread> threads;
   for (int k = 0; k < 4; ++k) {
     threads.emplace_back([&] {
       for (int round = 0; round < 10; ++round) {
-        different += BytesOfAllSessions() != expected;
-        different += BytesOfThreadedSessions() != expected_threaded;
+        different += BytesOf(kSessions) != expected;
+        different += BytesOf(kThreadedSessions) != expected_threaded;
       }
     });
   }
@@ -367,8 +319,8 @@ TEST(Processes, ToolsOnSeveralThreadsGiveTheBytesOfOneAloneAndLeaveNoThread) {
 }
 
 TEST(Processes, ChildrenRunAfterAHeightInTheParentWithoutThreadsAndWithLittleMemory) {
-  const int64_t threads = CountEntries("/proc/self/task");
-  const std::vector<Bytes> expected = BytesOfThreadedSessions();
+  const int64_t threads = CountThreads();
+  const std::vector<Bytes> expected = BytesOf(kThreadedSessions);
   AwaitThreads(threads);
   EXPECT_EQ(OutcomeInChild(expected, [] { return true; }), "same bytes");
   if (kMemoryIsTheSanitizers) return;  // and so are some threads
@@ -387,9 +339,25 @@ TEST(Processes, AnUnloadedModuleIsGone) {
   EXPECT_EQ(dlopen(VELOSTRIX_MODULE, RTLD_NOW | RTLD_NOLOAD), nullptr);
 }
 
+// A signal that the host has blocked waits for the host, on the height's threads too.
+TEST(Processes, TheHostsSignalsAreItsOwn) {
+  sigset_t blocked, waiting, left;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, SIGUSR1);
+  pthread_sigmask(SIG_SETMASK, &blocked, nullptr);
+  kill(getpid(), SIGUSR1);
+  BytesOf(kThreadedSessions);
+  sigpending(&waiting);
+  pthread_sigmask(SIG_SETMASK, nullptr, &left);
+  EXPECT_EQ(sigismember(&waiting, SIGUSR1), 1);
+  EXPECT_EQ(sigismember(&left, SIGUSR1) + sigismember(&left, SIGUSR2), 1);
+  int signal = 0;
+  sigwait(&blocked, &signal);
+}
+
 // Random images hold black pixels, whose slopes divide by zero.
 TEST(Processes, TheHostsFloatingPointStateChangesNothingAndIsKept) {
-  const std::vector<Bytes> expected = BytesOfThreadedSessions();
+  const std::vector<Bytes> expected = BytesOf(kThreadedSessions);
   fenv_t before;
   fegetenv(&before);
   const std::function<void()> states[] = {[] { fesetround(FE_UPWARD); },

@@ -10,8 +10,8 @@
 #include <random>
 #include <vector>
 
-#include "reference/reference_stages.h"
-#include "tool/tool_under_test.h"
+#include "support/plain_run.h"
+#include "support/tool_under_test.h"
 
 namespace velostrix {
 
@@ -27,21 +27,25 @@ inline std::ostream& operator<<(std::ostream& out, const Geometry& g) {
              << " images";
 }
 
-// Frames of every width from 1 to 40, packed and with gaps between the rows.
+// Frames of every width from 1 to 40, packed and with gaps between the rows, of which there are 2
+// to 4.
 inline std::vector<Geometry> NarrowFrames() {
   std::vector<Geometry> frames;
   for (int64_t cols = 1; cols <= 40; ++cols) {
     frames.push_back({3, cols, cols});
-    frames.push_back({2, cols, cols + 7});
+    frames.push_back({2 + cols % 3, cols, cols + 7});
   }
   return frames;
 }
 
 // A tool with the geometry but without buffers, for stages that are given theirs.
 inline ToolPtr UnallocatedTool(const Geometry& g) {
-  UnCalibrationParam param = FrameParam(static_cast<int32_t>(g.cols), static_cast<int32_t>(g.rows),
-                                        static_cast<int32_t>(g.image_count));
+  UnCalibrationParam param = {};
+  param.image_count = static_cast<int32_t>(g.image_count);
+  param.width = static_cast<int32_t>(g.cols);
+  param.height = static_cast<int32_t>(g.rows);
   param.row_step = static_cast<int32_t>(g.row_step);
+  param.scale = 1.0;
   return NewTool(param);
 }
 
@@ -64,11 +68,6 @@ inline ToolPtr NoisyTool(const Geometry& g, uint32_t seed) {
     }
   }
   return tool;
-}
-
-inline reference::Frame FrameOf(const UnCalibrationTool& tool) {
-  const auto images = static_cast<int>(tool.image_count);
-  return {tool.rows, tool.cols, tool.row_step, tool.plane_size, images, tool.image_stack};
 }
 
 // A plane with the frame's geometry and guard elements behind it, filled with a value that no
