@@ -35,6 +35,10 @@ const std::map<const char*, std::function<float(std::mt19937&)>> kContents = {
      [](auto& r) {
        return std::array{0.0F, 255.0F, 0.5F, 1.5F, 2.5F}[r() % 5];
      }},
+    {"ties of words",
+     [](auto& r) {
+       return std::array{0.0F, 65535.0F, 0.5F, 1.5F}[r() % 4];
+     }},
     {"slopes", [](auto& r) { return std::uniform_real_distribution<float>(-2, 2)(r); }},
     {"awkward values", [](auto& r) { return kAwkward[r() % std::size(kAwkward)]; }},
     {"flat but for NaNs", [](auto& r) { return r() % 2 == 0 ? -7.0F : kNaN; }},

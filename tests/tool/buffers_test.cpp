@@ -1,5 +1,5 @@
-// A new tool, and buffers that cannot be had. Parameters, regions, geometry and every other buffer
-// are checked with the call sequences.
+// A new tool, and what buffers hold and cannot hold. Parameters, regions, geometry and every other
+// buffer are checked with the call sequences.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -7,6 +7,7 @@
 #include <opencv2/core.hpp>
 
 #include "support/frames_and_planes.h"
+#include "tool/image_input.h"
 
 namespace velostrix {
 namespace {
@@ -53,6 +54,15 @@ TEST(Buffers, NegativeSizesCountAsUnsigned) {
     InitialImage(*tool);
     EXPECT_EQ(tool->cols, cols);
   }
+}
+
+// Its gaps are not pixels.
+TEST(Buffers, AnEqualisedImageThatHoldsNoPlaneIsRefused) {
+  const ToolPtr tool = UnallocatedTool({30, 40, 40, 3});
+  InitialImage(*tool);
+  tool->equalise_on = 1;
+  const cv::Mat larger(30, 60, CV_8UC1, cv::Scalar(7));
+  EXPECT_FALSE(SetImage(*tool, larger(cv::Rect(0, 0, 39, 30))));
 }
 
 TEST(Buffers, MemoryThatCannotBeHad) {
