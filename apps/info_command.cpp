@@ -13,7 +13,8 @@ namespace {
 void PrintInfo() {
   constexpr std::pair<int, const char*> kFeatures[] = {
       {CV_CPU_SSSE3, "SSSE3"}, {CV_CPU_SSE4_1, "SSE4.1"}, {CV_CPU_AVX, "AVX"},
-      {CV_CPU_AVX2, "AVX2"},   {CV_CPU_FMA3, "FMA3"},     {CV_CPU_AVX512_SKX, "AVX-512"}};
+      {CV_CPU_AVX2, "AVX2"},   {CV_CPU_FMA3, "FMA3"},     {CV_CPU_AVX512_SKX, "AVX-512"},
+      {CV_CPU_NEON, "NEON"}};
   std::cout << "version    " << VELOSTRIX_VERSION << '\n'
             << "build      " << VELOSTRIX_BUILD << '\n'
             << "OpenCV     " << cv::getVersionString() << '\n'

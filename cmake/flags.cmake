@@ -1,15 +1,19 @@
-# Flags that every target of ours shares: velostrix_flags (arithmetic, warnings, hardening).
+# What targets of ours share: velostrix_flags (arithmetic, warnings, hardening), for all of them, and
+# velostrix_eigen, for those that decompose.
 #
-# Element-wise results are the same bits whatever the vector width, so nothing that reassociates or
-# contracts floating-point arithmetic is allowed. errno and trap state are nobody's business here, and
+# Element-wise results are the same bits whatever the vector width and the processor, so nothing that
+# reassociates or contracts floating-point arithmetic is allowed; GCC contracts on ARM unless told. errno and trap state are nobody's business here, and
 # giving them up changes no result but lets square roots and selects vectorise.
+string(COMPARE EQUAL "${CMAKE_SYSTEM_PROCESSOR}" aarch64 is_arm64)
+
 add_library(velostrix_flags INTERFACE)
 if(MSVC)
   target_compile_options(velostrix_flags INTERFACE /fp:precise /arch:AVX /W4
     $<$<BOOL:${VELOSTRIX_WERROR}>:/WX>)
 else()
   target_compile_options(velostrix_flags INTERFACE
-    -mavx -ffp-contract=off -fno-math-errno -fno-trapping-math
+    $<$<NOT:$<BOOL:${is_arm64}>>:-mavx>
+    -ffp-contract=off -fno-math-errno -fno-trapping-math
     -Wall -Wextra -Wpedantic -Wconversion
     -fstack-protector-strong
     $<$<BOOL:${VELOSTRIX_WERROR}>:-Werror>)
@@ -22,4 +26,14 @@ endif()
 if(UNIX AND NOT APPLE)
   # All symbols are bound at the start, after which their tables are read-only; no stack is executable.
   target_link_options(velostrix_flags INTERFACE LINKER:-z,relro,-z,now,-z,noexecstack)
+endif()
+
+add_library(velostrix_eigen INTERFACE)
+target_link_libraries(velostrix_eigen INTERFACE Eigen3::Eigen)
+if(is_arm64)
+  find_path(VELOSTRIX_SIMDE simde/x86/avx.h REQUIRED)
+  target_include_directories(velostrix_eigen SYSTEM INTERFACE ${VELOSTRIX_SIMDE})
+  # GCC takes the ends of small matrices for whole packets and warns.
+  target_compile_options(velostrix_eigen INTERFACE
+    "SHELL:-include ${PROJECT_SOURCE_DIR}/src/base/eigen_packets.h" -Wno-stringop-overflow)
 endif()

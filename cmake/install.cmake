@@ -49,8 +49,10 @@ if(TARGET velostrix_cli)
     set(help_text ${CMAKE_CURRENT_LIST_DIR}/help_text.sh)
     set(further_text ${CMAKE_CURRENT_LIST_DIR}/velostrix.h2m)
     set(page ${PROJECT_BINARY_DIR}/velostrix.1)
+    list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " emulator)
     add_custom_command(OUTPUT ${page}.gz
-      COMMAND ${VELOSTRIX_HELP2MAN} --no-info --include ${further_text} --output ${page}
+      COMMAND ${CMAKE_COMMAND} -E env "EMULATOR=${emulator}"
+        ${VELOSTRIX_HELP2MAN} --no-info --include ${further_text} --output ${page}
         "sh '${help_text}' '$<TARGET_FILE:velostrix_cli>'"
       COMMAND gzip -9nf ${page}
       DEPENDS velostrix_cli ${help_text} ${further_text} VERBATIM)

@@ -39,6 +39,15 @@ if(EXISTS /etc/debian_version)
   install(FILES ${debian}/velostrix
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides COMPONENT runtime EXCLUDE_FROM_ALL)
 
+  if(is_arm64)
+    set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE arm64)  # also where another processor builds it
+  endif()
+  if(CMAKE_SYSROOT)
+    # Dependencies are looked up there, in DEBIAN/symbols and DEBIAN/shlibs, and in the package itself.
+    foreach(folder IN ITEMS ${CMAKE_SYSROOT}/lib ${CMAKE_SYSROOT}/usr/lib usr/lib)
+      list(APPEND CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${folder}/${CMAKE_LIBRARY_ARCHITECTURE})
+    endforeach()
+  endif()
   set(CPACK_DEB_COMPONENT_INSTALL ON)
   set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
   set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)

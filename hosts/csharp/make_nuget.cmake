@@ -1,6 +1,6 @@
 # Makes the NuGet package, a zip, from a build: assemblies and native libraries.
-#   cmake -D VERSION= -D BUILD= -D LIBRARIES= -D ASSEMBLIES= -D PACKAGE= -P make_nuget.cmake
-# LIBRARIES: folder of the libraries in an installed copy.
+#   cmake -D VERSION= -D RUNTIME= -D BUILD= -D LIBRARIES= -D ASSEMBLIES= -D PACKAGE= -P make_nuget.cmake
+# RUNTIME: what the native libraries run on, in NuGet's words. LIBRARIES: their folder in an installed copy.
 cmake_minimum_required(VERSION 3.25)
 set(stage ${PACKAGE}.files)
 set(installed ${PACKAGE}.installed)
@@ -14,7 +14,7 @@ foreach(name IN ITEMS Velostrix Velostrix.Drawing)
     DESTINATION ${stage}/lib/netstandard2.0)
 endforeach()
 string(REGEX MATCH "^0\\.[0-9]+|^[0-9]+" soversion ${VERSION})
-set(native runtimes/linux-x64/native)
+set(native runtimes/${RUNTIME}/native)
 set(module ${native}/libVelostrixUncalibration.so.${soversion})
 file(MAKE_DIRECTORY ${stage}/${native})
 # By the names that are asked for: the host's by C#, the module's by the host library.

@@ -9,6 +9,7 @@
 
 #if defined(__linux__)
 #include <sys/mman.h>
+#include <unistd.h>
 #endif
 
 namespace velostrix {
@@ -26,10 +27,10 @@ inline LargeArray AllocateLargeArray(int64_t count) {
   LargeArray array(static_cast<float*>(std::calloc(bytes, 1)));
   if (array == nullptr) throw std::bad_alloc();
 #if defined(__linux__)
-  constexpr size_t kUsualPage = 4096;
   constexpr size_t kWorthwhile = size_t{4} << 20U;
   if (bytes >= kWorthwhile) {
-    const size_t skipped = (0 - reinterpret_cast<uintptr_t>(array.get())) % kUsualPage;
+    const size_t skipped =
+        (0 - reinterpret_cast<uintptr_t>(array.get())) % static_cast<size_t>(sysconf(_SC_PAGESIZE));
     madvise(reinterpret_cast<char*>(array.get()) + skipped, bytes - skipped, MADV_HUGEPAGE);
   }
 #endif

@@ -4,7 +4,9 @@
 #include <fenv.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
+#if defined(__x86_64__)
 #include <pmmintrin.h>
+#endif
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -355,27 +357,41 @@ TEST(Processes, TheHostsSignalsAreItsOwn) {
   sigwait(&blocked, &signal);
 }
 
+#if defined(__aarch64__)
+uint64_t FloatingPointState() {
+  uint64_t control = 0;
+  uint64_t flags = 0;
+  __asm__ volatile("mrs %0, fpcr; mrs %1, fpsr" : "=r"(control), "=r"(flags));
+  return control << 32U | flags;
+}
+void FlushSubnormals() {
+  __asm__ volatile("msr fpcr, %0" : : "r"(FloatingPointState() >> 32U | 1U << 24U));
+}
+#else
+uint64_t FloatingPointState() { return _mm_getcsr(); }
+void FlushSubnormals() {
+  _MM_SET_FLUSH_ZERO_MODE(_MM_FLUSH_ZERO_ON);
+  _MM_SET_DENORMALS_ZERO_MODE(_MM_DENORMALS_ZERO_ON);
+}
+#endif
+
 // Random images hold black pixels, whose slopes divide by zero.
 TEST(Processes, TheHostsFloatingPointStateChangesNothingAndIsKept) {
   const std::vector<Bytes> expected = BytesOf(kThreadedSessions);
   fenv_t before;
   fegetenv(&before);
   const std::function<void()> states[] = {[] { fesetround(FE_UPWARD); },
-                                          [] { feenableexcept(FE_ALL_EXCEPT); },
-                                          [] {
-                                            _MM_SET_FLUSH_ZERO_MODE(_MM_FLUSH_ZERO_ON);
-                                            _MM_SET_DENORMALS_ZERO_MODE(_MM_DENORMALS_ZERO_ON);
-                                          }};
+                                          [] { feenableexcept(FE_ALL_EXCEPT); }, FlushSubnormals};
   for (const auto& set_state : states) {
     for (size_t k = 0; k < kThreadedSessions.size(); ++k) {
       const Session& session = kThreadedSessions[k];
       const std::vector<cv::Mat> images = session.Images();
       HostTool tool(session.Param());
       set_state();
-      const unsigned state = _mm_getcsr();
+      const uint64_t state = FloatingPointState();
       session.Prepare(tool);
       const Bytes bytes = session.Run(tool, images);
-      EXPECT_EQ(_mm_getcsr(), state);
+      EXPECT_EQ(FloatingPointState(), state);
       fesetenv(&before);
       EXPECT_EQ(bytes, expected[k]) << k;
     }

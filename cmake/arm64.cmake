@@ -1,0 +1,14 @@
+# Toolchain for 64-bit ARM on Debian: cross compiler, libraries from VELOSTRIX_SYSROOT, a folder of
+# unpacked arm64 packages (scripts/test-arm64 makes one), and an emulator to run what was built.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR aarch64)
+set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)
+set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
+set(CMAKE_LIBRARY_ARCHITECTURE aarch64-linux-gnu)
+set(CMAKE_TRY_COMPILE_PLATFORM_VARIABLES VELOSTRIX_SYSROOT)
+set(CMAKE_SYSROOT ${VELOSTRIX_SYSROOT})
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64;-L;${VELOSTRIX_SYSROOT})
