@@ -30,6 +30,7 @@ constexpr int kAllCores = -1;
 void AddReconstructCommand(CLI::App& app, const std::vector<std::string>& arguments);
 void AddBatchCommand(CLI::App& app, const std::vector<std::string>& arguments);
 void AddMergeCommand(CLI::App& app);
+void AddReportCommand(CLI::App& app);
 void AddRenderCommand(CLI::App& app);
 void AddSheetCommand(CLI::App& app);
 void AddInfoCommand(CLI::App& app);

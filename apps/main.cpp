@@ -109,6 +109,7 @@ int main(int argc, char** argv) {
   AddReconstructCommand(app, {argv, argv + argc});
   AddBatchCommand(app, {argv, argv + argc});
   AddMergeCommand(app);
+  AddReportCommand(app);
   AddRenderCommand(app);
   AddSheetCommand(app);
   AddInfoCommand(app);

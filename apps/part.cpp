@@ -1,6 +1,7 @@
 // One part on its way from image files to pictures of its relief, in steps that commands combine.
 #include "apps/part.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <sstream>
 #include <system_error>
@@ -9,6 +10,7 @@
 #include "apps/choose_images.h"
 #include "apps/commands.h"
 #include "apps/input_images.h"
+#include "apps/report.h"
 #include "velostrix/diagnostics.hpp"
 #include "velostrix/recipe.hpp"
 
@@ -24,6 +26,15 @@ std::string Format(double value) {
 
 double MillisecondsSince(int64_t start) {
   return static_cast<double>(cv::getTickCount() - start) / cv::getTickFrequency() * 1000.0;
+}
+
+std::string PartReport(const Part& part, const Results& results) {
+  std::vector<ReportInput> inputs;
+  for (const InputImage& input : part.record.inputs) {
+    inputs.push_back({input.file, input.pixels, {}});
+  }
+  return MakeReport(ToJson(part.record), part.out, results, inputs,
+                    part.record.recipe.parameters.region);
 }
 
 }  // namespace
@@ -65,6 +76,11 @@ OutputPlan PlanOutputs(const Part& part) {
   const OutputSet& outputs = part.record.recipe.parameters.outputs;
   for (const Output output : kAllOutputs) {
     (outputs.Contains(output) ? plan.made : plan.others).push_back(FileName(output));
+  }
+  const std::vector<std::string>& further = part.record.further;
+  for (const char* name : kFurtherFiles) {
+    const bool is_made = std::find(further.begin(), further.end(), name) != further.end();
+    (is_made ? plan.made : plan.others).emplace_back(name);
   }
   plan.made.emplace_back(kRecordName);
   return plan;
@@ -184,6 +200,9 @@ void WriteResults(Part& part, const Results& results, OutputFiles& files) {
     if (is_asked) images.emplace_back(FileName(output), results[output]);
   }
   files.AddImages(images);
+  for (const std::string& name : record.further) {
+    if (name == kReportName) files.AddText(name, PartReport(part, results));
+  }
   record.encode_ms = MillisecondsSince(start);
   start = cv::getTickCount();
   files.Commit([&] {

@@ -30,6 +30,7 @@ void Reconstruct(const ReconstructOptions& options, const std::vector<std::strin
   part.compression = options.compression;
   part.files = PartFiles(options.files, options.split_channels, options.choose);
   part.out = options.out;
+  if (options.report) part.record.further.emplace_back(kReportName);
   OutputFiles files(PlanOutputs(part));
   std::optional<OutputFiles> recipe_file;
   if (!options.save_recipe.empty()) {
@@ -77,7 +78,7 @@ void AddReconstructCommand(CLI::App& app, const std::vector<std::string>& argume
       "and run.json with all that was used, found and timed. Replaces or removes the results that "
       "an earlier run.json in DIR lists, and no other file.\n\n"
       "Examples:\n"
-      "  velostrix reconstruct part1 --out relief1\n"
+      "  velostrix reconstruct part1 --out relief1 --report\n"
       "  velostrix reconstruct part2 --out relief2 --recipe relief1/run.json\n"
       "  velostrix reconstruct lamp?.png --out ring --run cali --roi 100,50,800,600\n\n"
       "Exit codes: 0 done, 1 failed, 2 wrong arguments.");

@@ -277,6 +277,10 @@ void DeclareReconstructOptions(CLI::App& command, ReconstructOptions& options) {
       ->check(CLI::Range(0, kMostCompression + 0))
       ->capture_default_str()
       ->type_name("LEVEL");
+  command
+      .add_flag("--report", options.report,
+                "Write report.html besides: one page that shows the surface and all that was found")
+      ->group(results);
   command.add_flag("--quiet", options.quiet, "Say nothing but errors")->group(results);
 }
 

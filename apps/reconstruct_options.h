@@ -19,6 +19,7 @@ struct ReconstructOptions {
   std::string bayer;
   int choose = 0;
   int compression = kUsualCompression;
+  bool report = false;
   bool quiet = false;
   std::string run;
   std::string difference;

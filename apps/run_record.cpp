@@ -95,6 +95,7 @@ std::string ToJson(const RunRecord& record) {
     if (p.outputs.Contains(output)) outputs.push_back(FileName(output));
     if (record.chosen.Contains(output)) chosen.push_back(Name(output));
   }
+  for (const std::string& name : record.further) outputs.push_back(name);
   Json json = {{"version", VELOSTRIX_VERSION},
                {"command", record.arguments},
                {"date", Now()},

@@ -1,6 +1,7 @@
 // What one `velostrix reconstruct` did, as it is kept in run.json.
 #pragma once
 
+#include <array>
 #include <optional>
 #include <string>
 #include <vector>
@@ -24,8 +25,9 @@ struct RunRecord {
   std::vector<std::string> arguments;  // of the program
   std::vector<InputImage> inputs;
   Diagnostics diagnostics;
-  Recipe recipe;     // as used
-  OutputSet chosen;  // whose gains were not given
+  Recipe recipe;                     // as used
+  OutputSet chosen;                  // whose gains were not given
+  std::vector<std::string> further;  // names of the files made besides the results
   int threads = 1;
   CallTimes calls;
   OrientationFound orientation;
@@ -39,6 +41,10 @@ struct RunRecord {
 };
 
 constexpr const char* kRecordName = "run.json";
+constexpr const char* kReportName = "report.html";
+
+// Files that a run makes besides the results when they are asked for.
+inline constexpr std::array kFurtherFiles = {kReportName};
 
 // Of a result.
 std::string FileName(Output output);

@@ -1,0 +1,31 @@
+// The report of a reconstruction: one page with its pictures, its numbers and the program that
+// shows them.
+#pragma once
+
+#include <opencv2/core.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "velostrix/tool.hpp"
+
+namespace velostrix::cli {
+
+// HTML with @DATA@ in place of the data.
+extern const std::string_view kReportPage;
+
+struct ReportInput {
+  std::string file;
+  cv::Mat pixels;       // CV_8UC1, whole; empty when it cannot be shown
+  std::string missing;  // why not
+};
+
+// A self-contained page below 8 MB: pictures are reduced until they fit. record: the run's record
+// as JSON text; title: what is reconstructed; results: as written, at least one, of one size;
+// region: what of the inputs they show.
+std::string MakeReport(const std::string& record, const std::string& title, const Results& results,
+                       const std::vector<ReportInput>& inputs,
+                       const std::optional<cv::Rect>& region);
+
+}  // namespace velostrix::cli

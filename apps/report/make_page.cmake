@@ -1,0 +1,37 @@
+# Joins the parts of the pages into one file each, and the report's page into a C++ source:
+#   cmake -D FOLDER=apps/report -D THREE=three.min.js -D ORBIT=OrbitControls.js -D D3=d3.min.js
+#         -D OUT=build -D SOURCE=report_page.cpp -P make_page.cmake
+foreach(part IN ITEMS style.css relight.html notices.txt page.html notebook.html
+                      data.js relight.js surface.js measure.js compare.js sections.js main.js)
+  file(READ ${FOLDER}/${part} ${part})
+endforeach()
+foreach(library IN ITEMS THREE ORBIT D3)
+  file(READ ${${library}} ${library})
+endforeach()
+
+set(page "${page.html}")
+string(REPLACE "@STYLE@" "${style.css}" page "${page}")
+string(REPLACE "@RELIGHT@" "${relight.html}" page "${page}")
+string(REPLACE "@NOTICES@" "${notices.txt}" page "${page}")
+string(REPLACE "@SCRIPT@"
+  "${data.js}\n${relight.js}\n${surface.js}\n${measure.js}\n${compare.js}\n${sections.js}\n${main.js}"
+  page "${page}")
+foreach(library IN ITEMS THREE ORBIT D3)
+  string(REPLACE "@${library}@" "${${library}}" page "${page}")
+endforeach()
+file(WRITE ${OUT}/report_page.html "${page}")
+
+# The relighting alone, without the libraries.
+set(notebook "${notebook.html}")
+string(REPLACE "@STYLE@" "${style.css}" notebook "${notebook}")
+string(REPLACE "@RELIGHT@" "${relight.html}" notebook "${notebook}")
+string(REPLACE "@SCRIPT@" "${data.js}\n${relight.js}" notebook "${notebook}")
+file(WRITE ${OUT}/notebook_page.html "${notebook}")
+
+file(WRITE ${SOURCE} "// The page of reports, joined from apps/report.
+#include \"apps/report.h\"
+
+namespace velostrix::cli {
+const std::string_view kReportPage = R\"velostrix(${page})velostrix\";
+}  // namespace velostrix::cli
+")

@@ -1,0 +1,102 @@
+// What `velostrix reconstruct` left in a folder.
+#include "apps/result_folder.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+
+#include "apps/commands.h"
+#include "apps/input_images.h"
+#include "apps/run_record.h"
+
+namespace velostrix::cli {
+namespace {
+
+namespace fs = std::filesystem;
+using Json = nlohmann::json;
+
+constexpr const char* kExpected = "; expected a folder that velostrix reconstruct wrote";
+
+int TypeOf(Output output) {
+  return output == Output::kNormal ? CV_8UC3 : output == Output::kHeight ? CV_16UC1 : CV_8UC1;
+}
+
+cv::Mat ReadResult(const std::string& file, Output output, cv::Size size) {
+  cv::Mat image = DecodeFile(file);
+  if (image.type() == TypeOf(output) && (size.empty() || image.size() == size)) return image;
+  throw Failure(file + ": is not the picture that the run made; reconstruct again");
+}
+
+// How one input was read and what it was, as the record says.
+struct NotedInput {
+  std::string file;
+  std::string sha256;
+};
+
+std::vector<NotedInput> NotedInputs(const Json& record) {
+  std::vector<NotedInput> inputs;
+  for (const Json& input : record.value("inputs", Json::array())) {
+    inputs.push_back({input.at("file"), input.at("sha256")});
+  }
+  return inputs;
+}
+
+}  // namespace
+
+ResultFolder ReadResults(const std::string& folder) {
+  const std::string file = (fs::path(folder) / kRecordName).string();
+  const std::vector<char> bytes = ReadBytes(file, kExpected);
+  ResultFolder read;
+  read.record.assign(bytes.begin(), bytes.end());
+  try {
+    read.recipe = ParseRecipe(read.record);
+    const Json record = Json::parse(read.record);
+    NotedInputs(record);
+    record.at("outputs").get_to(read.outputs);
+  } catch (const Error& e) {
+    throw Failure(file + ": " + e.what() + kExpected);
+  } catch (const Json::exception&) {
+    throw Failure(file + ": is not the record of a run" + kExpected);
+  }
+  cv::Size size;
+  for (const Output output : kAllOutputs) {
+    const std::string name = FileName(output);
+    if (std::find(read.outputs.begin(), read.outputs.end(), name) == read.outputs.end()) continue;
+    read.results[output] = ReadResult((fs::path(folder) / name).string(), output, size);
+    size = read.results[output].size();
+  }
+  if (size.empty()) throw Failure(file + ": lists no picture" + kExpected);
+  return read;
+}
+
+std::vector<ReportInput> ReadInputs(const ResultFolder& folder) {
+  const cv::Size result = (*folder.results.begin()).second.size();
+  const std::optional<cv::Rect>& region = folder.recipe.parameters.region;
+  const auto fits = [&](cv::Size size) {
+    return region ? region->size() == result && (*region & cv::Rect({}, size)) == *region
+                  : size == result;
+  };
+  const std::vector<NotedInput> noted = NotedInputs(Json::parse(folder.record));
+  const auto is_first = [&](const NotedInput& input) { return input.file == noted[0].file; };
+  const bool is_split = noted.size() == 3 && std::all_of(noted.begin(), noted.end(), is_first);
+  std::vector<ReportInput> inputs;
+  for (size_t k = 0; k < noted.size(); ++k) {
+    ReportInput& input = inputs.emplace_back(ReportInput{noted[k].file, {}, {}});
+    try {
+      const std::string no_bayer;  // raw frames are shown as they are
+      int bits = folder.recipe.bits;
+      const InputImage image = is_split ? LoadChannels(input.file, no_bayer, bits)[k]
+                                        : LoadImages({input.file}, no_bayer, bits).front();
+      if (image.sha256 == noted[k].sha256 && fits(image.pixels.size())) {
+        input.pixels = image.pixels;
+      } else {
+        input.missing = input.file + ": has changed since the run";
+      }
+    } catch (const std::exception& e) {
+      input.missing = e.what();
+    }
+  }
+  return inputs;
+}
+
+}  // namespace velostrix::cli
