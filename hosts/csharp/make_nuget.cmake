@@ -1,7 +1,7 @@
 # Makes the NuGet package, a zip, from a build: assemblies and native libraries.
 #   cmake -D VERSION= -D RUNTIME= -D BUILD= -D LIBRARIES= -D ASSEMBLIES= -D PACKAGE= -P make_nuget.cmake
 # RUNTIME: what the native libraries run on, in NuGet's words. LIBRARIES: their folder in an installed copy.
-cmake_minimum_required(VERSION 3.25)
+cmake_minimum_required(VERSION 3.22)
 set(stage ${PACKAGE}.files)
 set(installed ${PACKAGE}.installed)
 file(REMOVE_RECURSE ${stage} ${installed} ${PACKAGE})

@@ -77,7 +77,7 @@ class CommandLine(unittest.TestCase):
         self.assertEqual("", self.run_well(
             "reconstruct inputs/image*.png --quiet --out out --save-recipe kept.json --run partcols"
             " --band 20 --outputs factor,curvature,magnitude,channel1,channel2,normal,height"
-            " --roi 8,6,80,60 --scale 0.75 --equalise --difference forward --blur-radius 2"
+            " --lamp 1=90.5 --roi 8,6,80,60 --scale 0.75 --equalise --difference forward --blur-radius 2"
             " --iteration-cap 30 --bits 12 --gain factor=0.9 --gain curvature=300.5"
             " --gain magnitude=200.25 --gain channel1=-90 --gain channel2=4000 --offset channel0=100"
             " --offset curvature=120 --offset magnitude=3 --offset channel2=-5"))

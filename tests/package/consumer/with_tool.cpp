@@ -24,7 +24,8 @@ int main() try {
     std::printf("%s: %d x %d\n", velostrix::Name(output), image.cols, image.rows);
     made += image.size() == cv::Size(60, 40) ? 1 : 0;
   }
-  return made == 8 && velostrix::Diagnose(images, recipe.parameters).warnings.empty() ? 0 : 1;
+  const bool is_noise = !velostrix::Diagnose(images, recipe.parameters).warnings.empty();
+  return made == 8 && is_noise ? 0 : 1;
 } catch (const velostrix::Error& error) {
   std::fprintf(stderr, "%s\n", error.what());
   return 1;
