@@ -3,8 +3,11 @@
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
+#include <iostream>
 #include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <opencv2/core.hpp>
 #include <string>
 #include <vector>
@@ -16,6 +19,7 @@
 #include "apps/bayer.h"
 #include "apps/commands.h"
 #include "apps/console.h"
+#include "apps/csv.h"
 #include "apps/drafts.h"
 #include "apps/machine.h"
 #include "apps/manifest.h"
@@ -24,6 +28,7 @@
 #include "apps/reconstruct_options.h"
 #include "apps/result_table.h"
 #include "apps/shard.h"
+#include "apps/watched_folder.h"
 #include "velostrix/recipe.hpp"
 
 namespace velostrix::cli {
@@ -36,6 +41,9 @@ struct BatchOptions {
   std::string shard = "1/1";
   int workers = 0;  // 0: by cores and memory
   bool is_check = false;
+  std::string watched;
+  size_t images = 0;  // of a watched part; 0: any number
+  double quiet_seconds = 1.0;
   bool quiet = false;
   BatchPlan plan;
 };
@@ -55,18 +63,24 @@ int Workers(int64_t pixels) {
   return static_cast<int>(std::clamp<int64_t>(fitting, 1, UsableCores()));
 }
 
-// Rows of the table in the order of the parts.
+// Rows of the table in the order in which parts are named first.
 class Table {
  public:
-  Table(const std::vector<ManifestPart>& parts, std::string folder, std::string name)
-      : folder_(std::move(folder)), name_(std::move(name)) {
-    for (const ManifestPart& part : parts) {
-      places_[part.name] = rows_.size();
-      rows_.push_back(OpenRow(part.name));
+  Table(std::string folder, std::string name)
+      : folder_(std::move(folder)), name_(std::move(name)) {}
+
+  // Those that the file has.
+  void Load() {
+    const std::string file = (std::filesystem::path(folder_) / name_).string();
+    if (!std::filesystem::exists(file)) return;
+    for (const std::vector<std::string>& cells : ReadTable(file)) {
+      Set(cells.front(), CsvLine(cells));
     }
   }
-  void Set(const Outcome& outcome) {
-    if (outcome.status != Outcome::kOpen) rows_[places_.at(outcome.part.name)] = outcome.row;
+  void Set(const std::string& part, const std::string& row) {
+    const auto [place, is_new] = places_.emplace(part, rows_.size());
+    if (is_new) rows_.emplace_back();
+    rows_[place->second] = row;
   }
   void Save() const {
     std::string text = TableHeader();
@@ -81,32 +95,73 @@ class Table {
   std::map<std::string, size_t> places_;
 };
 
+// The next part that is through is said and put into the table; false when the time is over.
+std::optional<Outcome> TakeOutcome(BatchWorkers& team, std::chrono::milliseconds time,
+                                   BatchProgress& progress, Table& table) {
+  std::optional<Outcome> outcome = team.Wait(time);
+  if (outcome && outcome->status != Outcome::kOpen) {
+    progress.Count(*outcome);
+    table.Set(outcome->part.name, outcome->row);
+  }
+  return outcome;
+}
+
+// Gives up what is in work after a signal, and returns that.
+int Stop(BatchWorkers& team, BatchProgress& progress, Table& table) {
+  team.Stop();
+  while (TakeOutcome(team, std::chrono::milliseconds(0), progress, table)) {
+  }
+  const int signal = SignalHold::Take();
+  table.Save();
+  progress.Summarise();
+  return signal;
+}
+
+// Until a signal comes.
+void WatchFolder(const BatchOptions& options, const BatchPlan& plan, Console& console) {
+  const auto quiet_time = std::chrono::duration<double>(options.quiet_seconds);
+  WatchedFolder folder(options.watched, options.images, quiet_time);
+  std::error_code ignored;
+  if (std::filesystem::equivalent(options.watched, plan.out, ignored)) {
+    throw Failure(plan.out + ": has the images, and would have the results; give another --out");
+  }
+  Table table(plan.out, TableName({}));
+  table.Load();
+  BatchProgress progress(0, console);
+  const SignalHold signals;
+  BatchWorkers team(plan, options.workers != 0 ? options.workers : UsableCores());
+  bool is_saved = false;
+  for (bool is_first = true; SignalHold::Kept() == 0; is_first = false) {
+    for (ManifestPart& part : folder.Look()) team.Add(std::move(part));
+    if (is_first) console.Note("watching " + options.watched);
+    constexpr std::chrono::milliseconds kBetweenLooks(200);
+    while (const auto outcome = TakeOutcome(team, kBetweenLooks, progress, table)) {
+      const bool went_well = outcome->status != Outcome::kFailed;
+      folder.Through(outcome->part.name, went_well);
+      is_saved = false;
+    }
+    progress.Tick();
+    if (!is_saved) table.Save();
+    is_saved = true;
+  }
+  Stop(team, progress, table);
+}
+
 void RunParts(const std::vector<ManifestPart>& parts, const BatchPlan& plan, int workers,
               const std::string& table_name, Console& console) {
-  Table table(parts, plan.out, table_name);
+  Table table(plan.out, table_name);
+  for (const ManifestPart& part : parts) table.Set(part.name, OpenRow(part.name));
   BatchProgress progress(parts.size(), console);
   int signal = 0;
   {
     const SignalHold signals;
     BatchWorkers team(plan, workers);
     for (const ManifestPart& part : parts) team.Add(part);
-    const auto take = [&](std::chrono::milliseconds time) {
-      const std::optional<Outcome> outcome = team.Wait(time);
-      if (!outcome) return false;
-      progress.Count(*outcome);
-      table.Set(*outcome);
-      return true;
-    };
     while (progress.through() < parts.size() && SignalHold::Kept() == 0) {
-      take(std::chrono::milliseconds(100));
+      TakeOutcome(team, std::chrono::milliseconds(100), progress, table);
       if (progress.Tick()) table.Save();
     }
-    team.Stop();
-    while (take(std::chrono::milliseconds(0))) {
-    }
-    signal = SignalHold::Take();
-    table.Save();
-    progress.Summarise();
+    signal = Stop(team, progress, table);
     const size_t open = parts.size() - progress.through();
     if (open != 0) {
       console.Warn("interrupted; " + std::to_string(open) +
@@ -120,13 +175,37 @@ void RunParts(const std::vector<ManifestPart>& parts, const BatchPlan& plan, int
   }
 }
 
+// The parts as a manifest of whole paths.
+void PrintParts(const std::vector<ManifestPart>& parts) {
+  for (const ManifestPart& part : parts) {
+    nlohmann::ordered_json line = {{"part", part.name}};
+    for (const std::string& file : part.files) {
+      line["images"].push_back(std::filesystem::absolute(file).string());
+    }
+    std::cout << line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+  }
+}
+
 void RunBatch(const BatchOptions& options, const std::vector<std::string>& arguments) {
+  if (options.parts.empty() == options.watched.empty()) {
+    throw UsageError(options.parts.empty()
+                         ? "no parts given; expected a manifest, folders or --watch"
+                         : "--watch: expected without a manifest or folders");
+  }
   BatchPlan plan = options.plan;
   plan.arguments = arguments;
   if (!options.recipe.empty()) plan.recipe = ReadRecipe(options.recipe);
   const bool is_choosing = !options.choose_gains.empty();
   if (!is_choosing) RequireGains(plan.recipe);
   const Shard shard = ParseShard(options.shard);
+  if (!options.watched.empty()) {
+    Console console(options.quiet);
+    if (is_choosing)
+      throw UsageError("--choose-gains: not with --watch; run a batch with it first");
+    LimitParallel(1);
+    WatchFolder(options, plan, console);
+    return;
+  }
   const Manifest manifest = ReadManifest(options.parts, plan.split_channels);
   Console console(options.quiet);
 
@@ -145,6 +224,7 @@ void RunBatch(const BatchOptions& options, const std::vector<std::string>& argum
                   (problems.size() == 1 ? " problem" : " problems") + "; no part was run");
   }
   if (options.is_check) {
+    PrintParts(parts);
     console.Note(std::to_string(parts.size()) + " parts, nothing wrong with them");
     return;
   }
@@ -154,9 +234,10 @@ void RunBatch(const BatchOptions& options, const std::vector<std::string>& argum
     WriteText(plan.out, "recipe.json", WriteRecipe(plan.recipe));
   }
   const int workers = options.workers != 0 ? options.workers : Workers(pixels);
-  // A single worker uses all cores, for the height and for files; several have one each.
-  cv::setNumThreads(workers == 1 ? kAllCores : kNoThreads);
-  LimitParallel(workers == 1 ? 0 : 1);
+  // A worker has one core, for the height and for files, but has all where memory is for no more.
+  const bool is_alone = options.workers == 0 && workers == 1;
+  cv::setNumThreads(is_alone ? kAllCores : kNoThreads);
+  LimitParallel(is_alone ? 0 : 1);
   console.Note(std::to_string(parts.size()) + " parts, " + std::to_string(workers) +
                (workers == 1 ? " worker" : " workers"));
   RunParts(parts, plan, workers, TableName(shard), console);
@@ -172,7 +253,6 @@ void AddBatchCommand(CLI::App& app, const std::vector<std::string>& arguments) {
       ->add_option(
           "PARTS", options->parts,
           "Manifest of the parts, a .csv or .jsonl file, or folders of images, a part each")
-      ->required()
       ->type_name("");
   command
       ->add_option("--recipe", options->recipe,
@@ -219,7 +299,25 @@ void AddBatchCommand(CLI::App& app, const std::vector<std::string>& arguments) {
       ->capture_default_str()
       ->type_name("LEVEL");
   command->add_flag("--check", options->is_check,
-                    "Only look for problems in the manifest and its files");
+                    "Only look for problems; print the parts as a manifest of whole paths");
+  command
+      ->add_option(
+          "--watch", options->watched,
+          "Run every part as soon as it is complete, a folder of images in this one, until "
+          "a signal (Ctrl-C, SIGTERM) comes")
+      ->type_name("FOLDER");
+  command
+      ->add_option("--images", options->images,
+                   "Images that make a watched part complete; 3 or more when not given")
+      ->check(CLI::Range(VELOSTRIX_FEWEST_IMAGES + 0, VELOSTRIX_MOST_IMAGES + 0))
+      ->type_name("N");
+  command
+      ->add_option("--quiet-time", options->quiet_seconds,
+                   "How long the files of a watched part have not changed when it is complete")
+      ->check(CLI::Range(0.0, 3600.0))
+      ->check(IsNumber())
+      ->capture_default_str()
+      ->type_name("SECONDS");
   command->add_flag("--quiet", options->quiet, "Say nothing but errors");
   command->callback([options, arguments] { RunBatch(*options, arguments); });
   command->footer(
@@ -231,7 +329,8 @@ void AddBatchCommand(CLI::App& app, const std::vector<std::string>& arguments) {
       "Examples:\n"
       "  velostrix batch 'parts/*/' --out relief --choose-gains sample\n"
       "  velostrix batch parts.csv --out relief --recipe part1/run.json\n"
-      "  velostrix batch parts.csv --out relief --recipe part1/run.json --shard 3/8\n\n"
+      "  velostrix batch parts.csv --out relief --recipe part1/run.json --shard 3/8\n"
+      "  velostrix batch --watch station --images 4 --out relief --recipe part1/run.json\n\n"
       "Exit codes: 0 all parts done, 1 some failed, 2 wrong arguments.");
 }
 

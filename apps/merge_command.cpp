@@ -1,5 +1,4 @@
 // `velostrix merge`: the tables of a batch's shards as one.
-#include <algorithm>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -10,7 +9,6 @@
 #include "apps/commands.h"
 #include "apps/console.h"
 #include "apps/csv.h"
-#include "apps/input_images.h"
 #include "apps/output_files.h"
 #include "apps/result_table.h"
 #include "apps/shard.h"
@@ -20,7 +18,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using Rows = std::vector<CsvRow>;
+using Rows = std::vector<std::vector<std::string>>;
 
 // By their index. Failure unless there is one table for each shard.
 std::map<size_t, fs::path> FindTables(const std::string& folder) {
@@ -51,29 +49,10 @@ std::map<size_t, fs::path> FindTables(const std::string& folder) {
   return tables;
 }
 
-Rows ReadTable(const fs::path& file) {
-  const std::vector<char> bytes = ReadBytes(file.string(), "; expected the table of a shard");
-  Rows rows;
-  try {
-    rows = ParseCsv({bytes.begin(), bytes.end()});
-  } catch (const Failure& e) {
-    throw Failure(file.string() + ": " + e.what());
-  }
-  const std::vector<std::string> header = ParseCsv(TableHeader()).front().cells;
-  const bool is_table = !rows.empty() && rows.front().cells == header &&
-                        std::all_of(rows.begin(), rows.end(), [&](const CsvRow& row) {
-                          return row.cells.size() == header.size();
-                        });
-  if (!is_table)
-    throw Failure(file.string() + ": not a table of this version; run the shard again");
-  rows.erase(rows.begin());
-  return rows;
-}
-
 void MergeTables(const std::string& folder, bool quiet) {
   const std::map<size_t, fs::path> files = FindTables(folder);
   std::vector<Rows> tables;
-  for (const auto& [index, file] : files) tables.push_back(ReadTable(file));
+  for (const auto& [index, file] : files) tables.push_back(ReadTable(file.string()));
   const size_t most = tables.front().size();
   std::string text = TableHeader();
   std::map<std::string, size_t> counts;  // by status
@@ -81,8 +60,8 @@ void MergeTables(const std::string& folder, bool quiet) {
   for (size_t k = 0; k < most; ++k) {
     for (const Rows& rows : tables) {
       if (k >= rows.size()) continue;
-      text += CsvLine(rows[k].cells);
-      ++counts[rows[k].cells[1]];
+      text += CsvLine(rows[k]);
+      ++counts[rows[k][1]];
       ++total;
     }
   }

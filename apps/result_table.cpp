@@ -7,7 +7,9 @@
 #include <utility>
 #include <vector>
 
+#include "apps/commands.h"
 #include "apps/csv.h"
+#include "apps/input_images.h"
 
 namespace velostrix::cli {
 namespace {
@@ -69,6 +71,23 @@ std::string TableHeader() {
   std::vector<std::string> cells = {"part", "status", "error"};
   for (const Column& column : kColumns) cells.emplace_back(column.name);
   return CsvLine(cells);
+}
+
+std::vector<std::vector<std::string>> ReadTable(const std::string& file) {
+  const std::vector<char> bytes = ReadBytes(file, "; expected a table of velostrix batch");
+  std::vector<std::vector<std::string>> rows;
+  try {
+    for (CsvRow& row : ParseCsv({bytes.begin(), bytes.end()})) rows.push_back(std::move(row.cells));
+  } catch (const Failure& e) {
+    throw Failure(file + ": " + e.what());
+  }
+  const std::vector<std::string> header = ParseCsv(TableHeader()).front().cells;
+  const bool is_table = !rows.empty() && rows.front() == header &&
+                        std::all_of(rows.begin(), rows.end(),
+                                    [&](const auto& r) { return r.size() == header.size(); });
+  if (!is_table) throw Failure(file + ": not a table of this version; move it away");
+  rows.erase(rows.begin());
+  return rows;
 }
 
 std::string DoneRow(const std::string& part, const json& record) {
