@@ -194,6 +194,7 @@ void RunBatch(const BatchOptions& options, const std::vector<std::string>& argum
   }
   BatchPlan plan = options.plan;
   plan.arguments = arguments;
+  plan.recipe.parameters.orientation = Orientation::kUpright;  // as reconstruct has it
   if (!options.recipe.empty()) plan.recipe = ReadRecipe(options.recipe);
   const bool is_choosing = !options.choose_gains.empty();
   if (!is_choosing) RequireGains(plan.recipe);

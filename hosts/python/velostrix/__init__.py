@@ -15,6 +15,7 @@ from typing import Any, Iterable, Mapping, Optional, Sequence, Tuple, Union, ove
 from numpy.typing import ArrayLike
 
 from . import _native
+from .cluster import batch
 from .parameters import (
     OUTPUTS, RUNS, Difference, GainOutput, Orientation, Output, Parameters, Run, ScaledOutput,
     expect, integer, sequence)
@@ -23,7 +24,7 @@ from .tool import Diagnostics, Exposure, Tool
 
 __all__ = [
     "OUTPUTS", "RUNS", "Diagnostics", "Exposure", "OrientationFound", "Parameters", "Result",
-    "Timings", "Tool", "diagnose", "reconstruct", "set_threads", "threads",
+    "Timings", "Tool", "batch", "diagnose", "reconstruct", "set_threads", "threads",
 ]
 __version__: str = _native.call("LibraryVersion").decode()
 
