@@ -12,6 +12,7 @@
 #include "apps/input_images.h"
 #include "apps/report.h"
 #include "velostrix/diagnostics.hpp"
+#include "velostrix/mask.hpp"
 #include "velostrix/recipe.hpp"
 
 namespace velostrix::cli {
@@ -73,6 +74,7 @@ std::vector<std::string> PartFiles(std::vector<std::string> files, bool split_ch
 
 OutputPlan PlanOutputs(const Part& part) {
   OutputPlan plan = {part.out, {}, {}, kRecordName, part.files, part.compression};
+  if (!part.mask_file.empty()) plan.inputs.push_back(part.mask_file);
   const OutputSet& outputs = part.record.recipe.parameters.outputs;
   for (const Output output : kAllOutputs) {
     (outputs.Contains(output) ? plan.made : plan.others).push_back(FileName(output));
@@ -96,6 +98,31 @@ void LoadImages(Part& part) {
   record.load_ms = MillisecondsSince(start);
 }
 
+void SetMask(Tool& tool, Part& part, Console& console) {
+  if (part.mask_file.empty()) return;
+  const cv::Size size = part.record.inputs.front().pixels.size();
+  if (part.mask_file == "auto") {
+    part.mask = LitPixels(Images(part));
+  } else {
+    part.mask = DecodeFile(part.mask_file);
+    if (part.mask.type() != CV_8UC1) {
+      throw Failure(part.mask_file + ": " + cv::typeToString(part.mask.type()) +
+                    "; expected a mask of 8-bit grey, 0 for pixels to leave out");
+    }
+    if (part.mask.size() != size) {
+      throw Failure(part.mask_file + ": " + std::to_string(part.mask.cols) + " x " +
+                    std::to_string(part.mask.rows) + " pixels, but the images have " +
+                    std::to_string(size.width) + " x " + std::to_string(size.height) +
+                    "; expected a mask as large as they are");
+    }
+  }
+  tool.SetMask(part.mask);
+  part.record.mask_file = part.mask_file;
+  part.record.kept_share = cv::countNonZero(part.mask) / static_cast<double>(part.mask.total());
+  console.Note("left out by the mask: " + Format(100.0 * (1.0 - part.record.kept_share)) +
+               " % of the pixels");
+}
+
 std::vector<cv::Mat> Images(const Part& part) {
   std::vector<cv::Mat> images;
   for (const InputImage& input : part.record.inputs) images.push_back(input.pixels);
@@ -107,7 +134,7 @@ void DiagnoseImages(Part& part) {
   std::vector<std::string> names;
   for (const InputImage& input : part.record.inputs) names.push_back(input.file);
   Diagnostics& diagnostics = part.record.diagnostics;
-  diagnostics = Diagnose(Images(part), part.record.recipe.parameters, names);
+  diagnostics = Diagnose(Images(part), part.record.recipe.parameters, names, part.mask);
   for (const InputImage& input : part.record.inputs) {
     if (!input.warning.empty()) diagnostics.warnings.push_back(input.warning);
   }

@@ -16,6 +16,8 @@ struct Part {
   std::vector<std::string> files;       // an image each
   bool split_channels = false;          // one colour file, whose channels are the images
   std::string bayer;                    // pattern of raw frames; empty: none
+  std::string mask_file;                // or "auto"; empty: none
+  cv::Mat mask;                         // that was loaded or found
   int compression = kUsualCompression;  // of the pictures
   std::string out;                      // the folder of the results
   RunRecord record;                     // the recipe, and what each step adds
@@ -33,6 +35,9 @@ OutputPlan PlanOutputs(const Part& part);
 
 // Reads the files; finds the bits of the recipe where they are not given.
 void LoadImages(Part& part);
+
+// Loads the mask, or finds it in the images, and gives it to the tool.
+void SetMask(Tool& tool, Part& part, Console& console);
 
 // The images of the part that is loaded, as a tool takes them.
 std::vector<cv::Mat> Images(const Part& part);

@@ -30,6 +30,7 @@ void Reconstruct(const ReconstructOptions& options, const std::vector<std::strin
   part.compression = options.compression;
   part.files = PartFiles(options.files, options.split_channels, options.choose);
   part.out = options.out;
+  part.mask_file = options.mask;
   if (options.report) part.record.further.emplace_back(kReportName);
   OutputFiles files(PlanOutputs(part));
   std::optional<OutputFiles> recipe_file;
@@ -40,11 +41,12 @@ void Reconstruct(const ReconstructOptions& options, const std::vector<std::strin
 
   console.Step("loading images");
   LoadImages(part);
+  Tool tool;
+  SetMask(tool, part, console);
   DiagnoseImages(part);
   SayDiagnostics(part, console);
 
   console.Step("choosing gains");
-  Tool tool;
   ChooseGains(tool, part);
   SayGains(part, console);
 

@@ -177,6 +177,13 @@ void DeclareReconstructOptions(CLI::App& command, ReconstructOptions& options) {
       ->group(images)
       ->type_name("X,Y,WIDTH,HEIGHT");
   command
+      .add_option(
+          "--mask", options.mask,
+          "Leave pixels out: those that are 0 in this image, or, with auto, those that no lamp "
+          "lights, as before black; they count for no gain and come out as 128, in the height 0")
+      ->group(images)
+      ->type_name("FILE|auto");
+  command
       .add_option("--scale", p.scale,
                   "Work on images scaled by this (below 0.99): faster and calmer, less detail")
       ->group(images)

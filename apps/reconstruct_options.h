@@ -17,6 +17,7 @@ struct ReconstructOptions {
   std::string save_recipe;
   bool split_channels = false;
   std::string bayer;
+  std::string mask;
   int choose = 0;
   int compression = kUsualCompression;
   bool report = false;

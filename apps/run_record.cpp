@@ -53,6 +53,11 @@ Json NoiseShare(const Diagnostics& diagnostics) {
   return diagnostics.noise_share < 0.0 ? Json() : Json(diagnostics.noise_share);
 }
 
+Json Mask(const RunRecord& record) {
+  if (record.mask_file.empty()) return {};
+  return {{"file", record.mask_file}, {"kept_share", record.kept_share}};
+}
+
 Json Orientation(const OrientationFound& o) {
   if (o.curl_as_is < 0.0) return {};
   return {{"curl_as_is", o.curl_as_is},     {"curl_mirrored", o.curl_mirrored},
@@ -107,6 +112,7 @@ std::string ToJson(const RunRecord& record) {
                {"shifts_pixels", Shifts(record.diagnostics)},
                {"noise_share", NoiseShare(record.diagnostics)},
                {"orientation", Orientation(record.orientation)},
+               {"mask", Mask(record)},
                {"warnings", record.diagnostics.warnings},
                {"recipe", Json::parse(WriteRecipe(record.recipe))},
                {"chosen_gains", chosen},

@@ -31,6 +31,8 @@ struct RunRecord {
   int threads = 1;
   CallTimes calls;
   OrientationFound orientation;
+  std::string mask_file;    // empty: none
+  double kept_share = 1.0;  // of the pixels, by the mask
   double load_ms = 0.0;
   double diagnose_ms = 0.0;
   double choose_gains_ms = 0.0;

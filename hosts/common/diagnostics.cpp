@@ -249,6 +249,10 @@ std::vector<std::string> DiagnoseImages(const std::vector<cv::Mat>& given,
                                         const Parameters& parameters, const cv::Mat& given_mask,
                                         VelostrixDiagnostics* diagnostics) {
   VelostrixDiagnostics& d = *diagnostics;
+  if (!given_mask.empty() && given_mask.size() != given.front().size()) {
+    throw Error("the mask has " + tool_detail::Text(given_mask.size()) + ", the images have " +
+                tool_detail::Text(given.front().size()) + "; expected one size");
+  }
   std::vector<cv::Mat> images = given;
   cv::Mat mask = given_mask;
   if (parameters.region) {

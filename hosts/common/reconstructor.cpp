@@ -13,6 +13,7 @@
 
 #include "diagnostics.h"
 #include "recipe.h"
+#include "velostrix/mask.hpp"
 #include "velostrix/tool.hpp"
 #include "velostrix/velostrix_host.h"
 #include "velostrix/version.h"
@@ -31,7 +32,9 @@ struct VelostrixReconstructor {
   std::vector<std::string> warnings;
 
   void Forget() {
+    const cv::Mat mask = tool.mask();
     tool = velostrix::Tool();
+    tool.SetMask(mask);
     results.reset();
   }
 };
@@ -116,8 +119,7 @@ cv::Size SizeOf(int32_t width, int32_t height) {
 }
 
 // The image, not copied, or converted to 8 bits.
-cv::Mat Take(const VelostrixImage& image, int index, int bits) {
-  const std::string name = "image " + std::to_string(index + 1);
+cv::Mat Take(const VelostrixImage& image, const std::string& name, int bits) {
   const auto refuse = [&](const std::string& what) { throw Error(name + what); };
   const int64_t sample = image.sample_bytes;
   if (image.data == nullptr || SizeOf(image.width, image.height).empty()) refuse(" is empty");
@@ -140,13 +142,15 @@ cv::Mat Take(const VelostrixImage& image, int index, int bits) {
   return velostrix::ToEightBits(mat, bits, name);
 }
 
+std::string NameOf(int index) { return "image " + std::to_string(index + 1); }
+
 std::vector<cv::Mat> Take(const VelostrixImage* images, int32_t count,
                           const velostrix::Recipe& recipe) {
   Required(images, "images");
   velostrix::CheckCount(count);
   std::vector<cv::Mat> mats;
   mats.reserve(static_cast<size_t>(count));
-  for (int32_t k = 0; k < count; ++k) mats.push_back(Take(images[k], k, recipe.bits));
+  for (int32_t k = 0; k < count; ++k) mats.push_back(Take(images[k], NameOf(k), recipe.bits));
   velostrix::Check(mats, recipe.parameters);
   return mats;
 }
@@ -293,6 +297,24 @@ VelostrixStatus VelostrixReconstructorMessage(const VelostrixReconstructor* reco
   });
 }
 
+VelostrixStatus VelostrixReconstructorSetMask(VelostrixReconstructor* reconstructor,
+                                              const VelostrixImage* mask) {
+  return Use(reconstructor, [&](VelostrixReconstructor& r) {
+    constexpr int kNoBits = 0;
+    r.tool.SetMask(mask == nullptr ? cv::Mat() : Take(*mask, "the mask", kNoBits));
+  });
+}
+
+VelostrixStatus VelostrixReconstructorMaskUnlit(VelostrixReconstructor* reconstructor,
+                                                const VelostrixImage* images, int32_t count,
+                                                const VelostrixSettings* settings, double* kept) {
+  return Use(reconstructor, [&](VelostrixReconstructor& r) {
+    const cv::Mat mask = velostrix::LitPixels(Take(images, count, RecipeOf(settings)));
+    r.tool.SetMask(mask);
+    if (kept != nullptr) *kept = cv::countNonZero(mask) / static_cast<double>(mask.total());
+  });
+}
+
 VelostrixStatus VelostrixReconstructorPrepare(VelostrixReconstructor* reconstructor, int32_t count,
                                               int32_t width, int32_t height,
                                               const VelostrixSettings* settings) {
@@ -307,7 +329,7 @@ VelostrixStatus VelostrixReconstructorPrepare(VelostrixReconstructor* reconstruc
 VelostrixStatus VelostrixReconstructorSetImage(VelostrixReconstructor* reconstructor,
                                                const VelostrixImage* image) {
   return Use(reconstructor, [&](VelostrixReconstructor& r) {
-    r.tool.SetImage(Take(Required(image, "image"), r.tool.images_set(), r.bits));
+    r.tool.SetImage(Take(Required(image, "image"), NameOf(r.tool.images_set()), r.bits));
   });
 }
 
@@ -420,7 +442,7 @@ VelostrixStatus VelostrixReconstructorDiagnose(VelostrixReconstructor* reconstru
     }
     VelostrixDiagnostics found = {};
     found.struct_size = sizeof found;
-    r.warnings = velostrix::DiagnoseImages(mats, texts, recipe.parameters, {}, &found);
+    r.warnings = velostrix::DiagnoseImages(mats, texts, recipe.parameters, r.tool.mask(), &found);
     *diagnostics = found;
   });
 }

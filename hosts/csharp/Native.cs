@@ -135,6 +135,11 @@ namespace Velostrix
             IntPtr reconstructor);
         [DllImport(Library)] public static extern VelostrixStatus VelostrixReconstructorMessage(
             ReconstructorHandle handle, [Out] byte[] message);
+        [DllImport(Library)] public static extern VelostrixStatus VelostrixReconstructorSetMask(
+            ReconstructorHandle handle, [In] Image[] mask);
+        [DllImport(Library)] public static extern VelostrixStatus VelostrixReconstructorMaskUnlit(
+            ReconstructorHandle handle, Image[] images, int count, ref Settings settings,
+            out double kept);
         [DllImport(Library)] public static extern VelostrixStatus VelostrixReconstructorPrepare(
             ReconstructorHandle handle, int count, int width, int height, ref Settings settings);
         [DllImport(Library)] public static extern VelostrixStatus VelostrixReconstructorSetImage(

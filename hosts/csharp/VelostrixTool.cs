@@ -296,6 +296,38 @@ namespace Velostrix
         public void SetImage(IntPtr pixels, long stride, int sampleBytes = 1) =>
             SetImage(new VelostrixImage(pixels, width, height, stride, sampleBytes));
 
+        /// <summary>
+        /// Leaves pixels out from here on, those where the mask (8-bit, as large as the images) is 0;
+        /// null: none. They count for no gain and no diagnosis and are neutral in the results: 128,
+        /// in the height 0. Prepare comes next.
+        /// </summary>
+        public void SetMask(VelostrixImage mask)
+        {
+            using (var pins = new Pins())
+            {
+                Check(Native.VelostrixReconstructorSetMask(
+                    Handle, mask == null ? null : new[] { Record(mask, nameof(mask), pins) }));
+            }
+        }
+
+        /// <summary>
+        /// The same with the mask of the pixels that no lamp lights, such as a background before
+        /// black. Of the parameters bits matter.
+        /// </summary>
+        /// <returns>The share of the pixels that is not left out.</returns>
+        public double MaskUnlit(
+            IEnumerable<VelostrixImage> images, VelostrixParameters parameters)
+        {
+            Native.Settings settings = Record(parameters);
+            using (var pins = new Pins())
+            {
+                Native.Image[] records = Records(images, pins);
+                Check(Native.VelostrixReconstructorMaskUnlit(
+                    Handle, records, records.Length, ref settings, out double kept));
+                return kept;
+            }
+        }
+
         /// <summary>Forgets the images set so far, to start the part again.</summary>
         public void ClearImages() => Check(Native.VelostrixReconstructorClearImages(Handle));
 

@@ -21,13 +21,20 @@ struct Reach {
   int Widest() const { return std::max(below, above); }
 };
 
-inline Reach MeasureReach(const cv::Mat& image, int zero_level) {
+// mask: pixels that count are not 0; or empty.
+inline Reach MeasureReach(const cv::Mat& image, int zero_level, const cv::Mat& mask = {}) {
   std::array<int64_t, 256> histogram = {};
   for (int i = 0; i < image.rows; ++i) {
     const auto* row = image.ptr<uint8_t>(i);
-    for (int j = 0; j < image.cols; ++j) ++histogram[row[j]];
+    const auto* counts = mask.empty() ? nullptr : mask.ptr<uint8_t>(i);
+    for (int j = 0; j < image.cols; ++j) {
+      if (counts == nullptr || counts[j] != 0) ++histogram[row[j]];
+    }
   }
-  const auto percent = static_cast<int64_t>(image.total() / 100);
+  const int64_t pixels =
+      mask.empty() ? static_cast<int64_t>(image.total()) : cv::countNonZero(mask);
+  if (pixels == 0) return {};
+  const int64_t percent = pixels / 100;
   size_t low = 0;
   for (int64_t count = histogram[low]; count <= percent;) count += histogram[++low];
   size_t high = 255;
@@ -49,12 +56,12 @@ struct Search {
   int FullReach() const { return 255 - zero_level; }
   int TargetReach() const { return 240 - zero_level; }
 
-  void Learn(const cv::Mat& image) {
+  void Learn(const cv::Mat& image, const cv::Mat& mask) {
     constexpr double kStride = 16.0;
     constexpr int kReadableReach = 4;
     constexpr int kPreciseReach = 32;      // one level is 3 percent
     constexpr double kMostGrowth = 256.0;  // what is flatter yet is quantisation, not relief
-    reach = MeasureReach(image, zero_level);
+    reach = MeasureReach(image, zero_level, mask);
     const bool is_saturated = reach.Widest() >= FullReach();
     is_readable = !is_saturated && reach.Widest() >= kReadableReach;
     if (is_readable) {
@@ -108,6 +115,8 @@ struct Search {
         {output, usual_gain, usual_gain, output == Output::kMagnitude ? 0 : 128, {}});
   }
 
+  cv::Mat mask = tool.mask();
+  if (!mask.empty() && parameters.region) mask = mask(*parameters.region);
   const OrientationFound orientation = tool.FindOrientation(images, parameters);
   Parameters pilot = parameters;
   for (int k = 0; k < kMostPilots; ++k) {
@@ -120,7 +129,7 @@ struct Search {
     if (pilot.outputs.IsEmpty()) break;
     const Results results = tool.ReconstructViews(images, pilot, &orientation);
     for (auto& search : searches) {
-      if (!search.is_done) search.Learn(results[search.output]);
+      if (!search.is_done) search.Learn(results[search.output], mask);
     }
   }
   for (const auto& search : searches) *Scaling(parameters, search.output) = search.Found();

@@ -20,10 +20,12 @@ struct Diagnostics : VelostrixDiagnostics {
 
 // Measures the parameters' region of the images, which are what a reconstruction takes; when their
 // run is the calibrated one, also whether the lamps are those of its ring. names: of the images in
-// warnings, such as their files; without any "image 1" and so on. Throws Error as Check does.
+// warnings, such as their files; without any "image 1" and so on. mask: CV_8UC1, as large as the
+// images, pixels to leave out are 0; or empty. Throws Error as Check does.
 [[nodiscard]] inline Diagnostics Diagnose(const std::vector<cv::Mat>& images,
                                           const Parameters& parameters,
-                                          const std::vector<std::string>& names = {}) {
+                                          const std::vector<std::string>& names = {},
+                                          const cv::Mat& mask = {}) {
   Check(images, parameters);
   std::vector<VelostrixImage> records;
   records.reserve(images.size());
@@ -43,20 +45,27 @@ struct Diagnostics : VelostrixDiagnostics {
   if (VelostrixReconstructorCreate(&made) != VELOSTRIX_OK) throw std::bad_alloc();
   const std::unique_ptr<VelostrixReconstructor, VelostrixStatus (*)(VelostrixReconstructor*)>
       reconstructor(made, VelostrixReconstructorDestroy);
+  VelostrixMessage message = {};
+  const auto check = [&](VelostrixStatus status) {
+    if (status == VELOSTRIX_OK) return;
+    VelostrixReconstructorMessage(made, &message);
+    if (status == VELOSTRIX_OUT_OF_MEMORY) throw OutOfMemory(message.text);
+    throw Error(message.text);
+  };
+  if (!mask.empty()) {
+    tool_detail::CheckImage(mask, "the mask");
+    const VelostrixImage record = {
+        mask.data, static_cast<int64_t>(mask.step[0]), mask.cols, mask.rows, 1, 0};
+    check(VelostrixReconstructorSetMask(made, &record));
+  }
   Recipe recipe;
   recipe.parameters = parameters;
   const VelostrixSettings settings = ToRecord(recipe);
   Diagnostics diagnostics = {};
   diagnostics.struct_size = sizeof(VelostrixDiagnostics);
-  const VelostrixStatus status = VelostrixReconstructorDiagnose(
-      made, records.data(), static_cast<int32_t>(records.size()), &settings,
-      texts.empty() ? nullptr : texts.data(), &diagnostics);
-  VelostrixMessage message = {};
-  if (status != VELOSTRIX_OK) {
-    VelostrixReconstructorMessage(made, &message);
-    if (status == VELOSTRIX_OUT_OF_MEMORY) throw OutOfMemory(message.text);
-    throw Error(message.text);
-  }
+  check(VelostrixReconstructorDiagnose(made, records.data(), static_cast<int32_t>(records.size()),
+                                       &settings, texts.empty() ? nullptr : texts.data(),
+                                       &diagnostics));
   for (int32_t k = 0; k < diagnostics.warning_count; ++k) {
     VelostrixReconstructorWarning(made, k, &message);
     diagnostics.warnings.emplace_back(message.text);

@@ -384,6 +384,15 @@ class Tool {
   [[nodiscard]] OrientationFound FindOrientation(const std::vector<cv::Mat>& images,
                                                  const Parameters& parameters);
 
+  // Leaves pixels out from here on, those where the mask is 0: CV_8UC1, as large as the images; an
+  // empty one leaves none out. They are black to the runs, so that no lamp's factor has part in
+  // them, count for no gain, and are neutral in the results: 128, in the height 0. To be prepared
+  // again afterwards.
+  void SetMask(const cv::Mat& mask);
+
+  // As it was set, with 255 for pixels that count; or empty.
+  const cv::Mat& mask() const { return mask_; }
+
   // Brings the tool to `count` images of a size and to the parameters, and forgets images set
   // before. To be called again after a reconstruction of images all at once.
   void Prepare(int count, cv::Size size, const Parameters& parameters);
@@ -439,6 +448,8 @@ class Tool {
   }
 
   static Parameters PilotOf(Parameters p);
+  cv::Mat Masked(const cv::Mat& image) const;
+  void MakeNeutral(Results& results) const;
   void SetOne(tool_detail::ModuleTool& tool, const cv::Mat& image, size_t index);
   void SetFrames(const std::vector<cv::Mat>& images, bool for_pilot);
   Results RunOnce(tool_detail::ModuleTool& tool, const Parameters& parameters);
@@ -454,6 +465,7 @@ class Tool {
   int count_ = 0;  // images, and their size, as prepared
   cv::Size size_;
   int images_set_ = 0;
+  cv::Mat mask_;
   std::vector<cv::Mat> frames_;  // images set, where they may be needed again
   CallTimes times_;
   OrientationFound orientation_;
@@ -495,13 +507,17 @@ inline UnCalibrationParam Record(int image_count, cv::Size size, const Parameter
   return record;
 }
 
-// `expected`: of all images; `why`: of it.
-inline void CheckImage(const cv::Mat& image, int index, cv::Size expected, const char* why) {
-  const std::string name = "image " + std::to_string(index + 1);
+inline void CheckImage(const cv::Mat& image, const std::string& name) {
   if (image.empty() || image.dims != 2) throw Error(name + " is empty");
   if (image.type() != CV_8UC1) {
     throw Error(name + " is " + cv::typeToString(image.type()) + "; expected CV_8UC1");
   }
+}
+
+// `expected`: of all images; `why`: of it.
+inline void CheckImage(const cv::Mat& image, int index, cv::Size expected, const char* why) {
+  const std::string name = "image " + std::to_string(index + 1);
+  CheckImage(image, name);
   if (image.size() != expected) {
     throw Error(name + " has " + Text(image.size()) + ", " + why + ' ' + Text(expected) +
                 "; expected one size");
@@ -577,6 +593,10 @@ inline Results tool_detail::ModuleTool::Run(const Parameters& parameters) {
 inline void Tool::Prepare(int count, cv::Size size, const Parameters& parameters) {
   if (count_ == 0) tool_detail::CheckLibrary();
   Check(count, size, parameters);
+  if (!mask_.empty() && mask_.size() != size) {
+    throw Error("the mask has " + tool_detail::Text(mask_.size()) + ", the images have " +
+                tool_detail::Text(size) + "; expected one size");
+  }
   prepared_.reset();
   frames_.clear();
   images_set_ = 0;
@@ -596,8 +616,8 @@ inline void Tool::SetImage(const cv::Mat& image) {
     times_.images.clear();
     if (IsMeasured(*prepared_)) run_.Prepare(count_, size_, PilotOf(*prepared_), times_);
   }
-  if (IsMeasured(*prepared_)) frames_.push_back(image.clone());
-  SetOne(run_, image, static_cast<size_t>(images_set_));
+  if (IsMeasured(*prepared_)) frames_.push_back(Masked(image).clone());
+  SetOne(run_, Masked(image), static_cast<size_t>(images_set_));
   ++images_set_;
 }
 
@@ -623,10 +643,39 @@ inline Parameters Tool::PilotOf(Parameters p) {
   return p;
 }
 
+inline void Tool::SetMask(const cv::Mat& mask) {
+  if (!mask.empty()) tool_detail::CheckImage(mask, "the mask");
+  if (!mask.empty() && cv::countNonZero(mask) == 0) {
+    throw Error("the mask leaves no pixel; expected some that are not 0");
+  }
+  mask_ = mask.empty() ? cv::Mat() : cv::Mat(mask != 0);
+  ClearImages();
+  prepared_.reset();
+}
+
+inline cv::Mat Tool::Masked(const cv::Mat& image) const {
+  if (mask_.empty()) return image;
+  cv::Mat masked;
+  cv::bitwise_and(image, mask_, masked);
+  return masked;
+}
+
+inline void Tool::MakeNeutral(Results& results) const {
+  if (mask_.empty()) return;
+  constexpr double kNeutral = 128.0;
+  const cv::Mat left_out = (prepared_->region ? mask_(*prepared_->region) : mask_) == 0;
+  for (const Output output : kAllOutputs) {
+    cv::Mat& image = results[output];
+    if (image.empty()) continue;
+    image.setTo(output == Output::kHeight ? cv::Scalar(0.0) : cv::Scalar::all(kNeutral), left_out);
+  }
+}
+
 inline void Tool::SetFrames(const std::vector<cv::Mat>& images, bool for_pilot) {
   times_.images.clear();
-  frames_ = images;
-  for (size_t k = 0; for_pilot && k < images.size(); ++k) SetOne(run_, images[k], k);
+  frames_.clear();
+  for (const cv::Mat& image : images) frames_.push_back(Masked(image));
+  for (size_t k = 0; for_pilot && k < images.size(); ++k) SetOne(run_, frames_[k], k);
 }
 
 inline Results Tool::RunOnce(tool_detail::ModuleTool& tool, const Parameters& parameters) {
@@ -657,8 +706,10 @@ inline OrientationFound Tool::Measure(const Results& pilot, PixelOrder order) {
   std::optional<LampHint> lamp = prepared_->lamp;
   if (lamp && order.is_flipped) lamp->degrees = -lamp->degrees;
   const bool may_turn = prepared_->run == velostrix::Run::kUncalibrated && !prepared_->equalise;
+  cv::Mat mask;
+  if (!mask_.empty()) mask = order.Ordered(prepared_->region ? mask_(*prepared_->region) : mask_);
   return MeasureOrientation(pilot[Output::kChannel0], pilot[Output::kChannel1], seen, lamp,
-                            may_turn);
+                            may_turn, mask);
 }
 
 // From the pilot, whose images are set.
@@ -749,6 +800,7 @@ inline Results Tool::RunOn(const OrientationFound* known) {
     results = RunOnce(run_, *prepared_);
   }
   ClearImages();
+  MakeNeutral(results);
   return results;
 }
 

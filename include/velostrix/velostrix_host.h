@@ -263,6 +263,21 @@ VelostrixReconstructorDestroy(VelostrixReconstructor* reconstructor);
 VELOSTRIX_HOST_API VelostrixStatus VelostrixReconstructorMessage(
     const VelostrixReconstructor* reconstructor, VelostrixMessage* message);
 
+/* Leaves pixels out from here on, those where the mask (8-bit, as large as the images) is 0; null:
+ * none. They are black to the runs, so that no lamp's factor has part in them, count for no gain
+ * and no diagnosis, and are neutral in the results: 128, in the height 0. Kept until the next call;
+ * Prepare comes next. Refused: a mask that leaves no pixel. One of another size than the images is
+ * refused with them. */
+VELOSTRIX_HOST_API VelostrixStatus
+VelostrixReconstructorSetMask(VelostrixReconstructor* reconstructor, const VelostrixImage* mask);
+
+/* The same with the mask of the pixels that no lamp lights, such as a background before black: that
+ * have at most 6 percent of the bright levels in all of the images. Of the settings bits matter.
+ * *kept (may be null): the share of the pixels (0 to 1) that is not left out. */
+VELOSTRIX_HOST_API VelostrixStatus
+VelostrixReconstructorMaskUnlit(VelostrixReconstructor* reconstructor, const VelostrixImage* images,
+                                int32_t count, const VelostrixSettings* settings, double* kept);
+
 /* Brings the reconstructor to `count` (3 to 8) images of width x height pixels and to the settings,
  * and forgets images and results. */
 VELOSTRIX_HOST_API VelostrixStatus

@@ -225,6 +225,17 @@ class CommandLine(unittest.TestCase):
             for exit_code, said in ends:
                 self.assertRegex(said, r"\Avelostrix: [^\n]*\n\Z" if exit_code else r"\A\Z")
 
+    def test_a_mask_leaves_pixels_out(self):
+        mask = np.full_like(self.image, 255)
+        mask[:, :20] = 0
+        self.write("mask.png", mask)
+        self.run_well("reconstruct inputs/image*.png --quiet --out out --mask mask.png")
+        self.assertTrue((self.read("out/curvature.png")[:, :20] == 128).all())
+        self.assertEqual(self.read_json("out/run.json")["mask"],
+                         {"file": "mask.png", "kept_share": 76 / 96})
+        self.run_well("reconstruct inputs/image*.png --quiet --out auto --mask auto")
+        self.assertEqual(self.read_json("auto/run.json")["mask"]["kept_share"], 1.0)
+
     def test_bad_exposure_is_warned_of(self):
         half = self.image.copy()
         half[:36] = 0
@@ -310,6 +321,8 @@ class CommandLine(unittest.TestCase):
             (good + "--recipe none.json", 1, "none.json: no such file", "run.json"),
             (good + "--recipe old.json", 1, "old.json: recipe: blur is no field", "blur_radius"),
             (good + "--lamp 0:left", 2, "--lamp 0:left", "K=FROM", "left, right, up, down"),
+            (good + "--mask small.png", 1, "small.png: 96 x 70", "96 x 72", "mask"),
+            (good + "--mask none.png", 1, "none.png: no such file"),
             (good + "--lamp 8=up", 2, "--lamp 8=up"),
             (good + "--lamp 5=up", 1, "lamp 5; expected", "5 images"),
             (good + "--scale nan", 2, "--scale", "nan"),

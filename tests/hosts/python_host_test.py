@@ -83,6 +83,17 @@ class Marshalling(unittest.TestCase):
                     tool.set_image(layout(image))
                 expect_equal(tool.run(), expected)
 
+    def test_a_mask_leaves_pixels_out(self):
+        mask = np.full((60, 80), 7, np.uint8)
+        mask[:, :9] = 0
+        tool = Tool()
+        tool.set_mask(mask)
+        masked = tool.reconstruct(noise())
+        self.assertTrue((masked.channel0[:, :9] == 128).all() and (masked.height[:, :9] == 0).all())
+        self.assertGreater(tool.mask_unlit(noise()), 0.9)
+        tool.set_mask(None)
+        expect_equal(tool.reconstruct(noise()), Tool().reconstruct(noise()))
+
     def test_every_parameter_arrives_and_comes_back(self):
         recipe = pathlib.Path(__file__).with_name("recipe.json")
         outputs = ("factor", "curvature", "magnitude", "height", "channel1", "channel2", "normal")

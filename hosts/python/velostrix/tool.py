@@ -97,6 +97,30 @@ class Tool:
         finally:
             self._lock.release()
 
+    def set_mask(self, mask: Optional[ArrayLike]) -> None:
+        """Leaves pixels out from here on, those where the mask (uint8, of the shape of the images) is
+        0; None: none. They count for no gain and no diagnosis and are neutral in the results: 128, in
+        the height 0. `prepare` comes next."""
+        with self._alone() as native:
+            if mask is None:
+                native.call("SetMask", None)
+                return
+            _array, record = read_image("mask", mask)
+            native.call("SetMask", ctypes.byref(record))
+
+    def mask_unlit(
+        self, images: Iterable[ArrayLike], parameters: Parameters = Parameters()
+    ) -> float:
+        """The same with the mask of the pixels that no lamp lights, such as a background before black;
+        the parameters' bits matter. Returns the share of the pixels that is not left out."""
+        given = Images(images)
+        settings = _settings_of(parameters)
+        kept = ctypes.c_double()
+        with self._alone() as native:
+            native.call("MaskUnlit", given.records, len(given.records), ctypes.byref(settings),
+                        ctypes.byref(kept))
+        return kept.value
+
     def prepare(
         self, count: int, shape: Sequence[int], parameters: Parameters = Parameters()
     ) -> None:
