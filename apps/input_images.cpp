@@ -65,12 +65,18 @@ std::string Sha256(const std::vector<char>& bytes) {
 
 std::vector<InputImage> DecodeFiles(const std::vector<std::string>& files) {
   std::vector<std::vector<char>> bytes;
+  bytes.reserve(files.size());
   for (const std::string& file : files) bytes.push_back(ReadBytes(file, kExpected));
   std::vector<InputImage> images(files.size());
   InParallel(files.size(), [&](size_t k) {
     images[k] = {files[k], Sha256(bytes[k]), ExifOrientation(bytes[k]), {}, {}, {}};
     images[k].pixels = DecodeBytes(bytes[k], files[k], &images[k].note);
   });
+  for (const InputImage& image : images) {
+    if (image.pixels.depth() == CV_8U || image.pixels.depth() == CV_16U) continue;
+    throw Failure(image.file + ": pixels of type " + cv::typeToString(image.pixels.type()) +
+                  "; expected 8 or 16 bits a sample");
+  }
   return images;
 }
 
@@ -94,7 +100,7 @@ void ConvertBayer(std::vector<InputImage>& images, const std::string& pattern, b
   for (InputImage& image : images) {
     const bool is_grey = image.pixels.channels() == 1;
     if (pattern.empty()) {
-      if (is_grey && image.pixels.depth() <= CV_16U && IsBayerFrame(image.pixels)) ++recognised;
+      if (is_grey && IsBayerFrame(image.pixels)) ++recognised;
       continue;
     }
     if (!is_grey) {
@@ -109,40 +115,79 @@ void ConvertBayer(std::vector<InputImage>& images, const std::string& pattern, b
                            "a checkerboard; give its pattern, as in --bayer rggb";
 }
 
-// To 8 bits a sample, by one scale for all images.
-void ReduceDepth(std::vector<InputImage>& images, int& bits) {
-  int largest = -1;  // no 16-bit image
-  for (const InputImage& image : images) {
-    if (image.pixels.depth() == CV_8U) continue;
-    if (image.pixels.depth() != CV_16U) {
-      throw Failure(image.file + ": pixels of type " + cv::typeToString(image.pixels.type()) +
-                    "; expected 8 or 16 bits a sample");
-    }
-    double most = 0.0;
-    cv::minMaxLoc(image.pixels.reshape(1), nullptr, &most);
-    largest = std::max(largest, static_cast<int>(most));
-  }
-  if (largest < 0) return;
-  if (bits == 0) {
-    for (bits = 10; largest >= 1 << bits;) bits += 2;
-  }
-  std::ostringstream note;
-  note << "16-bit samples";
-  if (bits < 16) note << " with " << bits << " bits in use";
-  note << " divided by " << ((1 << bits) - 1) / 255.0;
-  for (InputImage& image : images) {
-    if (image.pixels.depth() == CV_8U) continue;
-    Add(image.note, note.str());
-    image.pixels = ToEightBits(image.pixels, bits, image.file + ':');
-  }
+void Grey(InputImage& image) {
+  const int channels = image.pixels.channels();
+  if (channels == 1) return;
+  Add(image.note, "colour converted to grey");
+  cv::cvtColor(image.pixels, image.pixels,
+               channels == 4 ? cv::COLOR_BGRA2GRAY : cv::COLOR_BGR2GRAY);
 }
 
-cv::Mat Grey(const cv::Mat& image, std::string& note) {
-  if (image.channels() == 1) return image;
-  Add(note, "colour converted to grey");
-  cv::Mat grey;
-  cv::cvtColor(image, grey, image.channels() == 4 ? cv::COLOR_BGRA2GRAY : cv::COLOR_BGR2GRAY);
-  return grey;
+std::vector<InputImage> DecodeGrey(const std::vector<std::string>& files,
+                                   const std::string& bayer) {
+  std::vector<InputImage> images = DecodeFiles(files);
+  RequireOneOrientation(images);
+  ConvertBayer(images, bayer, false);
+  for (InputImage& image : images) Grey(image);
+  return images;
+}
+
+std::vector<InputImage> DecodeChannels(const std::string& file, const std::string& bayer) {
+  std::vector<InputImage> decoded = DecodeFiles({file});
+  if (!bayer.empty()) ConvertBayer(decoded, bayer, true);
+  const InputImage& colour = decoded.front();
+  if (colour.pixels.channels() < 3) {
+    throw Failure(file + ": one channel; expected a colour image, whose channels are three lamps");
+  }
+  constexpr std::array<const char*, 3> kNames = {"red", "green", "blue"};
+  std::vector<InputImage> images(3, colour);
+  for (int k = 0; k < 3; ++k) {
+    const auto at = static_cast<size_t>(k);
+    Add(images[at].note, std::string(kNames[at]) + " channel");
+    cv::Mat channel;  // of its own: all three share the colour image
+    cv::extractChannel(colour.pixels, channel, 2 - k);  // OpenCV keeps blue, green, red
+    images[at].pixels = channel;
+  }
+  return images;
+}
+
+std::vector<InputImage> DecodeAll(const std::vector<std::string>& files, const Reading& reading) {
+  return reading.split_channels ? DecodeChannels(files.front(), reading.bayer)
+                                : DecodeGrey(files, reading.bayer);
+}
+
+// The largest sample of the 16-bit images; -1 when there is none.
+int LargestSample(const std::vector<InputImage>& images) {
+  int largest = -1;
+  for (const InputImage& image : images) {
+    if (image.pixels.depth() != CV_16U) continue;
+    double most = 0.0;
+    cv::minMaxLoc(image.pixels, nullptr, &most);
+    largest = std::max(largest, static_cast<int>(most));
+  }
+  return largest;
+}
+
+// 10, 12, 14 or 16, as converters have.
+int BitsOf(int sample) {
+  int bits = 10;
+  while (sample >= 1 << bits) bits += 2;
+  return bits;
+}
+
+std::vector<FlatField> LoadFlat(const std::vector<std::string>& files, const InputImage& image,
+                                const Reading& reading, int white) {
+  const std::vector<InputImage> references = DecodeAll(files, reading);
+  std::vector<cv::Mat> pixels;
+  for (const InputImage& reference : references) {
+    RequireOneSize({image, reference});
+    pixels.push_back(reference.pixels);
+  }
+  try {
+    return FitFlat(pixels, white != 0 ? white : (1 << BitsOf(LargestSample(references))) - 1);
+  } catch (const Error& error) {
+    throw Failure(std::string("--flat: ") + error.what());
+  }
 }
 
 }  // namespace
@@ -190,7 +235,7 @@ bool IsImageName(const std::string& file) {
 }
 
 bool IsBefore(const std::string& a, const std::string& b) {
-  return strverscmp(a.c_str(), b.c_str()) < 0;
+  return VelostrixCompareNames(a.c_str(), b.c_str()) < 0;
 }
 
 std::vector<std::string> ImagesIn(const std::string& folder) {
@@ -208,32 +253,29 @@ std::vector<std::string> ImagesIn(const std::string& folder) {
   return files;
 }
 
-std::vector<InputImage> LoadImages(const std::vector<std::string>& files, const std::string& bayer,
-                                   int& bits) {
-  std::vector<InputImage> images = DecodeFiles(files);
-  RequireOneOrientation(images);
-  ConvertBayer(images, bayer, false);
-  ReduceDepth(images, bits);
-  for (InputImage& image : images) image.pixels = Grey(image.pixels, image.note);
-  return images;
-}
-
-std::vector<InputImage> LoadChannels(const std::string& file, const std::string& bayer, int& bits) {
-  std::vector<InputImage> decoded = DecodeFiles({file});
-  if (!bayer.empty()) ConvertBayer(decoded, bayer, true);
-  ReduceDepth(decoded, bits);
-  const InputImage& colour = decoded.front();
-  if (colour.pixels.channels() < 3) {
-    throw Failure(file + ": one channel; expected a colour image, whose channels are three lamps");
+std::vector<InputImage> LoadImages(const std::vector<std::string>& files,
+                                   const std::vector<std::string>& flat, const Reading& reading,
+                                   Recipe& recipe) {
+  std::vector<InputImage> images = DecodeAll(files, reading);
+  RequireOneSize(images);
+  if (!flat.empty()) recipe.flat = LoadFlat(flat, images.front(), reading, recipe.white);
+  CheckFlat(recipe, static_cast<int64_t>(images.size()));
+  const int largest = LargestSample(images);
+  const bool is_found = largest >= 0 && WhiteLevel(recipe) == 0;
+  if (is_found) recipe.bits = BitsOf(largest);
+  std::ostringstream note;  // of 16-bit images
+  note << "16-bit samples";
+  if (recipe.white == 0 && recipe.bits < 16) note << " with " << recipe.bits << " bits in use";
+  note << " divided by " << WhiteLevel(recipe) / 255.0;
+  constexpr int kDim = 3;  // of the range is left: two bits are lost
+  if (is_found && largest * kDim < WhiteLevel(recipe)) {
+    note << "; the largest of all is " << largest << ", --white " << largest << " uses all levels";
   }
-  constexpr std::array<const char*, 3> kNames = {"red", "green", "blue"};
-  std::vector<InputImage> images(3, colour);
-  for (int k = 0; k < 3; ++k) {
-    const auto at = static_cast<size_t>(k);
-    Add(images[at].note, std::string(kNames[at]) + " channel");
-    cv::Mat channel;  // of its own: all three share the colour image
-    cv::extractChannel(colour.pixels, channel, 2 - k);  // OpenCV keeps blue, green, red
-    images[at].pixels = channel;
+  for (size_t k = 0; k < images.size(); ++k) {
+    InputImage& image = images[k];
+    if (image.pixels.depth() == CV_16U) Add(image.note, note.str());
+    if (!recipe.flat.empty()) Add(image.note, "divided by its flat field");
+    image.pixels = ToLevels(image.pixels, recipe, k, image.file + ':');
   }
   return images;
 }

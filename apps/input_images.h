@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "velostrix/recipe.hpp"
+
 namespace velostrix::cli {
 
 // Natural order of names: 2 before 10.
@@ -39,15 +41,20 @@ struct InputImage {
   std::string warning;  // of this file or of all; empty as a rule
 };
 
-// Reads the files and converts colour and 16-bit pixels to 8-bit grey, raw frames of a colour
-// sensor by the pattern of its filters when it is given. Of 16-bit samples, `bits` are in use, in
-// all files alike; 0 stands for as many as the largest sample needs, and becomes their number.
-// Failure also for images that EXIF turns differently.
-std::vector<InputImage> LoadImages(const std::vector<std::string>& files, const std::string& bayer,
-                                   int& bits);
+// What files hold.
+struct Reading {
+  bool split_channels = false;  // one colour file, whose red, green and blue channel are the images
+  std::string bayer;            // pattern of raw frames of a colour sensor; empty: none
+};
 
-// Reads one colour file as three images: its red, green and blue channel. The rest as above.
-std::vector<InputImage> LoadChannels(const std::string& file, const std::string& bayer, int& bits);
+// Reads the files, which hold images of one size, and converts colour and 16-bit pixels to 8-bit
+// grey, all by the recipe's white level or bits, and divides them by its flat fields. Where the
+// recipe says neither, its bits become as many as the largest sample of all files needs; of `flat`,
+// a reference for each lamp, the fields become the recipe's. Failure also for images that EXIF
+// turns differently.
+std::vector<InputImage> LoadImages(const std::vector<std::string>& files,
+                                   const std::vector<std::string>& flat, const Reading& reading,
+                                   Recipe& recipe);
 
 // Failure if the images differ in size.
 void RequireOneSize(const std::vector<InputImage>& images);

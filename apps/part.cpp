@@ -38,14 +38,20 @@ std::string PartReport(const Part& part, const Results& results) {
                     part.record.recipe.parameters.region);
 }
 
+// Of one folder its files; returns whether it was one.
+bool Unfold(std::vector<std::string>& files) {
+  std::error_code ignored;  // what cannot be looked at is refused as a file
+  const bool is_folder = files.size() == 1 && std::filesystem::is_directory(files.front(), ignored);
+  if (is_folder) files = ImagesIn(files.front());
+  return is_folder;
+}
+
 }  // namespace
 
 std::vector<std::string> PartFiles(std::vector<std::string> files, bool split_channels,
                                    int choose) {
   const std::string given = files.empty() ? "" : files.front();
-  std::error_code ignored;  // what cannot be looked at is refused as a file
-  const bool is_folder = files.size() == 1 && std::filesystem::is_directory(given, ignored);
-  if (is_folder) files = ImagesIn(given);
+  const bool is_folder = Unfold(files);
   if (choose > 0 && files.size() > static_cast<size_t>(choose)) {
     std::vector<std::string> chosen;
     for (const size_t k : ChooseImages(files, static_cast<size_t>(choose))) {
@@ -72,9 +78,23 @@ std::vector<std::string> PartFiles(std::vector<std::string> files, bool split_ch
                         : "3 to 8 of one scene; --choose 8 takes those that differ most"));
 }
 
+std::vector<std::string> FlatFiles(std::vector<std::string> flat, std::vector<std::string> given,
+                                   const std::vector<std::string>& read) {
+  Unfold(flat);
+  Unfold(given);
+  if (flat.size() != given.size() || given == read) return flat;
+  std::vector<std::string> files;
+  for (size_t k = 0; k < given.size(); ++k) {
+    const bool is_read = std::find(read.begin(), read.end(), given[k]) != read.end();
+    if (is_read) files.push_back(flat[k]);
+  }
+  return files;
+}
+
 OutputPlan PlanOutputs(const Part& part) {
   OutputPlan plan = {part.out, {}, {}, kRecordName, part.files, part.compression};
   if (!part.mask_file.empty()) plan.inputs.push_back(part.mask_file);
+  plan.inputs.insert(plan.inputs.end(), part.flat_files.begin(), part.flat_files.end());
   const OutputSet& outputs = part.record.recipe.parameters.outputs;
   for (const Output output : kAllOutputs) {
     (outputs.Contains(output) ? plan.made : plan.others).push_back(FileName(output));
@@ -84,6 +104,7 @@ OutputPlan PlanOutputs(const Part& part) {
     const bool is_made = std::find(further.begin(), further.end(), name) != further.end();
     (is_made ? plan.made : plan.others).emplace_back(name);
   }
+  (part.view_without ? plan.made : plan.others).emplace_back(kHeightViewName);
   plan.made.emplace_back(kRecordName);
   return plan;
 }
@@ -91,9 +112,8 @@ OutputPlan PlanOutputs(const Part& part) {
 void LoadImages(Part& part) {
   const int64_t start = cv::getTickCount();
   RunRecord& record = part.record;
-  record.inputs = part.split_channels
-                      ? LoadChannels(part.files.front(), part.bayer, record.recipe.bits)
-                      : LoadImages(part.files, part.bayer, record.recipe.bits);
+  record.inputs =
+      LoadImages(part.files, part.flat_files, {part.split_channels, part.bayer}, record.recipe);
   RequireOneSize(record.inputs);
   record.load_ms = MillisecondsSince(start);
 }
@@ -225,6 +245,11 @@ void WriteResults(Part& part, const Results& results, OutputFiles& files) {
   for (const Output output : kAllOutputs) {
     const bool is_asked = record.recipe.parameters.outputs.Contains(output);
     if (is_asked) images.emplace_back(FileName(output), results[output]);
+  }
+  if (part.view_without) {
+    const int border = HeightBorder(record.recipe.parameters);
+    record.height_view = ViewHeight(results[Output::kHeight], *part.view_without, border);
+    images.emplace_back(kHeightViewName, record.height_view->image);
   }
   files.AddImages(images);
   for (const std::string& name : record.further) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <opencv2/core.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,8 @@ namespace velostrix::cli {
 struct Part {
   std::vector<std::string> files;       // an image each
   bool split_channels = false;          // one colour file, whose channels are the images
+  std::optional<Surface> view_without;  // also make a view of the height, without this surface
+  std::vector<std::string> flat_files;  // a reference for each image; none: as the recipe says
   std::string bayer;                    // pattern of raw frames; empty: none
   std::string mask_file;                // or "auto"; empty: none
   cv::Mat mask;                         // that was loaded or found
@@ -27,6 +30,11 @@ struct Part {
 // unless that is 0, the ones that differ most. UsageError if they are not as many as a run takes.
 std::vector<std::string> PartFiles(std::vector<std::string> given, bool split_channels,
                                    int choose = 0);
+
+// The references of a flat part for those of the `given` files that are read: one for each of them,
+// or one for each that is given.
+std::vector<std::string> FlatFiles(std::vector<std::string> flat, std::vector<std::string> given,
+                                   const std::vector<std::string>& read);
 
 // What is to be written and must not be touched.
 OutputPlan PlanOutputs(const Part& part);

@@ -28,10 +28,12 @@ void Reconstruct(const ReconstructOptions& options, const std::vector<std::strin
   part.split_channels = options.split_channels;
   part.bayer = options.bayer;
   part.compression = options.compression;
+  part.view_without = ParseHeightView(options, part.record.recipe);
   part.files = PartFiles(options.files, options.split_channels, options.choose);
   part.out = options.out;
   part.mask_file = options.mask;
   if (options.report) part.record.further.emplace_back(kReportName);
+  part.flat_files = FlatFiles(options.flat, options.files, part.files);
   OutputFiles files(PlanOutputs(part));
   std::optional<OutputFiles> recipe_file;
   if (!options.save_recipe.empty()) {
@@ -77,7 +79,8 @@ void AddReconstructCommand(CLI::App& app, const std::vector<std::string>& argume
   command->footer(
       "Writes factor.png (brightness), curvature.png, magnitude.png, channel0.png, channel1.png "
       "(slopes), channel2.png (brightness), normal.png (the three channels), height.png (16-bit), "
-      "and run.json with all that was used, found and timed. Replaces or removes the results that "
+      "height_view.png if it is asked for, and run.json with all that was used, found and timed. "
+      "Replaces or removes the results that "
       "an earlier run.json in DIR lists, and no other file.\n\n"
       "Examples:\n"
       "  velostrix reconstruct part1 --out relief1 --report\n"

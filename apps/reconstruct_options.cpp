@@ -172,6 +172,18 @@ void DeclareReconstructOptions(CLI::App& command, ReconstructOptions& options) {
       ->check(CLI::Range(8, 16))
       ->type_name("B");
   command
+      .add_option("--white", recipe.white,
+                  "The sample of 16-bit files that is white, for all files: in place of --bits")
+      ->group(images)
+      ->check(CLI::Range(1, 65535))
+      ->type_name("LEVEL");
+  command
+      .add_option("--flat", options.flat,
+                  "An image of a flat, matt part for each lamp, or their folder: every image is "
+                  "divided by a smooth fit of its lamp's, against light that falls off")
+      ->group(images)
+      ->type_name("FILES");
+  command
       .add_option("--roi,--region", options.region,
                   "Work on this region only: its first pixel, counted from 0, and its size")
       ->group(images)
@@ -278,6 +290,13 @@ void DeclareReconstructOptions(CLI::App& command, ReconstructOptions& options) {
       ->allow_extra_args(false)
       ->type_name("NAME=O");
   command
+      .add_flag(
+          "--height-view{quadratic}", options.height_view,
+          "Also make height_view.png, the height for eyes: 8 bits, the border left out of the "
+          "range, tilt and bowl removed; --height-view=plane removes the tilt only")
+      ->group(results)
+      ->check(OneOf(kSurfaceNames).description(""));
+  command
       .add_option("--compression", options.compression,
                   "Of the PNG files: 0 is none, 1 fast, 9 small")
       ->group(results)
@@ -289,6 +308,14 @@ void DeclareReconstructOptions(CLI::App& command, ReconstructOptions& options) {
                 "Write report.html besides: one page that shows the surface and all that was found")
       ->group(results);
   command.add_flag("--quiet", options.quiet, "Say nothing but errors")->group(results);
+}
+
+std::optional<Surface> ParseHeightView(const ReconstructOptions& options, const Recipe& recipe) {
+  if (options.height_view.empty()) return std::nullopt;
+  if (!recipe.parameters.outputs.Contains(Output::kHeight)) {
+    throw UsageError("--height-view: the height is not made; see --outputs");
+  }
+  return Chosen<Surface>(kSurfaceNames, options.height_view);
 }
 
 Recipe ParseRecipe(const ReconstructOptions& options) {

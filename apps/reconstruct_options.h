@@ -2,10 +2,12 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "apps/png_encoder.h"
+#include "velostrix/height_view.hpp"
 #include "velostrix/recipe.hpp"
 
 namespace velostrix::cli {
@@ -18,7 +20,9 @@ struct ReconstructOptions {
   bool split_channels = false;
   std::string bayer;
   std::string mask;
+  std::vector<std::string> flat;
   int choose = 0;
+  std::string height_view;  // the surface that it leaves out; empty: none
   int compression = kUsualCompression;
   bool report = false;
   bool quiet = false;
@@ -42,6 +46,10 @@ Recipe ReadRecipe(const std::string& file);
 
 // Declares the arguments; parsing stores them in the options.
 void DeclareReconstructOptions(CLI::App& command, ReconstructOptions& options);
+
+// The surface that a view of the height is to leave out, when one is asked for. Throws UsageError
+// where the recipe makes no height.
+std::optional<Surface> ParseHeightView(const ReconstructOptions& options, const Recipe& recipe);
 
 // The recipe with all that is asked for. Throws UsageError.
 Recipe ParseRecipe(const ReconstructOptions& options);

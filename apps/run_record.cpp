@@ -72,6 +72,24 @@ Json OrNull(const std::optional<T>& value) {
   return value ? Json(*value) : Json();
 }
 
+// What the levels of height.png mean, and those of its view.
+Json Height(const RunRecord& record) {
+  if (!record.recipe.parameters.outputs.Contains(Output::kHeight)) return {};
+  Json json = {{"levels",
+                "0 is the lowest and 65535 the highest place of this image, border included; the "
+                "range before is not known"},
+               {"comparable", "differences within this image"},
+               {"not_comparable", "levels or differences of two images, units of length"}};
+  if (const auto& view = record.height_view) {
+    json["view"] = {{"file", kHeightViewName},
+                    {"removed", kSurfaceNames[static_cast<size_t>(view->removed)]},
+                    {"border", view->border},
+                    {"black", view->black},
+                    {"white", view->white}};
+  }
+  return json;
+}
+
 std::string Now() {
   const std::time_t now = std::time(nullptr);
   std::tm utc = {};
@@ -101,6 +119,7 @@ std::string ToJson(const RunRecord& record) {
     if (record.chosen.Contains(output)) chosen.push_back(Name(output));
   }
   for (const std::string& name : record.further) outputs.push_back(name);
+  if (record.height_view) outputs.push_back(kHeightViewName);
   Json json = {{"version", VELOSTRIX_VERSION},
                {"command", record.arguments},
                {"date", Now()},
@@ -116,6 +135,7 @@ std::string ToJson(const RunRecord& record) {
                {"warnings", record.diagnostics.warnings},
                {"recipe", Json::parse(WriteRecipe(record.recipe))},
                {"chosen_gains", chosen},
+               {"height", Height(record)},
                {"sizes",
                 {{"input", ToJson(size)},
                  {"working", ToJson(WorkingSize(size, p))},

@@ -8,6 +8,7 @@
 
 #include "apps/input_images.h"
 #include "velostrix/diagnostics.hpp"
+#include "velostrix/height_view.hpp"
 #include "velostrix/recipe.hpp"
 #include "velostrix/tool.hpp"
 
@@ -33,6 +34,7 @@ struct RunRecord {
   OrientationFound orientation;
   std::string mask_file;    // empty: none
   double kept_share = 1.0;  // of the pixels, by the mask
+  std::optional<HeightView> height_view;
   double load_ms = 0.0;
   double diagnose_ms = 0.0;
   double choose_gains_ms = 0.0;
@@ -43,6 +45,7 @@ struct RunRecord {
 };
 
 constexpr const char* kRecordName = "run.json";
+constexpr const char* kHeightViewName = "height_view.png";
 constexpr const char* kReportName = "report.html";
 
 // Files that a run makes besides the results when they are asked for.

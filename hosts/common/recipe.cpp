@@ -116,6 +116,21 @@ std::optional<LampHint> Lamp(const std::string& path, const Json& value) {
   return lamp;
 }
 
+std::vector<FlatField> Flat(const std::string& path, const Json& value) {
+  if (!value.is_array() || value.size() > VELOSTRIX_MOST_IMAGES) {
+    Refuse(path, value, "an array of the coefficients of each lamp");
+  }
+  std::vector<FlatField> fields;
+  for (const Json& lamp : value) {
+    FlatField& field = fields.emplace_back();
+    if (!lamp.is_array() || lamp.size() != field.size()) {
+      Refuse(path, lamp, std::to_string(field.size()) + " coefficients");
+    }
+    for (size_t k = 0; k < field.size(); ++k) field[k] = Number(path, lamp[k]);
+  }
+  return fields;
+}
+
 Readers GainReaders(Recipe& recipe) {
   Readers readers;
   for (const Output output : kAllOutputs) {
@@ -201,6 +216,8 @@ Recipe FromJson(std::string_view text) {
                {"bits", into(recipe.bits, Integer)},
                {"orientation", into_choice(p.orientation, kOrientationNames)},
                {"lamp", into(p.lamp, Lamp)},
+               {"white", into(recipe.white, Integer)},
+               {"flat", into(recipe.flat, Flat)},
                {"gains", members(GainReaders(recipe))},
                {"offsets", members(OffsetReaders(recipe))}});
   if (version != kVersion) {
@@ -255,6 +272,8 @@ std::string ToJson(const Recipe& recipe) {
                      {"bits", recipe.bits},
                      {"orientation", kOrientationNames[static_cast<size_t>(p.orientation)]},
                      {"lamp", lamp},
+                     {"white", recipe.white},
+                     {"flat", recipe.flat},
                      {"gains", gains},
                      {"offsets", offsets}};
   return json.dump(2) + '\n';

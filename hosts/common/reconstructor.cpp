@@ -13,6 +13,7 @@
 
 #include "diagnostics.h"
 #include "recipe.h"
+#include "velostrix/height_view.hpp"
 #include "velostrix/mask.hpp"
 #include "velostrix/tool.hpp"
 #include "velostrix/velostrix_host.h"
@@ -27,7 +28,7 @@ struct VelostrixReconstructor {
 
   // Used by the one thread that set is_busy.
   velostrix::Tool tool;
-  int bits = 0;  // as prepared
+  velostrix::Recipe recipe;  // as prepared
   std::optional<velostrix::Results> results;
   std::vector<std::string> warnings;
 
@@ -118,8 +119,8 @@ cv::Size SizeOf(int32_t width, int32_t height) {
   return width > 0 && height > 0 ? cv::Size(width, height) : cv::Size();
 }
 
-// The image, not copied, or converted to 8 bits.
-cv::Mat Take(const VelostrixImage& image, const std::string& name, int bits) {
+// The image, not copied.
+cv::Mat Wrap(const VelostrixImage& image, const std::string& name) {
   const auto refuse = [&](const std::string& what) { throw Error(name + what); };
   const int64_t sample = image.sample_bytes;
   if (image.data == nullptr || SizeOf(image.width, image.height).empty()) refuse(" is empty");
@@ -133,24 +134,24 @@ cv::Mat Take(const VelostrixImage& image, const std::string& name, int bits) {
     refuse(" has rows of " + std::to_string(row) + " bytes every " + std::to_string(stride) +
            "; expected a row_stride of no less, and samples aligned to their size");
   }
-  cv::Mat mat(image.height, image.width, sample == 1 ? CV_8UC1 : CV_16UC1,
-              const_cast<void*>(image.data), static_cast<size_t>(stride));
-  if (sample == 1) return mat;
-  if (bits == 0) {
-    refuse(" has 16-bit samples; expected settings that say how many bits are in use (bits)");
-  }
-  return velostrix::ToEightBits(mat, bits, name);
+  return {image.height, image.width, sample == 1 ? CV_8UC1 : CV_16UC1,
+          const_cast<void*>(image.data), static_cast<size_t>(stride)};
 }
 
-std::string NameOf(int index) { return "image " + std::to_string(index + 1); }
+// The image, not copied where it needs no conversion.
+cv::Mat Take(const VelostrixImage& image, int index, const velostrix::Recipe& recipe) {
+  const std::string name = "image " + std::to_string(index + 1);
+  return velostrix::ToLevels(Wrap(image, name), recipe, static_cast<size_t>(index), name);
+}
 
 std::vector<cv::Mat> Take(const VelostrixImage* images, int32_t count,
                           const velostrix::Recipe& recipe) {
   Required(images, "images");
   velostrix::CheckCount(count);
+  velostrix::CheckFlat(recipe, count);
   std::vector<cv::Mat> mats;
   mats.reserve(static_cast<size_t>(count));
-  for (int32_t k = 0; k < count; ++k) mats.push_back(Take(images[k], NameOf(k), recipe.bits));
+  for (int32_t k = 0; k < count; ++k) mats.push_back(Take(images[k], k, recipe));
   velostrix::Check(mats, recipe.parameters);
   return mats;
 }
@@ -167,6 +168,21 @@ const cv::Mat& ResultOf(const VelostrixReconstructor& r, int32_t output) {
     throw Error(std::string(Name(name)) + " was not made; ask for it in the outputs");
   }
   return result;
+}
+
+void CopyRows(const cv::Mat& result, void* out, int64_t row_stride, int64_t capacity) {
+  const auto row = static_cast<int64_t>(result.cols * result.elemSize());
+  const int64_t stride = row_stride == 0 ? row : row_stride;
+  const int64_t gaps = result.rows - 1;
+  if (stride < row || capacity < row || (gaps > 0 && stride > (capacity - row) / gaps)) {
+    throw Error("the result has " + std::to_string(result.rows) + " rows of " +
+                std::to_string(row) + " bytes; a row_stride of " + std::to_string(stride) +
+                " and a capacity of " + std::to_string(capacity) + " bytes do not hold them");
+  }
+  auto* to = &Required(static_cast<uint8_t*>(out), "out");
+  for (int i = 0; i < result.rows; ++i) {
+    std::memcpy(to + i * stride, result.ptr(i), static_cast<size_t>(row));
+  }
 }
 
 }  // namespace
@@ -273,6 +289,25 @@ VelostrixStatus VelostrixSettingsFromJson(const char* text, int64_t length,
   });
 }
 
+VelostrixStatus VelostrixFitFlat(const VelostrixImage* references, int32_t count,
+                                 VelostrixSettings* settings, VelostrixMessage* message) {
+  return GuardedFor(message, [&] {
+    velostrix::Recipe recipe = RecipeOf(settings);
+    Required(references, "references");
+    velostrix::CheckCount(count);
+    std::vector<cv::Mat> mats;
+    for (int32_t k = 0; k < count; ++k) {
+      const std::string name = "reference " + std::to_string(k + 1);
+      const cv::Mat& mat = mats.emplace_back(Wrap(references[k], name));
+      if (mat.depth() != CV_8U && velostrix::WhiteLevel(recipe) == 0) {
+        static_cast<void>(velostrix::ToLevels(mat, recipe, 0, name));  // says so
+      }
+    }
+    recipe.flat = velostrix::FitFlat(mats, velostrix::WhiteLevel(recipe));
+    *settings = ToRecord(recipe);
+  });
+}
+
 // ---- reconstructor
 
 VelostrixStatus VelostrixReconstructorCreate(VelostrixReconstructor** out) {
@@ -300,8 +335,7 @@ VelostrixStatus VelostrixReconstructorMessage(const VelostrixReconstructor* reco
 VelostrixStatus VelostrixReconstructorSetMask(VelostrixReconstructor* reconstructor,
                                               const VelostrixImage* mask) {
   return Use(reconstructor, [&](VelostrixReconstructor& r) {
-    constexpr int kNoBits = 0;
-    r.tool.SetMask(mask == nullptr ? cv::Mat() : Take(*mask, "the mask", kNoBits));
+    r.tool.SetMask(mask == nullptr ? cv::Mat() : Wrap(*mask, "the mask"));
   });
 }
 
@@ -320,16 +354,17 @@ VelostrixStatus VelostrixReconstructorPrepare(VelostrixReconstructor* reconstruc
                                               const VelostrixSettings* settings) {
   return Use(reconstructor, [&](VelostrixReconstructor& r) {
     const velostrix::Recipe recipe = RecipeOf(settings);
+    velostrix::CheckFlat(recipe, count);
     r.tool.Prepare(count, SizeOf(width, height), recipe.parameters);
     r.results.reset();
-    r.bits = recipe.bits;
+    r.recipe = recipe;
   });
 }
 
 VelostrixStatus VelostrixReconstructorSetImage(VelostrixReconstructor* reconstructor,
                                                const VelostrixImage* image) {
   return Use(reconstructor, [&](VelostrixReconstructor& r) {
-    r.tool.SetImage(Take(Required(image, "image"), NameOf(r.tool.images_set()), r.bits));
+    r.tool.SetImage(Take(Required(image, "image"), r.tool.images_set(), r.recipe));
   });
 }
 
@@ -367,19 +402,20 @@ VelostrixStatus VelostrixReconstructorCopyResult(VelostrixReconstructor* reconst
                                                  int32_t output, void* out, int64_t row_stride,
                                                  int64_t capacity) {
   return Use(reconstructor, [&](VelostrixReconstructor& r) {
-    const cv::Mat& result = ResultOf(r, output);
-    const auto row = static_cast<int64_t>(result.cols * result.elemSize());
-    const int64_t stride = row_stride == 0 ? row : row_stride;
-    const int64_t gaps = result.rows - 1;
-    if (stride < row || capacity < row || (gaps > 0 && stride > (capacity - row) / gaps)) {
-      throw Error("the result has " + std::to_string(result.rows) + " rows of " +
-                  std::to_string(row) + " bytes; a row_stride of " + std::to_string(stride) +
-                  " and a capacity of " + std::to_string(capacity) + " bytes do not hold them");
-    }
-    auto* to = &Required(static_cast<uint8_t*>(out), "out");
-    for (int i = 0; i < result.rows; ++i) {
-      std::memcpy(to + i * stride, result.ptr(i), static_cast<size_t>(row));
-    }
+    CopyRows(ResultOf(r, output), out, row_stride, capacity);
+  });
+}
+
+VelostrixStatus VelostrixViewHeight(const VelostrixImage* height, int32_t removed, int32_t border,
+                                    void* out, int64_t row_stride, int64_t capacity,
+                                    VelostrixHeightView* view, VelostrixMessage* message) {
+  return GuardedFor(message, [&] {
+    velostrix::recipe_detail::RequireOneOf(removed, "removed", velostrix::kSurfaceNames);
+    const velostrix::HeightView made =
+        velostrix::ViewHeight(Wrap(Required(height, "height"), "the height"),
+                              static_cast<velostrix::Surface>(removed), border);
+    CopyRows(made.image, out, row_stride, capacity);
+    if (view != nullptr) *view = {removed, made.border, made.black, made.white};
   });
 }
 

@@ -36,7 +36,8 @@ namespace Velostrix
     {
         // Of the headers that these declarations follow.
         public const int Major = 0, Minor = 1;
-        public const int OutputCount = 8, MostImages = 8, LongestMessage = 1024, LongestRecipe = 4096;
+        public const int OutputCount = 8, MostImages = 8, LongestMessage = 1024, LongestRecipe = 16384;
+        public const int FlatTerms = 15;
 
         [StructLayout(LayoutKind.Sequential)]
         public struct Settings
@@ -53,6 +54,9 @@ namespace Velostrix
             public uint KeptGains, KeptOffsets;
             public int Orientation, Lamp;
             public double LampDegrees;
+            public int White, FlatCount;
+            [MarshalAs(UnmanagedType.ByValArray, SizeConst = MostImages * FlatTerms)]
+            public double[] Flat;
 
             // With all that marshalling needs.
             public static Settings Empty()
@@ -61,7 +65,8 @@ namespace Velostrix
                 {
                     StructSize = Marshal.SizeOf(typeof(Settings)),
                     Gain = new double[OutputCount],
-                    Offset = new int[OutputCount]
+                    Offset = new int[OutputCount],
+                    Flat = new double[MostImages * FlatTerms]
                 };
             }
         }
@@ -114,6 +119,11 @@ namespace Velostrix
 
         [DllImport(Library)] public static extern IntPtr VelostrixStatusText(VelostrixStatus status);
         [DllImport(Library)] public static extern IntPtr VelostrixLibraryVersion();
+        // Names as the file system has them.
+        [DllImport(Library)] public static extern int VelostrixCompareNames(string a, string b);
+        [DllImport(Library)] public static extern VelostrixStatus VelostrixViewHeight(
+            ref Image height, VelostrixSurface removed, int border, IntPtr data, long rowStride,
+            long capacity, IntPtr view, [Out] byte[] message);
         [DllImport(Library)] public static extern VelostrixStatus VelostrixCheckVersion(
             int major, int minor, [Out] byte[] message);
         [DllImport(Library)] public static extern VelostrixStatus VelostrixSetThreads(int count);
@@ -128,6 +138,9 @@ namespace Velostrix
             [Out] byte[] message);
         [DllImport(Library)] public static extern VelostrixStatus VelostrixSettingsFromJson(
             byte[] text, long length, ref Settings settings, [Out] byte[] message);
+
+        [DllImport(Library)] public static extern VelostrixStatus VelostrixFitFlat(
+            Image[] references, int count, ref Settings settings, [Out] byte[] message);
 
         [DllImport(Library)] public static extern VelostrixStatus VelostrixReconstructorCreate(
             out ReconstructorHandle handle);

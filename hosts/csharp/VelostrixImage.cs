@@ -4,6 +4,15 @@ using System.Collections.Generic;
 
 namespace Velostrix
 {
+    /// <summary>The smooth surface that a view of a height leaves out.</summary>
+    public enum VelostrixSurface
+    {
+        /// <summary>A tilt.</summary>
+        Plane = 0,
+        /// <summary>A tilt and a bowl, as lamps near the part leave.</summary>
+        Quadratic = 1
+    }
+
     /// <summary>An image in managed or native memory, which it borrows.</summary>
     public sealed class VelostrixImage
     {
@@ -35,7 +44,8 @@ namespace Velostrix
         }
 
         /// <summary>
-        /// The same for 16-bit samples, of which <see cref="VelostrixParameters.Bits"/> are in use.
+        /// The same for 16-bit samples, with the white level <see cref="VelostrixParameters.White"/> or
+        /// <see cref="VelostrixParameters.Bits"/> of them in use.
         /// </summary>
         public VelostrixImage(ushort[] samples, int width, int height, int stride = 0)
             : this(samples, IntPtr.Zero, width, height, stride, 2, 1)
@@ -99,6 +109,33 @@ namespace Velostrix
         internal long Capacity => Stride * (Height - 1) + (long)Width * Channels * SampleBytes;
 
         internal IntPtr Address(Pins pins) => samples == null ? data : pins.Pin(samples);
+
+        /// <summary>
+        /// A height as a picture for eyes: 8 bits, without tilt and bowl, so that all but the outermost
+        /// half percent on each side fill the levels.
+        /// </summary>
+        /// <param name="removed">The surface, fitted by least squares, that is left out.</param>
+        /// <param name="border">
+        /// Pixels at the sides that count for nothing: iteration cap / scale is a good number. An eighth
+        /// of the shorter side is used at most.
+        /// </param>
+        /// <exception cref="VelostrixException">The image is not 16-bit.</exception>
+        public VelostrixImage HeightView(
+            VelostrixSurface removed = VelostrixSurface.Quadratic, int border = 50)
+        {
+            var view = new VelostrixImage(new byte[(long)Width * Height], Width, Height);
+            var message = new byte[Native.LongestMessage];
+            using (var pins = new Pins())
+            {
+                Native.Image height = VelostrixTool.Record(this, "height", pins);
+                Native.Check(
+                    Native.VelostrixViewHeight(
+                        ref height, removed, border, view.Address(pins), 0, view.Capacity,
+                        IntPtr.Zero, message),
+                    message);
+            }
+            return view;
+        }
 
         /// <summary>The array of 8-bit pixels. Results have rows without gaps.</summary>
         /// <exception cref="InvalidOperationException">16-bit, or in native memory.</exception>

@@ -2,6 +2,7 @@
 using System;
 using System.Collections.Generic;
 using System.IO;
+using System.Linq;
 using System.Runtime.InteropServices;
 using System.Text;
 
@@ -275,6 +276,56 @@ namespace Velostrix
         /// In use of 16-bit samples, 8 to 16; 0 (default): 16-bit images are refused.
         /// </summary>
         public int Bits { get => record.Bits; set => record.Bits = value; }
+
+        /// <summary>
+        /// The 16-bit sample that is white, 1 to 65535: level = sample * 255 / White, at most 255;
+        /// 0 (default): as Bits say.
+        /// </summary>
+        public int White { get => record.White; set => record.White = value; }
+
+        /// <summary>
+        /// The flat fields of the lamps, 15 coefficients each, which their images are divided by; empty
+        /// (default): they are not. FitFlat makes them.
+        /// </summary>
+        /// <exception cref="ArgumentException">A field has another number, or there are more than 8.</exception>
+        public IReadOnlyList<double[]> Flat
+        {
+            get => Enumerable.Range(0, record.FlatCount).Select(lamp =>
+                record.Flat.Skip(lamp * Native.FlatTerms).Take(Native.FlatTerms).ToArray()).ToArray();
+            set
+            {
+                if (value == null) throw new ArgumentNullException(nameof(value));
+                if (value.Count > Native.MostImages || value.Any(f => f.Length != Native.FlatTerms))
+                {
+                    throw new ArgumentException("expected at most 8 fields of 15 numbers", nameof(value));
+                }
+                record.FlatCount = value.Count;
+                record.Flat = new double[Native.MostImages * Native.FlatTerms];
+                value.SelectMany(field => field).ToArray().CopyTo(record.Flat, 0);
+            }
+        }
+
+        /// <summary>
+        /// Has every image divided by a smooth fit of its lamp's reference, which evens out light that
+        /// falls off over the image. Stains and dust on the flat part do not come in.
+        /// </summary>
+        /// <param name="references">
+        /// One image of a flat, matt part under each lamp, in the order of the images.
+        /// </param>
+        /// <exception cref="VelostrixException">A reference is saturated or dark.</exception>
+        public void FitFlat(IEnumerable<VelostrixImage> references)
+        {
+            Native.Settings settings = Record();
+            var message = new byte[Native.LongestMessage];
+            using (var pins = new Pins())
+            {
+                Native.Image[] records = VelostrixTool.Records(references, pins);
+                Native.Check(
+                    Native.VelostrixFitFlat(records, records.Length, ref settings, message), message);
+            }
+            record.FlatCount = settings.FlatCount;
+            record.Flat = settings.Flat;
+        }
 
         /// <summary>
         /// Grey levels per unit of the map; Factor: multiplies the normalised image; Normal, Height:

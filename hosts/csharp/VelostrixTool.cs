@@ -237,7 +237,7 @@ namespace Velostrix
         static Native.Settings Record(VelostrixParameters parameters) =>
             (parameters ?? throw new ArgumentNullException(nameof(parameters))).Record();
 
-        static Native.Image Record(VelostrixImage image, string name, Pins pins)
+        internal static Native.Image Record(VelostrixImage image, string name, Pins pins)
         {
             if (image == null) throw new ArgumentNullException(name);
             if (image.Channels != 1)
@@ -253,7 +253,7 @@ namespace Velostrix
             };
         }
 
-        static Native.Image[] Records(IEnumerable<VelostrixImage> images, Pins pins)
+        internal static Native.Image[] Records(IEnumerable<VelostrixImage> images, Pins pins)
         {
             if (images == null) throw new ArgumentNullException(nameof(images));
             var records = new List<Native.Image>();

@@ -2,9 +2,15 @@
 // other languages share. Header-only, C++17; what a recipe holds is documented in velostrix_host.h.
 #pragma once
 
+#include <algorithm>
+#include <cmath>
+#include <iterator>
+#include <numeric>
 #include <string>
+#include <vector>
 
 #include "velostrix/auto_gain.hpp"
+#include "velostrix/flat_field.hpp"
 #include "velostrix/tool.hpp"
 #include "velostrix/velostrix_host.h"
 
@@ -16,6 +22,8 @@ struct Recipe {
   OutputSet kept_gains;    // whose gain is given or chosen: ChooseGains keeps it, and the offset
   OutputSet kept_offsets;  // whose offset is given or chosen: ChooseGains keeps it
   int bits = 0;            // in use of 16-bit samples, 8 to 16; 0: not said
+  int white = 0;           // the 16-bit sample that is white, in place of bits; 0: as bits say
+  std::vector<FlatField> flat;  // of each lamp, which its images are divided by; none: they are not
 };
 
 namespace recipe_detail {
@@ -53,6 +61,12 @@ void RequireOneOf(int32_t value, const char* name, const std::array<const char*,
 
 }  // namespace recipe_detail
 
+// The 16-bit sample that becomes 255; 0 when the recipe does not say.
+[[nodiscard]] inline int WhiteLevel(const Recipe& recipe) {
+  if (recipe.white != 0) return recipe.white;
+  return recipe.bits == 0 ? 0 : (1 << recipe.bits) - 1;
+}
+
 // The record of the flat interface as a recipe. Throws Error for what no images would fit.
 [[nodiscard]] inline Recipe FromRecord(const VelostrixSettings& record) {
   using namespace recipe_detail;
@@ -66,6 +80,11 @@ void RequireOneOf(int32_t value, const char* name, const std::array<const char*,
   if (record.bits != 0 && (record.bits < 8 || record.bits > 16)) {
     throw Error("bits " + std::to_string(record.bits) + "; expected 8 to 16, or 0 for not said");
   }
+  if (record.white < 0 || record.white > 65535) {
+    throw Error("white " + std::to_string(record.white) +
+                "; expected 1 to 65535, or 0 for not said");
+  }
+  if (record.flat_count != 0) CheckCount(record.flat_count);
   Recipe recipe;
   Parameters& p = recipe.parameters;
   p.run = static_cast<Run>(record.run);
@@ -90,6 +109,14 @@ void RequireOneOf(int32_t value, const char* name, const std::array<const char*,
   recipe.kept_gains = ToOutputs(record.kept_gains, "kept_gains");
   recipe.kept_offsets = ToOutputs(record.kept_offsets, "kept_offsets");
   recipe.bits = record.bits;
+  recipe.white = record.white;
+  for (int32_t lamp = 0; lamp < record.flat_count; ++lamp) {
+    FlatField& field = recipe.flat.emplace_back();
+    std::copy(std::begin(record.flat[lamp]), std::end(record.flat[lamp]), field.begin());
+    if (!std::isfinite(std::accumulate(field.begin(), field.end(), 0.0))) {
+      throw Error("a coefficient of flat is not finite; expected a number");
+    }
+  }
   Check(p);
   return recipe;
 }
@@ -113,6 +140,11 @@ void RequireOneOf(int32_t value, const char* name, const std::array<const char*,
   record.lamp = p.lamp ? p.lamp->image : recipe_detail::kNoLamp;
   record.lamp_degrees = p.lamp ? p.lamp->degrees : 0.0;
   record.bits = recipe.bits;
+  record.white = recipe.white;
+  record.flat_count = static_cast<int32_t>(recipe.flat.size());
+  for (size_t lamp = 0; lamp < recipe.flat.size(); ++lamp) {
+    std::copy(recipe.flat[lamp].begin(), recipe.flat[lamp].end(), record.flat[lamp]);
+  }
   for (const Output output : kAllOutputs) {
     const auto k = static_cast<size_t>(output);
     if (const double* const gain = Gain(p, output)) record.gain[k] = *gain;
@@ -121,6 +153,29 @@ void RequireOneOf(int32_t value, const char* name, const std::array<const char*,
   record.kept_gains = recipe_detail::ToBits(recipe.kept_gains);
   record.kept_offsets = recipe_detail::ToBits(recipe.kept_offsets);
   return record;
+}
+
+// The image of a lamp as a run takes it, CV_8UC1: CV_8UC1, or CV_16UC1 where the recipe has its
+// white level or its bits; divided by the lamp's flat field where it has one. The image itself
+// where there is nothing to do. Throws Error, which begins with the name.
+[[nodiscard]] inline cv::Mat ToLevels(const cv::Mat& image, const Recipe& recipe, size_t lamp,
+                                      const std::string& name) {
+  const bool is_flattened = lamp < recipe.flat.size();
+  if (image.depth() == CV_8U) return is_flattened ? Flatten(image, recipe.flat[lamp]) : image;
+  if (recipe.white == 0 && recipe.bits == 0) {
+    throw Error(name + " has 16-bit samples; expected their white level (white) or how many bits " +
+                "are in use (bits)");
+  }
+  if (recipe.white == 0) RequireBits(image, recipe.bits, name);
+  const int white = WhiteLevel(recipe);
+  return is_flattened ? Flatten(image, recipe.flat[lamp], white) : ToEightBits(image, white);
+}
+
+// Throws Error where the recipe has flat fields for another number of images.
+inline void CheckFlat(const Recipe& recipe, int64_t count) {
+  if (recipe.flat.empty() || recipe.flat.size() == static_cast<size_t>(count)) return;
+  throw Error(std::to_string(count) + " images given, but flat has the fields of " +
+              std::to_string(recipe.flat.size()) + " lamps; expected one for each image");
 }
 
 // Reads the text of a recipe or of a run.json. Throws Error, which names the field.

@@ -285,9 +285,16 @@ inline void Check(const Parameters& parameters);
 inline void Check(int count, cv::Size size, const Parameters& parameters);
 inline void Check(const std::vector<cv::Mat>& images, const Parameters& parameters);
 
-// 16-bit samples, of which `bits` (8 to 16) are in use, as 8-bit ones: level = sample * 255 /
-// (2^bits - 1), rounded. Throws Error, which begins with the name, when a sample needs more bits.
-[[nodiscard]] inline cv::Mat ToEightBits(const cv::Mat& image, int bits, const std::string& name) {
+// 16-bit samples as 8-bit ones: level = sample * 255 / white, rounded; from `white` (1 to 65535)
+// on, 255.
+[[nodiscard]] inline cv::Mat ToEightBits(const cv::Mat& image, int white) {
+  cv::Mat levels;
+  image.convertTo(levels, CV_8U, 255.0 / white);
+  return levels;
+}
+
+// Throws Error, which begins with the name, when a 16-bit sample needs more bits than are in use.
+inline void RequireBits(const cv::Mat& image, int bits, const std::string& name) {
   const int full = (1 << bits) - 1;
   double most = 0.0;
   cv::minMaxLoc(image.reshape(1), nullptr, &most);
@@ -295,9 +302,13 @@ inline void Check(const std::vector<cv::Mat>& images, const Parameters& paramete
     throw Error(name + " has the value " + std::to_string(static_cast<int>(most)) + ", more than " +
                 std::to_string(bits) + " bits can hold");
   }
-  cv::Mat levels;
-  image.convertTo(levels, CV_8U, 255.0 / full);
-  return levels;
+}
+
+// 16-bit samples, of which `bits` (8 to 16) are in use, as 8-bit ones: level = sample * 255 /
+// (2^bits - 1), rounded. Throws Error, which begins with the name, when a sample needs more bits.
+[[nodiscard]] inline cv::Mat ToEightBits(const cv::Mat& image, int bits, const std::string& name) {
+  RequireBits(image, bits, name);
+  return ToEightBits(image, (1 << bits) - 1);
 }
 
 namespace tool_detail {

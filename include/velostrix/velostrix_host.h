@@ -4,8 +4,8 @@
  * Calling order
  *   1. VelostrixReconstructorCreate
  *   2. VelostrixSettingsDefaults, then change what should differ; or VelostrixSettingsFromJson
- *   3. perhaps VelostrixReconstructorChooseGains, once for a kind of part, and
- *      VelostrixReconstructorDiagnose, when a station is set up
+ *   3. perhaps VelostrixFitFlat and VelostrixReconstructorDiagnose, when a station is set up, and
+ *      VelostrixReconstructorChooseGains, once for a kind of part
  *   4. VelostrixReconstructorPrepare
  *   5. for each image, as its lamp fires, VelostrixReconstructorSetImage; then
  *      VelostrixReconstructorRun; read the results; repeat for the next part
@@ -100,6 +100,10 @@ VELOSTRIX_HOST_API VelostrixStatus VelostrixSetThreads(int32_t count);
 /* The number in force, at least 1. */
 VELOSTRIX_HOST_API int32_t VelostrixThreads(void);
 
+/* The order of file names in which lamps are taken from a folder, numbers by their value (lamp2
+ * before lamp10): below 0 when a comes before b, 0 when they are the same, else above 0. */
+VELOSTRIX_HOST_API int32_t VelostrixCompareNames(const char* a, const char* b);
+
 /* ---- settings ---------------------------------------------------------------------------------
  */
 
@@ -143,8 +147,11 @@ typedef struct VelostrixRegion {
   int32_t height; /* rows */
 } VelostrixRegion;
 
-/* What a run does. 184 bytes. Number and size of the images are not settings: recipes fit images of
- * any size that contains their region. */
+/* Coefficients of a flat field, see VelostrixFitFlat. */
+#define VELOSTRIX_FLAT_TERMS 15
+
+/* What a run does. 1152 bytes. Number and size of the images are not settings: recipes fit images
+ * of any size that contains their region. */
 typedef struct VelostrixSettings {
   uint32_t struct_size; /* sizeof(VelostrixSettings) */
   int32_t run;          /* VelostrixRun; default uncali */
@@ -173,6 +180,13 @@ typedef struct VelostrixSettings {
                    bumps from dents; -1 (default): none */
   double lamp_degrees; /* where it shines from in the images, roughly: 0 from the right, 90 from
                           above, 180 from the left, 270 from below */
+  int32_t white;       /* the sample of 16-bit images that is white, 1 to 65535: level = sample *
+                          255 / white, at most 255; 0 (default): 2^bits - 1, and larger samples
+                          are refused */
+  int32_t flat_count;  /* lamps with a flat field: 0 (default), or as many as images */
+  double flat[VELOSTRIX_MOST_IMAGES][VELOSTRIX_FLAT_TERMS]; /* of each lamp, what its images are
+                            divided by: coefficients of x^i y^j with i + j <= 4, in the order 1, y,
+                            .., y^4, x, x y, .., x^4; x, y: -1 to 1 across the image */
 } VelostrixSettings;
 
 /* Fills in the defaults; settings->struct_size must be set. */
@@ -207,6 +221,8 @@ VELOSTRIX_HOST_API VelostrixStatus VelostrixWorkingSize(const VelostrixSettings*
  *   "bits"            integer; 0: not said
  *   "orientation"     "as-is", "upright"
  *   "lamp"            {"image", "degrees"}, the image counted from 0, or null
+ *   "white"           integer; 0: as bits say
+ *   "flat"            array of the coefficients of each lamp; empty: no flat fields
  *   "gains"           numbers by name of output (not normal, height)
  *   "offsets"         integers by name of output (not factor, normal, height)
  *
@@ -215,7 +231,7 @@ VELOSTRIX_HOST_API VelostrixStatus VelostrixWorkingSize(const VelostrixSettings*
  * well: its member "recipe" counts. */
 
 /* Bytes that every recipe fits into, the zero at its end included. */
-#define VELOSTRIX_LONGEST_RECIPE 4096
+#define VELOSTRIX_LONGEST_RECIPE 16384
 
 /* Writes the settings as a recipe with a zero at its end to text, which holds `capacity` bytes.
  * *length (may be null) is its length without the zero. Of gains and offsets it has those that are
@@ -246,10 +262,20 @@ typedef struct VelostrixImage {
   int64_t row_stride;   /* bytes from one row to the next; 0 = rows without gaps */
   int32_t width;        /* pixels */
   int32_t height;       /* pixels */
-  int32_t sample_bytes; /* 1: 8-bit; 2: 16-bit in the machine's byte order, VelostrixSettings::bits
-                           of them in use: level = sample * 255 / (2^bits - 1), rounded */
+  int32_t sample_bytes; /* 1: 8-bit; 2: 16-bit in the machine's byte order, with the white level
+                           VelostrixSettings::white or 2^bits - 1: level = sample * 255 / white,
+                           rounded */
   int32_t reserved;     /* 0 */
 } VelostrixImage;
+
+/* Fits the flat fields of one image of a flat, matt part under each of `count` (3 to 8) lamps, in
+ * the order of the images, and stores them in the settings; from then on every image is divided by
+ * its lamp's. Evens out light that falls off over the image, and lamps of different brightness. The
+ * fields are smooth: stains and dust on the flat part do not come in. Settings: white and bits
+ * matter. Refused: references that are saturated or dark. */
+VELOSTRIX_HOST_API VelostrixStatus VelostrixFitFlat(const VelostrixImage* references, int32_t count,
+                                                    VelostrixSettings* settings,
+                                                    VelostrixMessage* message);
 
 /* Makes a reconstructor in *out, which is null after a failure. */
 VELOSTRIX_HOST_API VelostrixStatus VelostrixReconstructorCreate(VelostrixReconstructor** out);
@@ -353,6 +379,38 @@ typedef struct VelostrixOrientationFound {
 VELOSTRIX_HOST_API VelostrixStatus VelostrixReconstructorOrientation(
     VelostrixReconstructor* reconstructor, VelostrixOrientationFound* found);
 
+/* Height. Its levels are relative: 0 is the lowest and 65535 the highest place of this image, its
+ * border included, and the range before was not kept. Within an image levels compare: twice the
+ * difference is twice the height. Between images they do not, nor have they a unit: a part with
+ * half the relief, or a border twice as high, looks the same. To compare parts, take channels and
+ * curvature of equal gains. */
+
+/* The smooth surface, fitted by least squares, that a view leaves out. */
+enum VelostrixSurface {
+  VELOSTRIX_SURFACE_PLANE = 0,    /* a tilt */
+  VELOSTRIX_SURFACE_QUADRATIC = 1 /* a tilt and a bowl, as lamps near the part leave */
+};
+
+/* What the levels of a view mean: heights are levels of the 16-bit image above the surface. */
+typedef struct VelostrixHeightView {
+  int32_t removed; /* VelostrixSurface */
+  int32_t border;  /* pixels on each side that neither surface nor range are taken from */
+  double black;    /* the height that level 0 shows */
+  double white;    /* that of level 255 */
+} VelostrixHeightView;
+
+/* A height as a picture for eyes: 8 bits, without the surface, so that all but the outermost half
+ * percent on each side fill the levels. height: the result, or any 16-bit image. border: pixels at
+ * the sides that count for nothing, as 50 iterations leave a strip of 40 to 80 pixels at the top
+ * and the left that takes half the range; iteration_cap / scale is a good number, and an eighth of
+ * the shorter side is used at most. out: `capacity` bytes, a row every row_stride bytes (0 =
+ * without gaps). *view may be null. */
+VELOSTRIX_HOST_API VelostrixStatus VelostrixViewHeight(const VelostrixImage* height,
+                                                       int32_t removed, int32_t border, void* out,
+                                                       int64_t row_stride, int64_t capacity,
+                                                       VelostrixHeightView* view,
+                                                       VelostrixMessage* message);
+
 /* How long the calls of the latest part took, in milliseconds. 88 bytes. */
 typedef struct VelostrixTimes {
   double parameters;                    /* parameters and region */
@@ -436,7 +494,7 @@ VELOSTRIX_HOST_API VelostrixStatus VelostrixReconstructorWarning(
 
 VELOSTRIX_PIN(sizeof(VelostrixMessage) == 1024);
 VELOSTRIX_PIN(sizeof(VelostrixRegion) == 16);
-VELOSTRIX_PIN(sizeof(VelostrixSettings) == 184);
+VELOSTRIX_PIN(sizeof(VelostrixSettings) == 1152);
 VELOSTRIX_PIN(offsetof(VelostrixSettings, struct_size) == 0);
 VELOSTRIX_PIN(offsetof(VelostrixSettings, run) == 4);
 VELOSTRIX_PIN(offsetof(VelostrixSettings, band) == 8);
@@ -456,6 +514,8 @@ VELOSTRIX_PIN(offsetof(VelostrixSettings, kept_offsets) == 164);
 VELOSTRIX_PIN(offsetof(VelostrixSettings, orientation) == 168);
 VELOSTRIX_PIN(offsetof(VelostrixSettings, lamp) == 172);
 VELOSTRIX_PIN(offsetof(VelostrixSettings, lamp_degrees) == 176);
+VELOSTRIX_PIN(offsetof(VelostrixSettings, white) == 184);
+VELOSTRIX_PIN(offsetof(VelostrixSettings, flat) == 192);
 
 VELOSTRIX_PIN(sizeof(VelostrixImage) == 32);
 VELOSTRIX_PIN(offsetof(VelostrixImage, row_stride) == 8);

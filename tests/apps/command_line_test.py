@@ -77,15 +77,16 @@ class CommandLine(unittest.TestCase):
         self.assertEqual("", self.run_well(
             "reconstruct inputs/image*.png --quiet --out out --save-recipe kept.json --run partcols"
             " --band 20 --outputs factor,curvature,magnitude,channel1,channel2,normal,height"
-            " --lamp 1=90.5 --roi 8,6,80,60 --scale 0.75 --equalise --difference forward --blur-radius 2"
-            " --iteration-cap 30 --bits 12 --gain factor=0.9 --gain curvature=300.5"
+            " --roi 8,6,80,60 --scale 0.75 --equalise --difference forward --blur-radius 2"
+            " --iteration-cap 30 --bits 12 --white 3500 --lamp 1=90.5 --gain factor=0.9 --gain curvature=300.5"
             " --gain magnitude=200.25 --gain channel1=-90 --gain channel2=4000 --offset channel0=100"
             " --offset curvature=120 --offset magnitude=3 --offset channel2=-5"))
         self.assertEqual(self.read("out/height.png").shape, (60, 80))
         record = self.read_json("out/run.json")
         self.assertEqual(record["recipe"], self.read_json("kept.json"))
         del record["recipe"]["gains"]["channel0"]
-        self.assertEqual(record["recipe"], json.loads(RECIPE.read_text()))
+        expected = {**json.loads(RECIPE.read_text()), "flat": []}
+        self.assertEqual(record["recipe"], expected)
         self.assertEqual(record["chosen_gains"], ["channel0"])
         self.assertEqual(record["sizes"]["working"], {"width": 60, "height": 45})
 
@@ -165,12 +166,39 @@ class CommandLine(unittest.TestCase):
         self.assertEqual(self.read_json("raw/run.json")["inputs"][0]["conversion"],
                          "Bayer frame (rggb) converted")
 
+        fall_off = np.linspace(0.4, 1.0, 96)
+        for k, lamp in enumerate(lamps):  # 14 bits that are hardly used, in falling light
+            ramp = fall_off[::-1] if k % 2 else fall_off
+            self.write(f"dim{k}.png", np.rint(lamp * 12.0 * ramp).astype(np.uint16))
+            self.write(f"flat{k}.png", np.rint(200 * ramp * np.ones((72, 1))).astype(np.uint8))
+        scale = "--white 3060 --gain channel0=99 --gain channel1=99 --gain channel2=99"
+        self.run_well(reconstruct("dim?.png", "even", scale + " --flat flat?.png"))
+        self.run_well(reconstruct("dim?.png", "uneven", scale))
+        self.run_well(reconstruct("dim?.png", "again", "--recipe even/run.json"))
+        self.run_well(reconstruct("inputs/*.png", "true", scale))
+        true, even, uneven, again = (self.read(f"{out}/normal.png").astype(float)
+                                     for out in ("true", "even", "uneven", "again"))
+        self.assertLess(np.abs(even - true).mean(), 0.1 * np.abs(uneven - true).mean())
+        np.testing.assert_array_equal(again, even)
+        self.assertEqual(self.read_json("even/run.json")["inputs"][0]["conversion"],
+                         "16-bit samples divided by 12, divided by its flat field")
+
         (self.folder / "many").mkdir()
         for k in range(12):  # twins beside each other, and a dead lamp
             self.write(f"many/lamp{k}.png", lamps[k // 2] if k < 10 else lamps[0] // 9)
         self.run_well(reconstruct("many", "chosen", "--choose 5"))
         used = [pathlib.Path(i["file"]).name for i in self.read_json("chosen/run.json")["inputs"]]
         self.assertEqual([int(name[4:-4]) // 2 for name in used], list(range(5)))
+
+    def test_a_view_of_the_height_and_what_its_levels_mean(self):
+        self.run_well("reconstruct inputs --quiet --out out --outputs height --height-view")
+        height = self.read_json("out/run.json")["height"]
+        self.assertEqual((height["view"]["removed"], height["view"]["border"]), ("quadratic", 9))
+        self.assertIn("not_comparable", height)
+        self.assertEqual((self.read("out/height_view.png").shape, self.files_in("out")),
+                         ((72, 96), ["height.png", "height_view.png", "run.json"]))
+        self.run_well("reconstruct inputs --quiet --out out --outputs height")
+        self.assertEqual(self.files_in("out"), ["height.png", "run.json"])
 
     def test_compression_changes_sizes_only(self):
         sizes = []
@@ -308,6 +336,11 @@ class CommandLine(unittest.TestCase):
             ("reconstruct a b c", 2, "--out is required"),
             (two, 2, "IMAGE: 2 files given", "expected 3 to 8"),
             (pair + "inputs/image2.png " * 7 + "--out out", 2, "9 files given", "--choose 8"),
+            (good + "--flat small.png", 1, "small.png: 96 x 70", "96 x 72"),
+            (good + "--flat " + "inputs/image0.png " * 3, 1, "5 images given, but flat has"),
+            (good + "--white 0", 2, "--white", "1 to 65535"),
+            (good + "--height-view --outputs factor", 2, "--height-view", "not made"),
+            (good + "--height-view=cone", 2, "--height-view", "plane,quadratic"),
             (good + "--choose 2", 2, "--choose", "3 to 8"),
             (good + "--bayer rgb", 2, "--bayer", "rggb"),
             (pair + "colour.png --bayer rggb --out out", 1, "colour.png: a colour image", "raw"),

@@ -84,7 +84,7 @@ static class CsharpHost
     {
         Type native = typeof(VelostrixTool).Assembly.GetType("Velostrix.Native");
         int size = native.GetNestedTypes().Sum(record => Marshal.SizeOf(record));
-        Expect(size == 184 + 32 + 32 + 56 + 32 + 424, "sizes of the records");
+        Expect(size == 1152 + 32 + 32 + 56 + 32 + 424, "sizes of the records");
         foreach (MethodInfo method in native.GetMethods(BindingFlags.Static | BindingFlags.Public))
         {
             if ((method.Attributes & MethodAttributes.PinvokeImpl) != 0) Marshal.Prelink(method);
@@ -99,10 +99,11 @@ static class CsharpHost
             read.Run, read.Band, string.Join("+", read.Outputs), region.X, region.Y, region.Width,
             region.Height, read.Scale, read.Equalise, read.Difference, read.BlurRadius,
             read.IterationCap, read.Orientation, read.Lamp.Value.Image,
-            read.Lamp.Value.Degrees, read.Bits, read.Gains[VelostrixOutput.Channel1],
+            read.Lamp.Value.Degrees, read.Bits, read.White, read.Flat.Count, read.Flat[3][5],
+            read.Gains[VelostrixOutput.Channel1],
             read.Offsets[VelostrixOutput.Channel2], read.Gains.IsKept(VelostrixOutput.Channel0));
         Expect(values == "PartCols 20 Factor+Curvature+Magnitude+Height+Channel1+Channel2+Normal" +
-               " 8 6 80 60 0.75 True Forward 2 30 Upright 1 90.5 12 -90 -5 False", values);
+               " 8 6 80 60 0.75 True Forward 2 30 Upright 1 90.5 12 3500 4 0.25 -90 -5 False", values);
 
         // Set one by one, and written, they are the same.
         var copy = new VelostrixParameters();
@@ -124,6 +125,31 @@ static class CsharpHost
         File.WriteAllText(path, "{\"recipe_version\": 1, \"blür\": 2}");
         ExpectThrows<VelostrixException>(path + ": recipe: blür", () => VelostrixParameters.Load(path));
         File.Delete(path);
+    }
+
+    static void FoldersAreReadInOrderHeightsViewedAndLightEvenedOut()
+    {
+        string folder = Path.Combine(Path.GetTempPath(), Path.GetRandomFileName());
+        Directory.CreateDirectory(folder);
+        foreach (string name in "b10.PNG b9.png a.txt b09.tif ä.jpg".Split(' '))
+        {
+            File.WriteAllText(Path.Combine(folder, name), "");
+        }
+        string found = string.Join(" ", VelostrixFiles.Images(folder).Select(Path.GetFileName));
+        Expect(found == "b9.png b09.tif b10.PNG ä.jpg", found);
+        Directory.Delete(folder, true);
+
+        var samples = Enumerable.Range(0, 60 * 40).Select(k => (ushort)(k % 60 * 1000)).ToArray();
+        var height = new VelostrixImage(samples, 60, 40);
+        byte[] view = height.HeightView(VelostrixSurface.Plane).Bytes();
+        Expect(view.Length == 60 * 40, "size of the view");
+        ExpectThrows<VelostrixException>("16-bit", () =>
+            new VelostrixImage(view, 60, 40).HeightView());
+
+        var even = new VelostrixParameters();
+        even.FitFlat(Enumerable.Repeat(new VelostrixImage(
+            Enumerable.Repeat((byte)100, Width * Height).ToArray(), Width, Height), Count));
+        Expect(even.Flat.Count == Count && Math.Abs(even.Flat[0][0] - 1) < 1e-6, "flat fields");
     }
 
     static void ImagesOfEveryKindGiveTheSameBytes()
@@ -315,6 +341,7 @@ static class CsharpHost
         {
             LayoutsAndEntryPointsAreThoseOfTheLibrary();
             ParametersComeAndGoAsRecipes(arguments[0]);
+            FoldersAreReadInOrderHeightsViewedAndLightEvenedOut();
             ImagesOfEveryKindGiveTheSameBytes();
             DiagnosticsNameTheImages();
             WhatCannotBeDoneThrows();

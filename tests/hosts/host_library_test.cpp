@@ -132,11 +132,11 @@ TEST(HostLibrary, RefusalsSayWhatIsExpectedAndLeaveAllAsItWas) {
       {"image 1 has samples of 4 bytes", [](Call& c) { c.images[0].sample_bytes = 4; }},
       {"image 2 has rows of 64 bytes every 63", [](Call& c) { c.images[1].row_stride = 63; }},
       {"every -64", [](Call& c) { c.images[1].row_stride = -64; }},
-      {"image 1 has 16-bit samples; expected settings that say", wide(0, 0)},
+      {"image 1 has 16-bit samples; expected their white level (white)", wide(0, 0)},
       {"samples aligned", wide(1, 12)},
       {"more than 8 bits can hold", wide(0, 8)},
       {"bits 7; expected 8 to 16", [](Call& c) { c.settings.bits = 7; }},
-      {"settings of 12 bytes; expected 184", [](Call& c) { c.settings.struct_size = 12; }},
+      {"settings of 12 bytes; expected 1152", [](Call& c) { c.settings.struct_size = 12; }},
       {"run 4; expected 0 to 3, that is uncali cali", [](Call& c) { c.settings.run = 4; }},
       {"difference -1; expected 0 to 1", [](Call& c) { c.settings.difference = -1; }},
       {"outputs has bits that are no output", [](Call& c) { c.settings.outputs = 256; }},
@@ -276,6 +276,106 @@ TEST(HostLibrary, CopiesTimesGainsAndDiagnostics) {
   ExpectResults(host, expected);
 }
 
+// A ramp of light from each of the four sides, and stains that the fit has to pass by.
+TEST(HostLibrary, FlatFieldsEvenOutTheLightWithoutTheStains) {
+  Call call;
+  std::vector<cv::Mat> references;
+  for (int lamp = 0; lamp < kCount; ++lamp) {
+    cv::Mat1w part(kSize);
+    cv::Mat1w reference(kSize);
+    for (int i = 0; i < kSize.height; ++i) {
+      for (int j = 0; j < kSize.width; ++j) {
+        const double x = (lamp % 2 == 0 ? j : kSize.width - j) / (1.0 * kSize.width);
+        const double y = (lamp < 2 ? i : kSize.height - i) / (1.0 * kSize.height);
+        const double light = 0.3 + 0.4 * x * x + 0.2 * y;
+        part(i, j) = static_cast<uint16_t>(light * 20000.0 * (i > 20 ? 1.0 : 0.8));
+        const bool is_stain = j / 8 == lamp + 1 && i > 10 && i < 30;
+        reference(i, j) = static_cast<uint16_t>(light * 60000.0 * (is_stain ? 0.5 : 1.0));
+      }
+    }
+    call.frames[static_cast<size_t>(lamp)] = part;
+    references.push_back(reference);
+  }
+  VelostrixMessage message = {};
+  call.settings.white = 65000;
+  ASSERT_EQ(VelostrixFitFlat(ImagesOf(references).data(), kCount, &call.settings, &message),
+            VELOSTRIX_OK)
+      << message.text;
+  const Recipe recipe = ParseRecipe(WriteRecipe(FromRecord(call.settings)));
+  cv::Mat first;
+  for (size_t lamp = 0; lamp < kCount; ++lamp) {
+    const cv::Mat levels = ToLevels(call.frames[lamp], recipe, lamp, "part");
+    ASSERT_EQ(levels.type(), CV_8UC1);
+    // One level for the upper and one for the lower part, the same under all lamps.
+    if (first.empty()) first = levels;
+    const cv::Mat upper = levels.rowRange(0, 21);
+    const cv::Mat lower = levels.rowRange(21, kSize.height);
+    EXPECT_NEAR(cv::mean(upper)[0] / cv::mean(lower)[0], 0.8, 0.02);
+    EXPECT_LE(cv::norm(levels, first, cv::NORM_INF), 1.0) << lamp;
+    EXPECT_LE(cv::norm(lower, cv::Mat(lower.size(), CV_8U, cv::mean(lower)), cv::NORM_INF), 1.5);
+  }
+
+  references[1] = cv::Mat1w(kSize, uint16_t{65000});
+  EXPECT_EQ(VelostrixFitFlat(ImagesOf(references).data(), kCount, &call.settings, &message),
+            VELOSTRIX_INVALID_ARGUMENT);
+  EXPECT_STREQ(message.text, "reference 2 of a flat part is saturated; expose it shorter");
+}
+
+TEST(HostLibrary, ViewsOfHeightsLeaveOutSurfaceAndBorder) {
+  const cv::Size size(120, 100);
+  cv::Mat1w height(size);
+  for (int i = 0; i < size.height; ++i) {
+    for (int j = 0; j < size.width; ++j) {
+      const double x = j / 60.0 - 1.0;
+      const double y = i / 50.0 - 1.0;
+      const double bump = (i / 10 + j / 10) % 2 == 0 ? 500.0 : -500.0;
+      height(i, j) =
+          static_cast<uint16_t>(i < 10 ? 60000.0 : 20000.0 + 5000.0 * (x + y + x * y) + bump);
+    }
+  }
+  const VelostrixImage image = {height.data, 0, size.width, size.height, 2, 0};
+  cv::Mat1b out(size);
+  VelostrixHeightView view = {};
+  ASSERT_EQ(VelostrixViewHeight(&image, VELOSTRIX_SURFACE_QUADRATIC, 50, out.data, 0,
+                                static_cast<int64_t>(out.total()), &view, nullptr),
+            VELOSTRIX_OK);
+  EXPECT_EQ(view.border, 12);  // an eighth of 100
+  EXPECT_NEAR(view.white - view.black, 1000.0, 100.0);
+  EXPECT_LT(out(15, 45), 30);  // fields of the board: 1 + 4 is odd
+  EXPECT_GT(out(15, 35), 225);
+  EXPECT_EQ(out(5, 60), 255);
+  const cv::Mat inside = out(cv::Rect(12, 12, 96, 76));
+  const double middle = cv::countNonZero((inside > 30) & (inside < 225));
+  EXPECT_LT(middle, 0.02 * static_cast<double>(inside.total()));
+  EXPECT_EQ(VelostrixViewHeight(&image, 2, 50, out.data, 0, 12000, &view, nullptr),
+            VELOSTRIX_INVALID_ARGUMENT);
+  EXPECT_EQ(VelostrixViewHeight(&image, 0, 50, out.data, 0, 11999, &view, nullptr),
+            VELOSTRIX_INVALID_ARGUMENT);
+}
+
+TEST(HostLibrary, NamesAreOrderedByTheirNumbers) {
+  const std::vector<const char*> ordered = {"",
+                                            "a",
+                                            "a/lamp2",
+                                            "a1b",
+                                            "a1b0",
+                                            "a02",
+                                            "a2",
+                                            "a2b",
+                                            "a10",
+                                            "a010b",
+                                            "a99999999999999999999",
+                                            "a100000000000000000000",
+                                            "b",
+                                            "\xc3\xa4"};
+  for (size_t k = 0; k < ordered.size(); ++k) {
+    for (size_t l = 0; l < ordered.size(); ++l) {
+      const int order = VelostrixCompareNames(ordered[k], ordered[l]);
+      EXPECT_EQ((order > 0) - (order < 0), (k > l) - (k < l)) << ordered[k] << ' ' << ordered[l];
+    }
+  }
+}
+
 TEST(HostLibrary, RecipesComeBackAndWhatTheyCannotHoldIsNamed) {
   Recipe recipe;
   Parameters& p = recipe.parameters;
@@ -295,6 +395,8 @@ TEST(HostLibrary, RecipesComeBackAndWhatTheyCannotHoldIsNamed) {
   p.magnitude = {3, 200.25};
   p.channel = {{{100, 128.0}, {128, -90.0}, {-5, 4000.0}}};
   recipe.bits = 12;
+  recipe.white = 3500;
+  recipe.flat.resize(kCount, {1.0, 0.0, -0.125, 0.0, 0.0, 0.25});
   const std::string text = WriteRecipe(recipe);
   EXPECT_EQ(WriteRecipe(ParseRecipe(ReadFile(VELOSTRIX_RECIPE))), text);
   EXPECT_EQ(WriteRecipe(ParseRecipe("{\"recipe\": " + text + ", \"times_ms\": {}}")), text);
@@ -328,6 +430,10 @@ TEST(HostLibrary, RecipesComeBackAndWhatTheyCannotHoldIsNamed) {
            {"\"scale\":2", "recipe: scale 2"},
            {"\"band\":1,\"band\":2", "band is there twice"},
            {"\"recipe_version\":1", "recipe_version is there twice"},
+           {"\"white\":65536", "recipe: white 65536; expected 1 to 65535"},
+           {"\"flat\":[[1],[2],[3]]", "flat is [1]; expected 15 coefficients"},
+           {"\"flat\":7", "flat is 7; expected an array"},
+           {"\"flat\":[[1,1,1,1,1,1,1,1,1,1,1,1,1,1,1]]", "1 images given; expected 3 to 8"},
            {"\"band\":", "is no JSON"}}) {
     try {
       static_cast<void>(ParseRecipe(std::string("{\"recipe_version\":1,") + members + "}"));

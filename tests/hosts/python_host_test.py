@@ -31,6 +31,7 @@ def expect_equal(result, expected):
         np.testing.assert_array_equal(result[name], image, name)
 
 
+FLAT = ((1.0, 0.0, -0.125, 0.0, 0.0, 0.25) + 9 * (0.0,),) * 4
 CURVATURE = Parameters(outputs=["curvature"])
 
 
@@ -101,7 +102,7 @@ class Marshalling(unittest.TestCase):
             "partcols", 20, outputs, (8, 6, 80, 60), 0.75, True, "forward", 2, 30,
             "upright", (1, 90.5), 12,
             {"factor": 0.9, "curvature": 300.5, "magnitude": 200.25, "channel1": -90, "channel2": 4000},
-            {"curvature": 120, "magnitude": 3, "channel0": 100, "channel2": -5})
+            {"curvature": 120, "magnitude": 3, "channel0": 100, "channel2": -5}, 3500, FLAT)
         self.assertEqual(Parameters.load(recipe), parameters)
         self.assertEqual(json.loads(parameters.to_json()), json.loads(recipe.read_text()))
         for field in dataclasses.fields(Parameters):
@@ -114,6 +115,29 @@ class Marshalling(unittest.TestCase):
             self.assertEqual(Parameters.load(str(path)), parameters)
             path.write_text('{"recipe_version": 1, "blur": 2}')
             self.assertRaisesRegex(ValueError, "recipe.json: recipe: blur", Parameters.load, path)
+
+    def test_flat_fields_folders_and_views(self):
+        y, x = np.mgrid[0:60, 0:80] / 40 - 0.5
+        lights = [np.exp(-(x - a) ** 2 - y * b) for a, b in ((0, 0), (1, 0), (0, 1), (1, 1))]
+        shots = [np.rint(60000 * light / 3).astype(np.uint16) for light in lights]
+        flat = velostrix.fit_flat(shots, Parameters(white=60000, outputs=["channel0", "height"]))
+        result = velostrix.reconstruct(shots, flat)
+        self.assertEqual((len(flat.flat), flat.white), (4, 60000))
+        dark = [shot // 99 for shot in shots]
+        self.assertRaisesRegex(ValueError, "reference 1 .* dark", velostrix.fit_flat, dark, flat)
+        self.assertRaisesRegex(ValueError, "fields of 15", velostrix.reconstruct, shots, flat=[[1]])
+        self.assertRaisesRegex(ValueError, "3 images given, but flat has the fields of 4 lamps",
+                               velostrix.reconstruct, shots[:3], flat)
+
+        view = result.height_view("plane", 5)
+        self.assertEqual((view.shape, view.dtype), ((60, 80), np.uint8))
+        self.assertGreater(np.ptp(view[5:-5, 5:-5].astype(int)), 250)
+        self.assertRaisesRegex(ValueError, "plane, quadratic", result.height_view, "cone")
+        with tempfile.TemporaryDirectory() as folder:
+            for name in ("b10.PNG", "b9.png", "a.txt", "b09.tif", "b.jpg"):
+                pathlib.Path(folder, name).touch()
+            names = [path.name for path in velostrix.image_files(folder)]
+        self.assertEqual(names, ["b.jpg", "b9.png", "b09.tif", "b10.PNG"])
 
     def test_chosen_gains_can_be_given_again_and_given_ones_are_kept(self):
         for chosen in (Parameters("cali"), Parameters(), Parameters(gains={"channel2": 9.0})):

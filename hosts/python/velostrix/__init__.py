@@ -16,15 +16,17 @@ from numpy.typing import ArrayLike
 
 from . import _native
 from .cluster import batch
+from .images import image_files
 from .parameters import (
     OUTPUTS, RUNS, Difference, GainOutput, Orientation, Output, Parameters, Run, ScaledOutput,
     expect, integer, sequence)
 from .result import OrientationFound, Result, Timings
-from .tool import Diagnostics, Exposure, Tool
+from .tool import Diagnostics, Exposure, Tool, fit_flat
 
 __all__ = [
     "OUTPUTS", "RUNS", "Diagnostics", "Exposure", "OrientationFound", "Parameters", "Result",
-    "Timings", "Tool", "batch", "diagnose", "reconstruct", "set_threads", "threads",
+    "Timings", "Tool", "batch", "diagnose", "fit_flat", "image_files", "reconstruct", "set_threads",
+    "threads",
 ]
 __version__: str = _native.call("LibraryVersion").decode()
 
@@ -51,6 +53,8 @@ def reconstruct(
     bits: int = ...,
     gains: Mapping[GainOutput, float] = ...,
     offsets: Mapping[ScaledOutput, int] = ...,
+    white: int = ...,
+    flat: Sequence[Sequence[float]] = ...,
 ) -> Result: ...
 
 
@@ -59,7 +63,7 @@ def reconstruct(
 ) -> Result:
     """Reconstructs one part from 3 to 8 images of one scene under different lamps.
 
-    images: uint8 arrays of one shape (rows, cols), or uint16 with `bits`; not changed.
+    images: uint8 arrays of one shape (rows, cols), or uint16 with `bits` or `white`; not changed.
     parameters, or their fields by name: see `Parameters`. Outputs without a gain get one that makes
         the image readable, found by 2 or 3 runs more; so, to compare parts, pass the first part's
         ``result.parameters`` for the next ones.

@@ -13,7 +13,8 @@ from typing import Any, Callable, List, NoReturn, Tuple
 SEARCH_VARIABLE = "VELOSTRIX_LIBRARY_PATH"
 OUTPUT_COUNT = 8
 MOST_IMAGES = 8
-LONGEST_RECIPE = 4096  # bytes
+FLAT_TERMS = 15
+LONGEST_RECIPE = 16384  # bytes
 BUSY = 4
 _ERRORS = {1: ValueError, 2: MemoryError}  # by status; RuntimeError for all others
 
@@ -36,12 +37,17 @@ class Settings(Structure):
         (c_int32, "has_region"), (Region, "region"), (c_int32, "equalise"), (c_double, "scale"),
         (c_int32, "difference blur_radius iteration_cap bits"), (c_double * OUTPUT_COUNT, "gain"),
         (c_int32 * OUTPUT_COUNT, "offset"), (c_uint32, "kept_gains kept_offsets"),
-        (c_int32, "orientation lamp"), (c_double, "lamp_degrees"))
+        (c_int32, "orientation lamp"), (c_double, "lamp_degrees"),
+        (c_int32, "white flat_count"), (c_double * FLAT_TERMS * MOST_IMAGES, "flat"))
 
 
 class Image(Structure):
     _fields_ = _fields(
         (c_void_p, "data"), (c_int64, "row_stride"), (c_int32, "width height sample_bytes reserved"))
+
+
+class HeightView(Structure):
+    _fields_ = _fields((c_int32, "removed border"), (c_double, "black white"))
 
 
 class Plane(Structure):
@@ -74,7 +80,7 @@ class Diagnostics(Structure):
         (c_double * MOST_IMAGES, "shifts"), (c_double, "noise_share"))
 
 
-_SIZES = {Settings: 184, Image: 32, Plane: 32, Orientation: 56, Times: 88, Diagnostics: 424}
+_SIZES = {Settings: 1152, Image: 32, Plane: 32, Orientation: 56, Times: 88, Diagnostics: 424}
 for _record, _size in _SIZES.items():
     assert ctypes.sizeof(_record) == _size, _record
 

@@ -1,6 +1,9 @@
 """Arrays for the host library, refused with the line of code that converts them, and its results."""
 import ctypes
-from typing import Any, Iterable, List, Tuple
+import functools
+import os
+import pathlib
+from typing import Any, Iterable, List, Tuple, Union
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
@@ -59,6 +62,21 @@ def read_image(argument: str, image: ArrayLike) -> Tuple[NDArray[Any], _native.I
         array = np.ascontiguousarray(array)
     record = _native.Image(array.ctypes.data, array.strides[0], cols, rows, array.itemsize)
     return array, record
+
+
+_EXTENSIONS = {".png", ".bmp", ".tif", ".tiff", ".jpg", ".jpeg"}
+
+
+def image_files(folder: Union[str, "os.PathLike[str]"]) -> List[pathlib.Path]:
+    """The image files of a folder in the order in which all hosts and the command line take them:
+    natural, ``lamp2.png`` before ``lamp10.png``."""
+    def compare(a: pathlib.Path, b: pathlib.Path) -> int:
+        order: int = _native.call("CompareNames", os.fsencode(a), os.fsencode(b))
+        return order
+
+    files = (path for path in pathlib.Path(folder).iterdir()
+             if path.suffix.lower() in _EXTENSIONS and path.is_file())
+    return sorted(files, key=functools.cmp_to_key(compare))
 
 
 class View:

@@ -15,6 +15,7 @@ from . import _native
 Run = Literal["uncali", "cali", "partrows", "partcols"]
 Difference = Literal["central", "forward"]
 Orientation = Literal["as-is", "upright"]
+Surface = Literal["plane", "quadratic"]
 ByteOutput = Literal[
     "factor", "curvature", "magnitude", "channel0", "channel1", "channel2", "normal"]
 Output = Literal[ByteOutput, Literal["height"]]
@@ -25,6 +26,7 @@ GainOutput = Literal[Literal["factor"], ScaledOutput]
 RUNS: Tuple[Run, ...] = get_args(Run)
 DIFFERENCES: Tuple[Difference, ...] = get_args(Difference)
 ORIENTATIONS: Tuple[Orientation, ...] = get_args(Orientation)
+SURFACES: Tuple[Surface, ...] = get_args(Surface)
 OUTPUTS: Tuple[Output, ...] = (
     "factor", "curvature", "magnitude", "height", "channel0", "channel1", "channel2", "normal")
 CHANNELS: Tuple[Output, ...] = ("channel0", "channel1", "channel2")
@@ -58,7 +60,7 @@ def _number(argument: str, value: object) -> float:
         raise ValueError(f"{argument}: {value} given; expected a finite number") from None
 
 
-def _index(argument: str, value: object, names: Sequence[object]) -> int:
+def index(argument: str, value: object, names: Sequence[object]) -> int:
     expect(argument, value, str, f"one of {', '.join(map(str, names))}")
     if value not in names:
         expected = ", ".join(map(str, names))
@@ -76,7 +78,7 @@ def sequence(argument: str, values: Iterable[_T], text: str) -> Tuple[_T, ...]:
 
 
 def _set_of(argument: str, outputs: Iterable[object], names: Sequence[Output]) -> int:
-    return sum({1 << OUTPUTS.index(names[_index(argument, name, names)]) for name in outputs})
+    return sum({1 << OUTPUTS.index(names[index(argument, name, names)]) for name in outputs})
 
 
 def names_in(bits: int, names: Sequence[Any]) -> Tuple[Any, ...]:
@@ -116,13 +118,18 @@ class Parameters:
     #: index of an image and where its lamp shines from in the images, roughly, in degrees: 0 from the
     #: right, 90 from above, 180 from the left; tells bumps from dents when upright
     lamp: Optional[Tuple[int, float]] = None
-    #: in use of uint16 images, 8 to 16; 0: not said, and uint16 is refused
+    #: in use of uint16 images, 8 to 16; 0: not said
     bits: int = 0
     #: grey levels per unit of the map, by output; factor: multiplies the normalised image. What is
     #: not named is chosen by `reconstruct` and has the default of the library in `Tool.prepare`
     gains: Mapping[GainOutput, float] = field(default_factory=dict)
     #: grey level of value 0, by output; not named: as for gains
     offsets: Mapping[ScaledOutput, int] = field(default_factory=dict)
+    #: the sample of uint16 images that is white, 1 to 65535; 0: as bits say. With neither, uint16 is
+    #: refused
+    white: int = 0
+    #: flat fields of the lamps, which their images are divided by; made by `fit_flat`
+    flat: Sequence[Sequence[float]] = ()
 
     @classmethod
     def from_json(cls: Type["Parameters"], recipe: Union[str, bytes]) -> "Parameters":
@@ -161,23 +168,30 @@ class Parameters:
     def settings(self) -> _native.Settings:
         """The record of the host library."""
         record = new_settings()
-        record.run = _index("run", self.run, RUNS)
+        record.run = index("run", self.run, RUNS)
         expect("outputs", self.outputs, Collection, "a sequence of names")
         outputs = sequence("outputs", self.outputs, "a sequence of names")
         record.outputs = _set_of("outputs", outputs, OUTPUTS)
         expect("equalise", self.equalise, (bool, np.bool_), "True or False")
         record.equalise = bool(self.equalise)
         record.scale = _number("scale", self.scale)
-        record.difference = _index("difference", self.difference, DIFFERENCES)
-        record.orientation = _index("orientation", self.orientation, ORIENTATIONS)
+        record.difference = index("difference", self.difference, DIFFERENCES)
+        record.orientation = index("orientation", self.orientation, ORIENTATIONS)
         if self.lamp is not None:
             lamp = sequence("lamp", self.lamp, "(image, degrees)")
             if len(lamp) != 2:
                 raise ValueError(f"lamp: {self.lamp!r} given; expected (image, degrees)")
             record.lamp = integer("lamp", lamp[0])
             record.lamp_degrees = _number("lamp", lamp[1])
-        for name in ("band", "blur_radius", "iteration_cap", "bits"):
+        for name in ("band", "blur_radius", "iteration_cap", "bits", "white"):
             setattr(record, name, integer(name, getattr(self, name)))
+        text = f"at most {_native.MOST_IMAGES} fields of {_native.FLAT_TERMS} numbers"
+        flat = [sequence("flat", lamp, text) for lamp in sequence("flat", self.flat, text)]
+        if len(flat) > _native.MOST_IMAGES or any(len(f) != _native.FLAT_TERMS for f in flat):
+            raise ValueError(f"flat: {self.flat!r} given; expected {text}")
+        record.flat_count = len(flat)
+        for k, lamp in enumerate(flat):
+            record.flat[k] = tuple(_number("flat", value) for value in lamp)
         if self.region is not None:
             text = "(x, y, width, height)"
             region = sequence("region", self.region, text)
@@ -198,7 +212,7 @@ class Parameters:
     @classmethod
     def from_settings(cls: Type["Parameters"], record: _native.Settings) -> "Parameters":
         region = record.region
-        plain = ("band", "scale", "blur_radius", "iteration_cap", "bits")
+        plain = ("band", "scale", "blur_radius", "iteration_cap", "bits", "white")
         return cls(
             run=RUNS[record.run],
             outputs=names_in(record.outputs, OUTPUTS),
@@ -215,6 +229,7 @@ class Parameters:
                 output: record.offset[OUTPUTS.index(output)]
                 for output in names_in(record.kept_offsets, _WITH_OFFSET)
             },
+            flat=tuple(tuple(lamp) for lamp in record.flat[: record.flat_count]),
             **{name: getattr(record, name) for name in plain},
         )
 

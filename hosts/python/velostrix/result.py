@@ -1,5 +1,6 @@
 """What a run made: the images, and how they show themselves."""
 import base64
+import ctypes
 import io
 from dataclasses import dataclass
 from typing import Any, Dict, Iterator, Literal, Optional, Tuple, Union, overload
@@ -7,7 +8,9 @@ from typing import Any, Dict, Iterator, Literal, Optional, Tuple, Union, overloa
 import numpy as np
 from numpy.typing import NDArray
 
-from .parameters import OUTPUTS, ByteOutput, Output, Parameters
+from . import _native
+from .images import read_image
+from .parameters import OUTPUTS, SURFACES, ByteOutput, Output, Parameters, Surface, index, integer
 
 _SHOWN_SIZE = (320, 320)  # pixels at most, in a notebook
 
@@ -57,7 +60,9 @@ class Result:
     channel1: NDArray[np.uint8]  #: slope across the rows (cali: normal y)
     channel2: NDArray[np.uint8]  #: brightness (cali: normal z)
     normal: NDArray[np.uint8]  #: the three channels in one image
-    height: NDArray[np.uint16]  #: relative height over the full 16-bit range
+    #: relative height: 0 is the lowest and 65535 the highest place of this image, border included.
+    #: Differences compare within the image, but not with those of another one, and have no unit
+    height: NDArray[np.uint16]
 
     def __init__(
         self, parameters: Parameters, timings: Timings, orientation: OrientationFound,
@@ -88,6 +93,28 @@ class Result:
             raise KeyError(self._refusal(name))
         image: NDArray[Any] = vars(self)[name]
         return image
+
+    def height_view(
+        self, removed: Surface = "quadratic", border: Optional[int] = None
+    ) -> NDArray[np.uint8]:
+        """The height as a picture for eyes: 8 bits, without tilt and bowl, so that all but the
+        outermost half percent on each side fill the levels.
+
+        removed: the surface, fitted by least squares, that is left out: ``"plane"`` or
+            ``"quadratic"``.
+        border: pixels at the sides that count for nothing, of which an eighth of the shorter side is
+            used at most; None: iteration_cap / scale.
+        """
+        if border is None:
+            cap = self.parameters.iteration_cap
+            border = 2**31 - 1 if cap < 0 else min(2**31 - 1, int(cap / self.parameters.scale))
+        height, record = read_image("height", self["height"])
+        view = np.empty(height.shape, np.uint8)
+        _native.call_with_message(
+            "ViewHeight", ctypes.byref(record), index("removed", removed, SURFACES),
+            integer("border", border), view.ctypes.data_as(ctypes.c_void_p), ctypes.c_int64(0),
+            ctypes.c_int64(view.nbytes), None)
+        return view
 
     def __contains__(self, name: object) -> bool:
         return name in OUTPUTS and name in vars(self)

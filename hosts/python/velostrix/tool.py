@@ -262,6 +262,23 @@ class Tool:
         )
 
 
+def fit_flat(
+    references: Iterable[ArrayLike], parameters: Parameters = Parameters()
+) -> Parameters:
+    """The parameters with the flat fields of one image of a flat, matt part under each lamp, in the
+    order of the images. From then on every image is divided by its lamp's, which evens out light that
+    falls off over the image, and lamps of different brightness. The fields are smooth: stains and dust
+    on the flat part do not come in.
+
+    Raises ValueError for references that are saturated or dark.
+    """
+    given = Images(references)
+    settings = _settings_of(parameters)
+    _native.call_with_message(
+        "FitFlat", given.records, len(given.records), ctypes.byref(settings))
+    return Parameters.from_settings(settings)
+
+
 def _told(number: float) -> Optional[float]:
     return None if number < 0 else number
 

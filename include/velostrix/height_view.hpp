@@ -1,0 +1,118 @@
+// C++ hosts: a height as a picture for eyes. Header-only, C++17.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <opencv2/core.hpp>
+#include <string>
+#include <vector>
+
+#include "velostrix/tool.hpp"
+
+namespace velostrix {
+
+// The smooth surface, fitted by least squares, that a view leaves out.
+enum class Surface {
+  kPlane,     // a tilt
+  kQuadratic  // a tilt and a bowl, as lamps near the part leave
+};
+
+// What the command line and other languages call them.
+inline constexpr std::array<const char*, 2> kSurfaceNames = {"plane", "quadratic"};
+
+// A view, and what its levels mean. Heights are levels of the 16-bit image above the surface.
+struct HeightView {
+  cv::Mat image;        // CV_8UC1
+  Surface removed;      // from the height
+  int border;           // pixels on each side that neither surface nor range are taken from
+  double black, white;  // the heights that levels 0 and 255 show
+};
+
+// How far the border of a height reaches into an image, in pixels: a step of the solver carries
+// heights on by one pixel of the working size.
+[[nodiscard]] inline int HeightBorder(const Parameters& parameters) {
+  constexpr int kMost = std::numeric_limits<int>::max();
+  if (parameters.iteration_cap < 0) return kMost;
+  return static_cast<int>(std::min<double>(kMost, parameters.iteration_cap / parameters.scale));
+}
+
+namespace height_view_detail {
+
+// Of the terms 1, x, y, x^2, x y, y^2 those of the surface; x and y from -1 to 1.
+inline std::array<double, 6> Terms(double x, double y, Surface surface) {
+  if (surface == Surface::kPlane) return {1.0, x, y, 0.0, 0.0, 0.0};
+  return {1.0, x, y, x * x, x * y, y * y};
+}
+
+inline double Coordinate(int pixel, int size) { return (2.0 * pixel + 1.0) / size - 1.0; }
+
+}  // namespace height_view_detail
+
+// The height (CV_16UC1) in 8 bits, without tilt or bowl, so that all but the outermost half percent
+// on each side fill the levels. Surface and range are taken inside a border, which a height of few
+// iterations has at the top and the left (HeightBorder), and of which an eighth of the shorter side
+// is used at most.
+[[nodiscard]] inline HeightView ViewHeight(const cv::Mat& height, Surface removed, int border) {
+  using namespace height_view_detail;
+  constexpr int kMostShare = 8;
+  constexpr int kMostSamples = 400;  // in a row or column
+  constexpr double kOutermost = 0.005;
+  if (height.empty() || height.type() != CV_16UC1)
+    throw Error("the height is no 16-bit grey image");
+  const int shorter = std::min(height.rows, height.cols);
+  HeightView view = {{}, removed, std::clamp(border, 0, shorter / kMostShare), 0.0, 0.0};
+  const int step_y = std::max(1, height.rows / kMostSamples);
+  const int step_x = std::max(1, height.cols / kMostSamples);
+  const auto visit_samples = [&](const auto& visit) {
+    for (int i = view.border; i < height.rows - view.border; i += step_y) {
+      for (int j = view.border; j < height.cols - view.border; j += step_x) {
+        visit(Terms(Coordinate(j, height.cols), Coordinate(i, height.rows), removed),
+              height.at<uint16_t>(i, j));
+      }
+    }
+  };
+
+  // Least squares: (sum t t') s = sum t h over the samples with terms t and height h.
+  cv::Matx<double, 6, 6> normal = cv::Matx<double, 6, 6>::zeros();
+  cv::Vec<double, 6> right;
+  visit_samples([&](const std::array<double, 6>& terms, double sample) {
+    const cv::Vec<double, 6> t(terms.data());
+    normal += t * t.t();
+    right += t * sample;
+  });
+  const cv::Vec<double, 6> surface = normal.solve(right, cv::DECOMP_SVD);
+
+  std::vector<double> heights;
+  visit_samples([&](const std::array<double, 6>& terms, double sample) {
+    heights.push_back(sample - cv::Vec<double, 6>(terms.data()).dot(surface));
+  });
+  const auto rank = [&](double share) {
+    const auto place =
+        heights.begin() + std::lround(share * static_cast<double>(heights.size() - 1));
+    std::nth_element(heights.begin(), place, heights.end());
+    return *place;
+  };
+  view.black = rank(kOutermost);
+  view.white = std::max(view.black + 1.0, rank(1.0 - kOutermost));
+
+  view.image.create(height.size(), CV_8UC1);
+  const double gain = 255.0 / (view.white - view.black);
+  for (int i = 0; i < height.rows; ++i) {
+    // h - s(x, y) with s = a + b x + c x^2 in this row.
+    const double y = Coordinate(i, height.rows);
+    const double a = surface[0] + surface[2] * y + surface[5] * y * y + view.black;
+    const double b = surface[1] + surface[4] * y;
+    const auto* const from = height.ptr<uint16_t>(i);
+    auto* const to = view.image.ptr<uint8_t>(i);
+    for (int j = 0; j < height.cols; ++j) {
+      const double x = Coordinate(j, height.cols);
+      to[j] = cv::saturate_cast<uint8_t>((from[j] - (a + x * (b + x * surface[3]))) * gain);
+    }
+  }
+  return view;
+}
+
+}  // namespace velostrix
