@@ -22,7 +22,7 @@ try:
 except ImportError:
     distributed = None
 
-PROGRAM = pathlib.Path(sys.argv.pop()).resolve()
+PROGRAM = pathlib.Path(sys.argv[-1]).resolve()
 TIMES = {"date", "load_ms", "run_ms", "encode_ms"}  # columns that differ from run to run
 
 
@@ -315,4 +315,4 @@ class Batch(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    unittest.main(argv=sys.argv[:-1])
