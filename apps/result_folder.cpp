@@ -83,10 +83,10 @@ std::vector<ReportInput> ReadInputs(const ResultFolder& folder) {
   for (size_t k = 0; k < noted.size(); ++k) {
     ReportInput& input = inputs.emplace_back(ReportInput{noted[k].file, {}, {}});
     try {
-      const std::string no_bayer;  // raw frames are shown as they are
-      int bits = folder.recipe.bits;
-      const InputImage image = is_split ? LoadChannels(input.file, no_bayer, bits)[k]
-                                        : LoadImages({input.file}, no_bayer, bits).front();
+      Recipe recipe = folder.recipe;
+      recipe.flat.clear();  // photographs, and raw frames, are shown as they are
+      const std::vector<InputImage> images = LoadImages({input.file}, {}, {is_split, ""}, recipe);
+      const InputImage& image = is_split ? images[k] : images.front();
       if (image.sha256 == noted[k].sha256 && fits(image.pixels.size())) {
         input.pixels = image.pixels;
       } else {
