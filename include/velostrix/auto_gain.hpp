@@ -1,4 +1,5 @@
-// C++ hosts: gains that make the result images readable without tuning. Header-only, C++17.
+/// @file
+/// C++ hosts: gains that make the result images readable without tuning. Header-only, C++17.
 #pragma once
 
 #include <algorithm>
@@ -13,15 +14,15 @@
 namespace velostrix {
 namespace auto_gain_detail {
 
-// How far the levels of an image lie from its zero level, the outermost percent on each side left
-// out.
+/// How far the levels of an image lie from its zero level, the outermost percent on each side left
+/// out.
 struct Reach {
   int below = 0;
   int above = 0;
   int Widest() const { return std::max(below, above); }
 };
 
-// mask: pixels that count are not 0; or empty.
+/// mask: pixels that count are not 0; or empty.
 inline Reach MeasureReach(const cv::Mat& image, int zero_level, const cv::Mat& mask = {}) {
   std::array<int64_t, 256> histogram = {};
   for (int i = 0; i < image.rows; ++i) {
@@ -43,13 +44,13 @@ inline Reach MeasureReach(const cv::Mat& image, int zero_level, const cv::Mat& m
           std::max(0, static_cast<int>(high) - zero_level)};
 }
 
-// The search for the gain of one output.
+/// The search for the gain of one output.
 struct Search {
   Output output;
   double usual_gain;
   double gain;
-  int zero_level;  // offset of the pilots
-  Reach reach;     // in the latest pilot
+  int zero_level;  ///< offset of the pilots
+  Reach reach;     ///< in the latest pilot
   bool is_readable = false;
   bool is_done = false;
 
@@ -88,14 +89,14 @@ struct Search {
 
 }  // namespace auto_gain_detail
 
-// Returns the parameters with gain and offset of every output that they ask for chosen for these
-// images, but for those to keep (factor, normal and height have nothing to choose). Without the
-// outermost percent on each side, the values fill grey levels 16 to 240 around 128, those of the
-// magnitude 0 to 240. Channel 2, when all its values have one sign, is a brightness and fills 0 to
-// 240 too, by a negative gain if need be. A flat map keeps the gain that suits usual relief.
-//
-// Does this by pilot runs without height, 2 or 3 as a rule and 8 at most. Choose once for a kind of
-// part and keep the parameters: only under equal gains can parts be compared.
+/// Returns the parameters with gain and offset of every output that they ask for chosen for these
+/// images, but for those to keep (factor, normal and height have nothing to choose). Without the
+/// outermost percent on each side, the values fill grey levels 16 to 240 around 128, those of the
+/// magnitude 0 to 240. Channel 2, when all its values have one sign, is a brightness and fills 0 to
+/// 240 too, by a negative gain if need be. A flat map keeps the gain that suits usual relief.
+///
+/// Does this by pilot runs without height, 2 or 3 as a rule and 8 at most. Choose once for a kind
+/// of part and keep the parameters: only under equal gains can parts be compared.
 [[nodiscard]] inline Parameters ChooseGains(Tool& tool, const std::vector<cv::Mat>& images,
                                             Parameters parameters, OutputSet keep = {}) {
   constexpr int kMostPilots = 8;

@@ -1,5 +1,6 @@
-// C++ hosts: uneven light evened out by one image of a flat part under each lamp. Header-only,
-// C++17.
+/// @file
+/// C++ hosts: uneven light evened out by one image of a flat part under each lamp. Header-only,
+/// C++17.
 #pragma once
 
 #include <algorithm>
@@ -14,20 +15,20 @@
 
 namespace velostrix {
 
-// The brightness of a flat part over the image under one lamp, in shares of the mean of all lamps:
-// the coefficients of x^i y^j, i + j <= 4, in the order 1, y, .., y^4, x, x y, .., x^4, with x and
-// y from -1 to 1 across the image, whatever its size.
+/// The brightness of a flat part over the image under one lamp, in shares of the mean of all lamps:
+/// the coefficients of x^i y^j, i + j <= 4, in the order 1, y, .., y^4, x, x y, .., x^4, with x and
+/// y from -1 to 1 across the image, whatever its size.
 using FlatField = std::array<double, 15>;
 
 namespace flat_field_detail {
 
 constexpr int kDegree = 4;
-// No image is made more than ten times as bright.
+/// No image is made more than ten times as bright.
 constexpr float kDarkest = 0.1F;
 
 inline double Coordinate(double pixel, int size) { return (2.0 * pixel + 1.0) / size - 1.0; }
 
-// The terms that the coefficients multiply.
+/// The terms that the coefficients multiply.
 inline FlatField Terms(double x, double y) {
   FlatField terms = {};
   size_t k = 0;
@@ -45,9 +46,9 @@ inline double Median(std::vector<double> values) {
   return *middle;
 }
 
-// The surface through the levels of the reference, from the means of at most 64 x 64 blocks. Least
-// squares whose weights leave out what does not belong to a smooth surface (Beaton and Tukey 1974:
-// biweight), from a start that outliers move less than least squares.
+/// The surface through the levels of the reference, from the means of at most 64 x 64 blocks. Least
+/// squares whose weights leave out what does not belong to a smooth surface (Beaton and Tukey 1974:
+/// biweight), from a start that outliers move less than least squares.
 inline FlatField FitSurface(const cv::Mat& reference) {
   constexpr int kMostBlocks = 64;
   constexpr int kRounds = 20;
@@ -96,9 +97,9 @@ inline FlatField FitSurface(const cv::Mat& reference) {
 
 }  // namespace flat_field_detail
 
-// The fields of one image of a flat, matt part under each lamp (CV_8UC1 or CV_16UC1 with the level
-// `white` as white), which images of parts are divided by. They are smooth, so that stains and dust
-// on the flat part do not come in. Throws Error for a reference that is saturated or dark.
+/// The fields of one image of a flat, matt part under each lamp (CV_8UC1 or CV_16UC1 with the level
+/// `white` as white), which images of parts are divided by. They are smooth, so that stains and
+/// dust on the flat part do not come in. Throws Error for a reference that is saturated or dark.
 [[nodiscard]] inline std::vector<FlatField> FitFlat(const std::vector<cv::Mat>& references,
                                                     int white = 255) {
   constexpr double kMostSaturated = 0.05;  // of the pixels
@@ -128,8 +129,8 @@ inline FlatField FitSurface(const cv::Mat& reference) {
   return fields;
 }
 
-// The image (CV_8UC1 or CV_16UC1) as 8 bits, level = sample * 255 / white / field, rounded, at most
-// 255. An 8-bit image has the white 255.
+/// The image (CV_8UC1 or CV_16UC1) as 8 bits, level = sample * 255 / white / field, rounded, at
+/// most 255. An 8-bit image has the white 255.
 [[nodiscard]] inline cv::Mat Flatten(const cv::Mat& image, const FlatField& field,
                                      int white = 255) {
   using namespace flat_field_detail;

@@ -1,4 +1,5 @@
-/* The two flat records that a host hands to the module, with their layouts pinned. C11 and C++17.
+/** @file
+ * The two flat records that a host hands to the module, with their layouts pinned. C11 and C++17.
  */
 #ifndef VELOSTRIX_RECORDS_H
 #define VELOSTRIX_RECORDS_H
@@ -11,7 +12,7 @@
 extern "C" {
 #endif
 
-/* Indices of UnCalibrationParam::output_enable: which result images a run makes. */
+/** Indices of UnCalibrationParam::output_enable: which result images a run makes. */
 enum VelostrixOutput {
   VELOSTRIX_OUTPUT_FACTOR = 0,
   VELOSTRIX_OUTPUT_CURVATURE = 1,
@@ -20,61 +21,62 @@ enum VelostrixOutput {
   VELOSTRIX_OUTPUT_CHANNEL0 = 4,
   VELOSTRIX_OUTPUT_CHANNEL1 = 5,
   VELOSTRIX_OUTPUT_CHANNEL2 = 6,
-  VELOSTRIX_OUTPUT_NORMAL = 7, /* also makes channels 0, 1 and 2 */
+  VELOSTRIX_OUTPUT_NORMAL = 7, /**< also makes channels 0, 1 and 2 */
   VELOSTRIX_OUTPUT_COUNT = 8
 };
 
-/* What images and parameters are held to, and where scaling begins. */
+/** What images and parameters are held to, and where scaling begins. */
 enum VelostrixLimit {
   VELOSTRIX_FEWEST_IMAGES = 3,
   VELOSTRIX_MOST_IMAGES = 8,
-  VELOSTRIX_SMALLEST_WIDTH = 3, /* pixels to work on */
+  VELOSTRIX_SMALLEST_WIDTH = 3, /**< pixels to work on */
   VELOSTRIX_SMALLEST_HEIGHT = 2,
-  VELOSTRIX_SMALLEST_BAND = 10,      /* what is below counts as this */
-  VELOSTRIX_LARGEST_SMALL_SIDE = 10, /* images scaled to this many pixels or fewer are not scaled */
+  VELOSTRIX_SMALLEST_BAND = 10, /**< what is below counts as this */
+  VELOSTRIX_LARGEST_SMALL_SIDE =
+      10, /**< images scaled to this many pixels or fewer are not scaled */
   VELOSTRIX_LARGEST_BLUR_RADIUS = 32767
 };
 
-/* A scale of this or more leaves images as they are. */
+/** A scale of this or more leaves images as they are. */
 #define VELOSTRIX_SCALED_BELOW 0.99
 
-/* How one float map becomes an 8-bit image: level = saturate(value * gain + offset). */
+/** How one float map becomes an 8-bit image: level = saturate(value * gain + offset). */
 typedef struct OutputScaling {
-  int32_t offset; /* levels, added after the gain */
-  double gain;    /* levels per unit of the map */
+  int32_t offset; /**< levels, added after the gain */
+  double gain;    /**< levels per unit of the map */
 } OutputScaling;
 
-/* Everything that SetVelostrixUnCalibrationToolParam_CPU sets. 200 bytes, natural alignment; a host
- * starts from an all-zero record, which switches every output off. */
+/** Everything that SetVelostrixUnCalibrationToolParam_CPU sets. 200 bytes, natural alignment; a
+ * host starts from an all-zero record, which switches every output off. */
 typedef struct UnCalibrationParam {
-  int32_t image_count; /* N, images of one run: 3 to 8 */
-  int32_t width;       /* pixels; at least 3 for the derivative images */
-  int32_t height;      /* pixels; at least 2 for the derivative images */
-  int32_t row_step;    /* elements from one row to the next in the tool's planes: at least width */
-  int32_t output_enable[VELOSTRIX_OUTPUT_COUNT]; /* non-zero: make that image */
-  double scale; /* below VELOSTRIX_SCALED_BELOW the tool works on images scaled by it; 1 = full */
-  int32_t difference_mode; /* derivative maps: 1 = forward differences, anything else = central */
-  int32_t blur_radius;   /* pixels; k >= 1 smooths with a (2k+1) x (2k+1) Gaussian; at most 32767 */
-  int32_t iteration_cap; /* height integration: conjugate-gradient iterations at most; 50 is usual,
-                            0 = none (flat height), negative = twice the number of pixels */
-  int32_t factor_offset; /* kept for the layout; read by nothing */
-  double factor_gain;    /* the factor image is normalised to 0..255, then multiplied by this */
-  OutputScaling curvature;   /* of the curvature image */
-  OutputScaling magnitude;   /* of the magnitude image */
-  OutputScaling channel[3];  /* of the images of channels 0, 1 and 2 */
-  OutputScaling reserved[2]; /* kept for the layout; read by nothing */
-  int32_t equalise_on;       /* non-zero: even out the column brightness of every input image */
+  int32_t image_count; /**< N, images of one run: 3 to 8 */
+  int32_t width;       /**< pixels; at least 3 for the derivative images */
+  int32_t height;      /**< pixels; at least 2 for the derivative images */
+  int32_t row_step; /**< elements from one row to the next in the tool's planes: at least width */
+  int32_t output_enable[VELOSTRIX_OUTPUT_COUNT]; /**< non-zero: make that image */
+  double scale; /**< below VELOSTRIX_SCALED_BELOW the tool works on images scaled by it; 1 = full */
+  int32_t difference_mode; /**< derivative maps: 1 = forward differences, anything else = central */
+  int32_t blur_radius; /**< pixels; k >= 1 smooths with a (2k+1) x (2k+1) Gaussian; at most 32767 */
+  int32_t iteration_cap;   /**< height integration: most conjugate-gradient iterations; 50 is usual,
+                              0 = flat height, negative = twice the number of pixels */
+  int32_t factor_offset;   /**< kept for the layout; read by nothing */
+  double factor_gain;      /**< the factor image is normalised to 0..255, then multiplied by this */
+  OutputScaling curvature; /**< of the curvature image */
+  OutputScaling magnitude; /**< of the magnitude image */
+  OutputScaling channel[3];  /**< of the images of channels 0, 1 and 2 */
+  OutputScaling reserved[2]; /**< kept for the layout; read by nothing */
+  int32_t equalise_on;       /**< non-zero: even out the column brightness of every input image */
 } UnCalibrationParam;
 
-/* One image in host memory, as SetVelostrixUnCalibrationToolImage_CPU_csharp takes it. 32 bytes. */
+/** One image in memory, as SetVelostrixUnCalibrationToolImage_CPU_csharp takes it. 32 bytes. */
 typedef struct ImageRecord {
-  const void* data;   /* first pixel; owned by the host, read during the call only */
-  int32_t width;      /* columns */
-  int32_t height;     /* rows */
-  int32_t row_stride; /* bytes from one row to the next; 0 = rows without gaps */
-  int32_t unread;     /* not read */
-  int32_t
-      type_code; /* 1..4: 8-bit unsigned with 1..4 channels, 5..8: 16-bit unsigned, 9..12: float */
+  const void* data;   /**< first pixel; owned by the host, read during the call only */
+  int32_t width;      /**< columns */
+  int32_t height;     /**< rows */
+  int32_t row_stride; /**< bytes from one row to the next; 0 = rows without gaps */
+  int32_t unread;     /**< not read */
+  int32_t type_code;  /**< 1..4: 8-bit unsigned with 1..4 channels, 5..8: 16-bit unsigned, 9..12:
+                         float */
 } ImageRecord;
 
 #ifdef __cplusplus

@@ -1,33 +1,34 @@
-// C++ hosts: the tool as an object that cannot leak or be used in the wrong order. Header-only,
-// C++17.
-//
-//   velostrix::Tool tool;
-//   velostrix::Parameters parameters;          // everything on, readable defaults
-//   parameters.region = cv::Rect(100, 50, 800, 600);
-//   for (;;) {
-//     const std::vector<cv::Mat> images = ...;  // 3 to 8, 8-bit, one channel, one size
-//     const velostrix::Results results = tool.Reconstruct(images, parameters);
-//     Inspect(results[velostrix::Output::kCurvature]);
-//   }
-//
-// As lamps fire one after the other, images can be set one by one:
-//
-//   tool.Prepare(4, cv::Size(1280, 1024), parameters);
-//   for (;;) {
-//     for (int lamp = 0; lamp < 4; ++lamp) tool.SetImage(Grab(lamp));
-//     for (const auto& [output, image] : tool.Run()) Show(velostrix::Name(output), image);
-//   }
-//
-// A Tool keeps its working buffers (about 52 + 5 N bytes a pixel) from part to part and allocates
-// anew only when the number of images, their size, the region or the scale changes. One Tool is
-// used by one thread at a time; separate Tools are independent.
-//
-// What cannot be done is thrown as velostrix::Error, whose text says what was refused and what is
-// expected; the Tool is then as it was. After velostrix::OutOfMemory, std::bad_alloc and
-// cv::Exception it has to be prepared again. A library of another version than these headers is
-// refused when the first Tool is prepared.
-//
-// Link Velostrix::Velostrix, which brings OpenCV's core along.
+/// @file
+/// C++ hosts: the tool as an object that cannot leak or be used in the wrong order. Header-only,
+/// C++17.
+/// @verbatim
+///   velostrix::Tool tool;
+///   velostrix::Parameters parameters;          // everything on, readable defaults
+///   parameters.region = cv::Rect(100, 50, 800, 600);
+///   for (;;) {
+///     const std::vector<cv::Mat> images = ...;  // 3 to 8, 8-bit, one channel, one size
+///     const velostrix::Results results = tool.Reconstruct(images, parameters);
+///     Inspect(results[velostrix::Output::kCurvature]);
+///   }
+/// @endverbatim
+/// As lamps fire one after the other, images can be set one by one:
+/// @verbatim
+///   tool.Prepare(4, cv::Size(1280, 1024), parameters);
+///   for (;;) {
+///     for (int lamp = 0; lamp < 4; ++lamp) tool.SetImage(Grab(lamp));
+///     for (const auto& [output, image] : tool.Run()) Show(velostrix::Name(output), image);
+///   }
+/// @endverbatim
+/// A Tool keeps its working buffers (about 52 + 5 N bytes a pixel) from part to part and allocates
+/// anew only when the number of images, their size, the region or the scale changes. One Tool is
+/// used by one thread at a time; separate Tools are independent.
+///
+/// What cannot be done is thrown as velostrix::Error, whose text says what was refused and what is
+/// expected; the Tool is then as it was. After velostrix::OutOfMemory, std::bad_alloc and
+/// cv::Exception it has to be prepared again. A library of another version than these headers is
+/// refused when the first Tool is prepared.
+///
+/// Link Velostrix::Velostrix, which brings OpenCV's core along.
 #pragma once
 
 #include <array>
@@ -50,81 +51,83 @@
 
 namespace velostrix {
 
-// Says what was refused and what is expected.
+/// Says what was refused and what is expected.
 class Error : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-// The call has to wait for another one, such as Prepare.
+/// The call has to wait for another one, such as Prepare.
 class WrongState : public Error {
  public:
   using Error::Error;
 };
 
-// The working buffers do not fit into memory.
+/// The working buffers do not fit into memory.
 class OutOfMemory : public Error {
  public:
   using Error::Error;
 };
 
-// The result images of a run; uncalibration.h says what each shows.
+/// The result images of a run; uncalibration.h says what each shows.
 enum class Output {
-  kFactor = VELOSTRIX_OUTPUT_FACTOR,        // CV_8UC1
-  kCurvature = VELOSTRIX_OUTPUT_CURVATURE,  // CV_8UC1
-  kMagnitude = VELOSTRIX_OUTPUT_MAGNITUDE,  // CV_8UC1
-  kHeight = VELOSTRIX_OUTPUT_HEIGHT,        // CV_16UC1
-  kChannel0 = VELOSTRIX_OUTPUT_CHANNEL0,    // CV_8UC1
-  kChannel1 = VELOSTRIX_OUTPUT_CHANNEL1,    // CV_8UC1
-  kChannel2 = VELOSTRIX_OUTPUT_CHANNEL2,    // CV_8UC1
-  kNormal = VELOSTRIX_OUTPUT_NORMAL         // CV_8UC3; brings channels 0, 1 and 2 with it
+  kFactor = VELOSTRIX_OUTPUT_FACTOR,        ///< CV_8UC1
+  kCurvature = VELOSTRIX_OUTPUT_CURVATURE,  ///< CV_8UC1
+  kMagnitude = VELOSTRIX_OUTPUT_MAGNITUDE,  ///< CV_8UC1
+  kHeight = VELOSTRIX_OUTPUT_HEIGHT,        ///< CV_16UC1
+  kChannel0 = VELOSTRIX_OUTPUT_CHANNEL0,    ///< CV_8UC1
+  kChannel1 = VELOSTRIX_OUTPUT_CHANNEL1,    ///< CV_8UC1
+  kChannel2 = VELOSTRIX_OUTPUT_CHANNEL2,    ///< CV_8UC1
+  kNormal = VELOSTRIX_OUTPUT_NORMAL         ///< CV_8UC3; brings channels 0, 1 and 2 with it
 };
 
-// In the order in which they are shown.
+/// In the order in which they are shown.
 inline constexpr std::array<Output, VELOSTRIX_OUTPUT_COUNT> kAllOutputs = {
     Output::kFactor,   Output::kCurvature, Output::kMagnitude, Output::kChannel0,
     Output::kChannel1, Output::kChannel2,  Output::kNormal,    Output::kHeight};
 
-// What the normal image is merged from.
+/// What the normal image is merged from.
 inline constexpr std::array<Output, 3> kChannels = {Output::kChannel0, Output::kChannel1,
                                                     Output::kChannel2};
 
-// "factor", "curvature", ...
+/// "factor", "curvature", ...
 constexpr const char* Name(Output output) {
   constexpr const char* kNames[] = {"factor",   "curvature", "magnitude", "height",
                                     "channel0", "channel1",  "channel2",  "normal"};
   return kNames[static_cast<int>(output)];
 }
 
-// Which images a run makes.
+/// Which images a run makes.
 class OutputSet {
  public:
-  // No output.
+  /// No output.
   OutputSet() = default;
 
-  // The outputs that are named.
+  /// The outputs that are named.
   OutputSet(std::initializer_list<Output> outputs) {
     for (const Output output : outputs) Add(output);
   }
 
-  // Every output.
+  /// Every output.
   static OutputSet All() {
     OutputSet all;
     all.on_.set();
     return all;
   }
 
-  // Puts an output in, takes it out, tells whether it is in, and whether none is.
+  /// Puts an output in, takes it out, tells whether it is in, and whether none is.
+  ///@{
   void Add(Output output) { on_.set(static_cast<size_t>(output)); }
   void Remove(Output output) { on_.reset(static_cast<size_t>(output)); }
   bool Contains(Output output) const { return on_.test(static_cast<size_t>(output)); }
   bool IsEmpty() const { return on_.none(); }
+  ///@}
 
  private:
   std::bitset<VELOSTRIX_OUTPUT_COUNT> on_;
 };
 
-// The outputs that a run makes when it is asked for these: normal brings the channels.
+/// The outputs that a run makes when it is asked for these: normal brings the channels.
 inline OutputSet WithChannels(OutputSet outputs) {
   if (outputs.Contains(Output::kNormal)) {
     for (const Output channel : kChannels) outputs.Add(channel);
@@ -132,56 +135,61 @@ inline OutputSet WithChannels(OutputSet outputs) {
   return outputs;
 }
 
-// How surface orientation is recovered.
+/// How surface orientation is recovered.
 enum class Run {
-  kUncalibrated,  // lamps unknown, the whole frame at once
-  kCalibrated,    // lamps in the fixed ring that follows from their number
-  kPartRows,      // lamps unknown, band by band of rows
-  kPartCols       // lamps unknown, strip by strip of columns
+  kUncalibrated,  ///< lamps unknown, the whole frame at once
+  kCalibrated,    ///< lamps in the fixed ring that follows from their number
+  kPartRows,      ///< lamps unknown, band by band of rows
+  kPartCols       ///< lamps unknown, strip by strip of columns
 };
 
-// How slopes are differentiated in the full-frame runs: central is calmer, forward resolves finer
-// lines.
+/// How slopes are differentiated in the full-frame runs: central is calmer, forward resolves finer
+/// lines.
 enum class Difference { kCentral, kForward };
 
-// What is done about slopes that an uncalibrated run finds mirrored, turned or with the other sign:
-// as-is leaves all results as they come. Upright measures it on every part (upright.hpp) and puts
-// it right by runs on flipped or transposed images; height, channels and normal are then those of
-// the scene as seen, as far as curl and the lamp of Parameters::lamp tell. The curvature is that
-// of the mirrored slopes where it shows more, and then adds up in all directions. The partial runs
-// and those with `equalise` are not transposed. The calibrated run, whose signs are known, is left
-// as it is.
+/// What is done about slopes that an uncalibrated run finds mirrored, turned or with the other
+/// sign: as-is leaves all results as they come. Upright measures it on every part (upright.hpp) and
+/// puts it right by runs on flipped or transposed images; height, channels and normal are then
+/// those of the scene as seen, as far as curl and the lamp of Parameters::lamp tell. The curvature
+/// is that of the mirrored slopes where it shows more, and then adds up in all directions. The
+/// partial runs and those with `equalise` are not transposed. The calibrated run, whose signs are
+/// known, is left as it is.
 enum class Orientation { kAsIs, kUpright };
 
-// What recipes and the command line call them.
+/// What recipes and the command line call them.
+///@{
 inline constexpr std::array<const char*, 2> kOrientationNames = {"as-is", "upright"};
 inline constexpr std::array<const char*, 4> kRunNames = {"uncali", "cali", "partrows", "partcols"};
 inline constexpr std::array<const char*, 2> kDifferenceNames = {"central", "forward"};
+///@}
 
-// What a run does. Number and size of the images come from the images themselves.
+/// What a run does. Number and size of the images come from the images themselves.
 struct Parameters {
-  Run run = Run::kUncalibrated;  // which of the four runs
-  int band = 64;  // kPartRows, kPartCols: rows or columns of a piece; below 10 counts as 10
-  OutputSet outputs = OutputSet::All();  // which images to make
-  std::optional<cv::Rect> region;  // inside the images, at least 3 x 2 pixels; none = whole image
-  double scale = 1.0;     // above 0, at most 1. Below 0.99 the tool works on images scaled by it,
-                          // unless that would leave 10 pixels or fewer; results come in full size.
-  bool equalise = false;  // even out the column brightness of every image first
-  Difference difference = Difference::kCentral;  // ignored by the partial runs
-  int blur_radius = 0;     // pixels, 0 to 32767: smoothing of curvature and magnitude
-  int iteration_cap = 50;  // of the height; 0 = flat, negative = as many as it takes
-  Orientation orientation = Orientation::kAsIs;  // as slopes come, or put right
-  std::optional<LampHint> lamp;  // kUpright: tells bumps from dents; without, the sign stays open
+  Run run = Run::kUncalibrated;  ///< which of the four runs
+  int band = 64;  ///< kPartRows, kPartCols: rows or columns of a piece; below 10 counts as 10
+  OutputSet outputs = OutputSet::All();  ///< which images to make
+  std::optional<cv::Rect> region;  ///< inside the images, at least 3 x 2 pixels; none = whole image
+  double scale = 1.0;  ///< above 0, at most 1. Below 0.99 the tool works on images scaled by it,
+                       ///< unless that would leave 10 pixels or fewer; results come in full size.
+  bool equalise = false;  ///< even out the column brightness of every image first
+  Difference difference = Difference::kCentral;  ///< ignored by the partial runs
+  int blur_radius = 0;     ///< pixels, 0 to 32767: smoothing of curvature and magnitude
+  int iteration_cap = 50;  ///< of the height; 0 = flat, negative = as many as it takes
+  Orientation orientation = Orientation::kAsIs;  ///< as slopes come, or put right
+  std::optional<LampHint> lamp;  ///< kUpright: tells bumps from dents; without, the sign stays open
 
-  // Gains in grey levels per unit of the map. ChooseGains (auto_gain.hpp) finds them; channel 2 of
-  // the uncalibrated runs has no default that would suit, as its values are about 1 / sqrt(pixels).
+  /// Gains in grey levels per unit of the map. ChooseGains (auto_gain.hpp) finds them; channel 2 of
+  /// the uncalibrated runs has no default that would suit, as its values are about 1 /
+  /// sqrt(pixels).
+  ///@{
   double factor_gain = 1.0;
   OutputScaling curvature = {128, 256.0};
   OutputScaling magnitude = {0, 256.0};
   std::array<OutputScaling, 3> channel = {{{128, 128.0}, {128, 128.0}, {128, 127.0}}};
+  ///@}
 };
 
-// Gain and offset of an output; null for the factor image (factor_gain), normal and height.
+/// Gain and offset of an output; null for the factor image (factor_gain), normal and height.
 inline const OutputScaling* Scaling(const Parameters& parameters, Output output) {
   switch (output) {
     case Output::kCurvature:
@@ -199,24 +207,24 @@ inline const OutputScaling* Scaling(const Parameters& parameters, Output output)
   }
 }
 
-// The same, to be changed.
+/// The same, to be changed.
 inline OutputScaling* Scaling(Parameters& parameters, Output output) {
   return const_cast<OutputScaling*>(Scaling(std::as_const(parameters), output));
 }
 
-// Gain of an output; null for normal and height.
+/// Gain of an output; null for normal and height.
 inline const double* Gain(const Parameters& parameters, Output output) {
   if (output == Output::kFactor) return &parameters.factor_gain;
   const OutputScaling* const scaling = Scaling(parameters, output);
   return scaling == nullptr ? nullptr : &scaling->gain;
 }
 
-// The same, to be changed.
+/// The same, to be changed.
 inline double* Gain(Parameters& parameters, Output output) {
   return const_cast<double*>(Gain(std::as_const(parameters), output));
 }
 
-// The size at which the tool works on images of a size: that of the region, scaled if it is to be.
+/// The size at which the tool works on images of a size: that of the region, scaled if it is to be.
 [[nodiscard]] inline cv::Size WorkingSize(cv::Size images, const Parameters& parameters) {
   const cv::Size size = parameters.region ? parameters.region->size() : images;
   const double width = size.width * parameters.scale;
@@ -229,7 +237,7 @@ inline double* Gain(Parameters& parameters, Output output) {
 
 namespace tool_detail {
 
-// Over the images that are not empty, by the order of kAllOutputs.
+/// Over the images that are not empty, by the order of kAllOutputs.
 class ResultIterator {
  public:
   ResultIterator(const cv::Mat* images, size_t place) : images_(images), place_(place) { Skip(); }
@@ -254,46 +262,52 @@ class ResultIterator {
 
 }  // namespace tool_detail
 
-// The images that a run made; those that were not asked for are empty.
+/// The images that a run made; those that were not asked for are empty.
 class Results {
  public:
-  // Over those that were made, in the order of kAllOutputs:
-  // `for (const auto& [output, image] : results)`.
+  /// Over those that were made, in the order of kAllOutputs:
+  /// `for (const auto& [output, image] : results)`.
+  ///@{
   tool_detail::ResultIterator begin() const { return {images_.data(), 0}; }
   tool_detail::ResultIterator end() const { return {images_.data(), kAllOutputs.size()}; }
+  ///@}
 
-  // The image of an output, empty when it was not asked for.
+  /// The image of an output, empty when it was not asked for.
+  ///@{
   cv::Mat& operator[](Output output) { return images_[static_cast<size_t>(output)]; }
   const cv::Mat& operator[](Output output) const { return images_[static_cast<size_t>(output)]; }
+  ///@}
 
  private:
   std::array<cv::Mat, VELOSTRIX_OUTPUT_COUNT> images_;
 };
 
-// How long the calls of a reconstruction took, in milliseconds.
+/// How long the calls of a reconstruction took, in milliseconds.
 struct CallTimes {
-  double parameters = 0.0;     // parameters and region
-  double buffers = 0.0;        // allocating those in use, perhaps by an earlier reconstruction
-  std::vector<double> images;  // setting each image
-  double run = 0.0;            // the run itself
+  double parameters = 0.0;     ///< parameters and region
+  double buffers = 0.0;        ///< allocating those in use, perhaps by an earlier reconstruction
+  std::vector<double> images;  ///< setting each image
+  double run = 0.0;            ///< the run itself
 };
 
-// Throw Error for a number of images that no run takes, and when a reconstruction with these
-// parameters would be refused: of any images, of `count` images of a size, of these images.
+/// Throw Error for a number of images that no run takes, and when a reconstruction with these
+/// parameters would be refused: of any images, of `count` images of a size, of these images.
+///@{
 inline void CheckCount(int64_t count);
 inline void Check(const Parameters& parameters);
 inline void Check(int count, cv::Size size, const Parameters& parameters);
 inline void Check(const std::vector<cv::Mat>& images, const Parameters& parameters);
+///@}
 
-// 16-bit samples as 8-bit ones: level = sample * 255 / white, rounded; from `white` (1 to 65535)
-// on, 255.
+/// 16-bit samples as 8-bit ones: level = sample * 255 / white, rounded; from `white` (1 to 65535)
+/// on, 255.
 [[nodiscard]] inline cv::Mat ToEightBits(const cv::Mat& image, int white) {
   cv::Mat levels;
   image.convertTo(levels, CV_8U, 255.0 / white);
   return levels;
 }
 
-// Throws Error, which begins with the name, when a 16-bit sample needs more bits than are in use.
+/// Throws Error, which begins with the name, when a 16-bit sample needs more bits than are in use.
 inline void RequireBits(const cv::Mat& image, int bits, const std::string& name) {
   const int full = (1 << bits) - 1;
   double most = 0.0;
@@ -304,8 +318,8 @@ inline void RequireBits(const cv::Mat& image, int bits, const std::string& name)
   }
 }
 
-// 16-bit samples, of which `bits` (8 to 16) are in use, as 8-bit ones: level = sample * 255 /
-// (2^bits - 1), rounded. Throws Error, which begins with the name, when a sample needs more bits.
+/// 16-bit samples, of which `bits` (8 to 16) are in use, as 8-bit ones: level = sample * 255 /
+/// (2^bits - 1), rounded. Throws Error, which begins with the name, when a sample needs more bits.
 [[nodiscard]] inline cv::Mat ToEightBits(const cv::Mat& image, int bits, const std::string& name) {
   RequireBits(image, bits, name);
   return ToEightBits(image, (1 << bits) - 1);
@@ -313,19 +327,19 @@ inline void RequireBits(const cv::Mat& image, int bits, const std::string& name)
 
 namespace tool_detail {
 
-// A tool of the module: one run after the other, each prepared anew.
+/// A tool of the module: one run after the other, each prepared anew.
 class ModuleTool {
  public:
-  // Brings the tool to `count` images of a size and to the parameters, and forgets images set
-  // before. times: of the latest part.
+  /// Brings the tool to `count` images of a size and to the parameters, and forgets images set
+  /// before. times: of the latest part.
   void Prepare(int count, cv::Size size, const Parameters& parameters, CallTimes& times);
 
-  // False: the buffers could not be allocated, and the tool is as new.
+  /// False: the buffers could not be allocated, and the tool is as new.
   bool SetImage(const cv::Mat& image);
 
   void ClearImages() { ClearVelostrixUnCalibrationToolImage_CPU(handle_.get()); }
 
-  // Headers over the tool's memory, or images that own theirs when scaled.
+  /// Headers over the tool's memory, or images that own theirs when scaled.
   Results Run(const Parameters& parameters);
 
  private:
@@ -336,7 +350,7 @@ class ModuleTool {
     }
   };
 
-  // What the buffers of the tool were allocated for.
+  /// What the buffers of the tool were allocated for.
   struct Geometry {
     int image_count;
     cv::Size size;
@@ -350,7 +364,7 @@ class ModuleTool {
     }
   };
 
-  std::unique_ptr<UnCalibrationTool, Deleter> handle_;  // null until the first part
+  std::unique_ptr<UnCalibrationTool, Deleter> handle_;  ///< null until the first part
   Geometry geometry_ = {};
 };
 
@@ -360,20 +374,20 @@ inline double MillisecondsSince(int64_t start) {
 
 }  // namespace tool_detail
 
-// A tool of the module, its buffers kept from part to part; see the top of this header.
+/// A tool of the module, its buffers kept from part to part; see the top of this header.
 class Tool {
  public:
-  // Runs on the images, in their order, and returns images that own their memory. known: what
-  // FindOrientation returned for these images and this run, so that it need not be measured again.
+  /// Runs on the images, in their order, and returns images that own their memory. known: what
+  /// FindOrientation returned for these images and this run, so that it need not be measured again.
   [[nodiscard]] Results Reconstruct(const std::vector<cv::Mat>& images,
                                     const Parameters& parameters,
                                     const OrientationFound* known = nullptr) {
     return Copies(ReconstructViews(images, parameters, known));
   }
 
-  // The same without the copy: the results may be headers over the tool's memory, valid until the
-  // next reconstruction or preparation by this tool and no longer than the tool itself (moving the
-  // tool keeps them).
+  /// The same without the copy: the results may be headers over the tool's memory, valid until the
+  /// next reconstruction or preparation by this tool and no longer than the tool itself (moving the
+  /// tool keeps them).
   [[nodiscard]] Results ReconstructViews(const std::vector<cv::Mat>& images,
                                          const Parameters& parameters,
                                          const OrientationFound* known = nullptr) & {
@@ -390,48 +404,48 @@ class Tool {
     return results;
   }
 
-  // Measures how the slopes of a run on the images lie on the scene. Not measured for parameters
-  // that leave it as it is. To be prepared again afterwards.
+  /// Measures how the slopes of a run on the images lie on the scene. Not measured for parameters
+  /// that leave it as it is. To be prepared again afterwards.
   [[nodiscard]] OrientationFound FindOrientation(const std::vector<cv::Mat>& images,
                                                  const Parameters& parameters);
 
-  // Leaves pixels out from here on, those where the mask is 0: CV_8UC1, as large as the images; an
-  // empty one leaves none out. They are black to the runs, so that no lamp's factor has part in
-  // them, count for no gain, and are neutral in the results: 128, in the height 0. To be prepared
-  // again afterwards.
+  /// Leaves pixels out from here on, those where the mask is 0: CV_8UC1, as large as the images; an
+  /// empty one leaves none out. They are black to the runs, so that no lamp's factor has part in
+  /// them, count for no gain, and are neutral in the results: 128, in the height 0. To be prepared
+  /// again afterwards.
   void SetMask(const cv::Mat& mask);
 
-  // As it was set, with 255 for pixels that count; or empty.
+  /// As it was set, with 255 for pixels that count; or empty.
   const cv::Mat& mask() const { return mask_; }
 
-  // Brings the tool to `count` images of a size and to the parameters, and forgets images set
-  // before. To be called again after a reconstruction of images all at once.
+  /// Brings the tool to `count` images of a size and to the parameters, and forgets images set
+  /// before. To be called again after a reconstruction of images all at once.
   void Prepare(int count, cv::Size size, const Parameters& parameters);
 
-  // Copies the next image into the tool: CV_8UC1, of the size that was prepared.
+  /// Copies the next image into the tool: CV_8UC1, of the size that was prepared.
   void SetImage(const cv::Mat& image);
 
-  // Forgets the images set so far.
+  /// Forgets the images set so far.
   void ClearImages() {
     run_.ClearImages();
     frames_.clear();
     images_set_ = 0;
   }
 
-  // Runs on the images that were set, all of those prepared for, and forgets them. Results as those
-  // of Reconstruct.
+  /// Runs on the images that were set, all of those prepared for, and forgets them. Results as
+  /// those of Reconstruct.
   [[nodiscard]] Results Run() { return Copies(RunViews()); }
 
-  // The same with results as those of ReconstructViews.
+  /// The same with results as those of ReconstructViews.
   [[nodiscard]] Results RunViews() & { return RunOn(nullptr); }
 
-  // How many images are set and not yet run on.
+  /// How many images are set and not yet run on.
   int images_set() const { return images_set_; }
 
-  // Of the latest part; of all its runs when it took several.
+  /// Of the latest part; of all its runs when it took several.
   const CallTimes& times() const { return times_; }
 
-  // How the slopes of the latest part lay on the scene, and what was done.
+  /// How the slopes of the latest part lay on the scene, and what was done.
   const OrientationFound& orientation() const { return orientation_; }
 
  private:
@@ -447,7 +461,7 @@ class Tool {
     if (!prepared_) throw WrongState("not prepared for images; prepare first");
   }
 
-  // Whether there is something to put right, in outputs that show it.
+  /// Whether there is something to put right, in outputs that show it.
   static bool IsMeasured(const Parameters& p) {
     const OutputSet outputs = WithChannels(p.outputs);
     const bool shows_it =
@@ -471,21 +485,21 @@ class Tool {
   Results RunOn(const OrientationFound* known);
 
   tool_detail::ModuleTool run_;
-  tool_detail::ModuleTool transposed_run_;  // on transposed images, whose buffers differ
+  tool_detail::ModuleTool transposed_run_;  ///< on transposed images, whose buffers differ
   std::optional<Parameters> prepared_;
-  int count_ = 0;  // images, and their size, as prepared
+  int count_ = 0;  ///< images, and their size, as prepared
   cv::Size size_;
   int images_set_ = 0;
   cv::Mat mask_;
-  std::vector<cv::Mat> frames_;  // images set, where they may be needed again
+  std::vector<cv::Mat> frames_;  ///< images set, where they may be needed again
   CallTimes times_;
   OrientationFound orientation_;
 };
 
 namespace tool_detail {
 
-// Throws Error when the library that is loaded does not fit the headers that the host was built
-// with.
+/// Throws Error when the library that is loaded does not fit the headers that the host was built
+/// with.
 inline void CheckLibrary() {
   VelostrixMessage message = {};
   const VelostrixStatus status =
@@ -525,7 +539,7 @@ inline void CheckImage(const cv::Mat& image, const std::string& name) {
   }
 }
 
-// `expected`: of all images; `why`: of it.
+/// `expected`: of all images; `why`: of it.
 inline void CheckImage(const cv::Mat& image, int index, cv::Size expected, const char* why) {
   const std::string name = "image " + std::to_string(index + 1);
   CheckImage(image, name);
@@ -539,11 +553,13 @@ inline void CheckImage(const cv::Mat& image, int index, cv::Size expected, const
 
 inline void tool_detail::ModuleTool::Prepare(int count, cv::Size size, const Parameters& parameters,
                                              CallTimes& times) {
-  // Scaling goes by way of a region, which fixes the working size without new buffers.
+  /// Scaling goes by way of a region, which fixes the working size without new buffers.
+  ///@{
   const bool has_region = parameters.region.has_value() || parameters.scale < 1.0;
   const cv::Rect region = parameters.region.value_or(cv::Rect({0, 0}, size));
   const Geometry geometry = {count, size, region, has_region, parameters.scale};
   const bool is_new = handle_ == nullptr || !(geometry == geometry_);
+  ///@}
 
   int64_t start = cv::getTickCount();
   if (is_new) {
@@ -632,7 +648,7 @@ inline void Tool::SetImage(const cv::Mat& image) {
   ++images_set_;
 }
 
-// Image `index` of a run.
+/// Image `index` of a run.
 inline void Tool::SetOne(tool_detail::ModuleTool& tool, const cv::Mat& image, size_t index) {
   const int64_t start = cv::getTickCount();
   if (!tool.SetImage(image)) {
@@ -647,7 +663,7 @@ inline void Tool::SetOne(tool_detail::ModuleTool& tool, const cv::Mat& image, si
   times_.images[index] += tool_detail::MillisecondsSince(start);
 }
 
-// The first run of a part, which shows how its slopes lie.
+/// The first run of a part, which shows how its slopes lie.
 inline Parameters Tool::PilotOf(Parameters p) {
   p.outputs = {Output::kChannel0, Output::kChannel1};
   p.channel[0] = p.channel[1] = {upright_detail::kPilotOffset, upright_detail::kPilotGain};
@@ -696,7 +712,7 @@ inline Results Tool::RunOnce(tool_detail::ModuleTool& tool, const Parameters& pa
   return results;
 }
 
-// A run on the frames in an order; its results as they come.
+/// A run on the frames in an order; its results as they come.
 inline Results Tool::RunInOrder(PixelOrder order, Parameters parameters) {
   if (parameters.region) parameters.region = order.Ordered(*parameters.region, size_);
   tool_detail::ModuleTool& tool = order.is_transposed ? transposed_run_ : run_;
@@ -723,7 +739,7 @@ inline OrientationFound Tool::Measure(const Results& pilot, PixelOrder order) {
                             may_turn, mask);
 }
 
-// From the pilot, whose images are set.
+/// From the pilot, whose images are set.
 inline OrientationFound Tool::MeasureFrames() {
   const Parameters pilot = PilotOf(*prepared_);
   const bool is_partial = prepared_->run != velostrix::Run::kUncalibrated;
@@ -731,8 +747,8 @@ inline OrientationFound Tool::MeasureFrames() {
   if (!is_partial) return found;
   found.has_mirrored_curvature = false;
   if (!found.is_mirrored) return found;
-  // The signs of pieces depend on the order of their pixels: what the flipped run gives has to be
-  // seen.
+  /// The signs of pieces depend on the order of their pixels: what the flipped run gives has to be
+  /// seen.
   constexpr PixelOrder kFlipped = {false, true};
   const OrientationFound flipped = Measure(RunInOrder(kFlipped, pilot), kFlipped);
   const bool is_better = flipped.curl_as_is >= 0.0 && flipped.curl_as_is < found.curl_as_is;
@@ -744,7 +760,7 @@ inline OrientationFound Tool::MeasureFrames() {
   return found;
 }
 
-// The runs that give upright results.
+/// The runs that give upright results.
 inline Results Tool::RunUpright(const OrientationFound& found) {
   const Parameters& wanted = *prepared_;
   const OutputSet outputs = WithChannels(wanted.outputs);
@@ -770,12 +786,14 @@ inline Results Tool::RunUpright(const OrientationFound& found) {
     p.outputs.Add(Output::kChannel0);
     p.outputs.Add(Output::kChannel1);
   }
-  // Of the run's channels 0 and 1; see PixelOrder.
+  /// Of the run's channels 0 and 1; see PixelOrder.
+  ///@{
   p.channel[0].gain *= found.is_turned ? -sign : sign;
   p.channel[1].gain *= order.is_flipped == found.is_turned ? sign : -sign;
   Results run;
   if (!p.outputs.IsEmpty()) run = RunInOrder(order, p);
   if (found.is_turned) std::swap(run[Output::kChannel0], run[Output::kChannel1]);
+  ///@}
 
   Results results;
   for (const Output output : kAllOutputs) {

@@ -1,4 +1,5 @@
-/* The exported functions of the module VelostrixUncalibration. C11 and C++17.
+/** @file
+ * The exported functions of the module VelostrixUncalibration. C11 and C++17.
  *
  * 3 to 8 pictures of one part, taken from one place under different lamps, become pictures of its
  * relief: print and stains fade, dents, scratches and embossing stand out.
@@ -60,10 +61,10 @@
 #define VELOSTRIX_API __attribute__((visibility("default")))
 #endif
 
-/* The tool; opaque to hosts. */
+/** The tool; opaque to hosts. */
 typedef struct UnCalibrationTool UnCalibrationTool;
 
-/* An image: OpenCV's cv::Mat; opaque to C. */
+/** An image: OpenCV's cv::Mat; opaque to C. */
 #ifdef __cplusplus
 namespace cv {
 class Mat;
@@ -74,20 +75,26 @@ extern "C" {
 typedef struct VelostrixMat VelostrixMat;
 #endif
 
-/* ---- create ------------------------------------------------------------------------------------
+/** @defgroup create Create
+ * @{
  */
 
-/* Makes a tool with no geometry, no buffers, every output off, scale 1 and iteration cap 50. Stores
- * it in *out (when out is not null) and returns it. Refuses nothing. Out of memory: std::bad_alloc.
+/** Makes a tool with no geometry, no buffers, every output off, scale 1 and iteration cap 50.
+ * Stores it in *out (when out is not null) and returns it. Refuses nothing. Out of memory:
+ * std::bad_alloc.
  */
 VELOSTRIX_API UnCalibrationTool* CreateVelostrixUnCalibrationToolPtr_CPU(UnCalibrationTool** out);
+/** @copydoc CreateVelostrixUnCalibrationToolPtr_CPU */
 VELOSTRIX_API UnCalibrationTool* CreateVelostrixUnCalibrationToolPtr_CPU_csharp(
     UnCalibrationTool** out);
 
-/* ---- parameters and region ---------------------------------------------------------------------
+/** @} */
+
+/** @defgroup parameters_and_region Parameters and region
+ * @{
  */
 
-/* Copies the record into the tool. Refused: a null record. Sets image count, geometry (working and
+/** Copies the record into the tool. Refused: a null record. Sets image count, geometry (working and
  * result size: width x height, row stride row_step), switches, gains and offsets. Leaves the
  * region, the buffers and the count of set images alone: a change of geometry or image count wants
  * Release and Initial. A scale below 0.99 switches scaling on. A later scale of 0.99 or more does
@@ -95,10 +102,11 @@ VELOSTRIX_API UnCalibrationTool* CreateVelostrixUnCalibrationToolPtr_CPU_csharp(
  * counts as not below 0.99. */
 VELOSTRIX_API bool SetVelostrixUnCalibrationToolParam_CPU(UnCalibrationTool* tool,
                                                           const UnCalibrationParam* param);
+/** @copydoc SetVelostrixUnCalibrationToolParam_CPU */
 VELOSTRIX_API bool SetVelostrixUnCalibrationToolParam_CPU_csharp(UnCalibrationTool* tool,
                                                                  const UnCalibrationParam* param);
 
-/* Restricts the tool to the rectangle with the inclusive corners (x1, y1) and (x2, y2), in pixels
+/** Restricts the tool to the rectangle with the inclusive corners (x1, y1) and (x2, y2), in pixels
  * of the input images, clamped to the current working size (so a second region is clamped by the
  * first; set the parameters again to start afresh). With scaling on and more than 10 scaled pixels
  * each way the working size becomes region x scale, truncated; otherwise scaling is switched off
@@ -107,32 +115,38 @@ VELOSTRIX_API bool SetVelostrixUnCalibrationToolParam_CPU_csharp(UnCalibrationTo
  * - with scaling on, one of which the scale makes a size that no image can have */
 VELOSTRIX_API bool SetVelostrixUnCalibrationToolROI_CPU(UnCalibrationTool* tool, int32_t x1,
                                                         int32_t y1, int32_t x2, int32_t y2);
+/** @copydoc SetVelostrixUnCalibrationToolROI_CPU */
 VELOSTRIX_API bool SetVelostrixUnCalibrationToolROI_CPU_csharp(UnCalibrationTool* tool, int32_t x1,
                                                                int32_t y1, int32_t x2, int32_t y2);
 
-/* Lifts the region and sets the working size: rows x cols with row_step elements from row to row
+/** Lifts the region and sets the working size: rows x cols with row_step elements from row to row
  * (note the order). Returns rows x row_step; 0 for a null tool. With scaling on, Initial computes
  * the working size anew from the result size. */
 VELOSTRIX_API int64_t ClearVelostrixUnCalibrationToolROI_CPU(UnCalibrationTool* tool, int32_t rows,
                                                              int32_t cols, int32_t row_step);
+/** @copydoc ClearVelostrixUnCalibrationToolROI_CPU */
 VELOSTRIX_API int64_t ClearVelostrixUnCalibrationToolROI_CPU_csharp(UnCalibrationTool* tool,
                                                                     int32_t rows, int32_t cols,
                                                                     int32_t row_step);
 
-/* ---- buffers and images ------------------------------------------------------------------------
+/** @} */
+
+/** @defgroup buffers_and_images Buffers and images
+ * @{
  */
 
-/* Allocates the working buffers for the current geometry and image count (about 52 + 5 N bytes a
+/** Allocates the working buffers for the current geometry and image count (about 52 + 5 N bytes a
  * pixel, zero-filled). When memory runs out, images and runs are refused until Release and Initial.
  * Does not free the buffers of an earlier call: Release first. Allocates nothing for
  * - an image count outside 3 to 8
  * - a frame without pixels, or a row_step below its width
  * - with scaling on and no region, a scaled size that no image can have */
 VELOSTRIX_API void InitialVelostrixUnCalibrationToolImage_CPU(UnCalibrationTool* tool);
+/** @copydoc InitialVelostrixUnCalibrationToolImage_CPU */
 VELOSTRIX_API void InitialVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibrationTool* tool);
 
-/* Copies the next image into the tool: cut to the region if one is set, resized to the working size
- * when scaling is on, equalised when the parameters ask for it. The image must be 8-bit
+/** Copies the next image into the tool: cut to the region if one is set, resized to the working
+ * size when scaling is on, equalised when the parameters ask for it. The image must be 8-bit
  * single-channel and, without scaling, of the region's or working size. True: stored, the count of
  * set images has grown by one. Refused:
  * - a null or empty image, or one of more than two dimensions
@@ -148,20 +162,22 @@ VELOSTRIX_API void InitialVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibrati
 VELOSTRIX_API bool SetVelostrixUnCalibrationToolImage_CPU(UnCalibrationTool* tool,
                                                           const VelostrixMat* image);
 
-/* The same for an image in plain memory. Refused besides:
+/** The same for an image in plain memory. Refused besides:
  * - a null record, a type code outside 1 to 12, no data, a width or height below 1
  * - a row stride, other than 0, shorter than a row or not a multiple of the sample's size */
 VELOSTRIX_API bool SetVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibrationTool* tool,
                                                                  const ImageRecord* image);
 
-/* Forgets the images set so far; frees nothing. */
+/** Forgets the images set so far; frees nothing. */
 VELOSTRIX_API void ClearVelostrixUnCalibrationToolImage_CPU(UnCalibrationTool* tool);
+/** @copydoc ClearVelostrixUnCalibrationToolImage_CPU */
 VELOSTRIX_API void ClearVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibrationTool* tool);
 
-/* ---- runs --------------------------------------------------------------------------------------
- */
+/** @} */
 
-/* Each run turns the N stored images into the result images that output_enable asks for. A result
+/** @defgroup runs Runs
+ *
+ * Each run turns the N stored images into the result images that output_enable asks for. A result
  * whose switch is off is not touched and may be null; normal switches channels 0, 1 and 2 on. All
  * are 8-bit single-channel but normal (three 8-bit channels: channels 0, 1, 2; owns its memory) and
  * height (16-bit single-channel). They have the working size, or the region's when scaling is on:
@@ -178,7 +194,7 @@ VELOSTRIX_API void ClearVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibration
  * - any result with scaling on and a result size without pixels
  * - uncalibrated runs: a frame or a piece of fewer than three pixels
  * - part columns: fewer than two rows
- *
+ * @verbatim
  *   result     content                                                     uncalibrated calibrated
  *   factor     factor map, normalised to 0..255, times factor_gain         brightness      albedo
  *   curvature  dP/dx + dQ/dy, curvature gain and offset
@@ -188,64 +204,75 @@ VELOSTRIX_API void ClearVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibration
  *   channel2   gated factor map, channel[2] gain and offset                brightness      normal z
  *   normal     channels 0, 1, 2 merged
  *   height     integrated slopes, 0..65535 over the range; a flat map gives 0
- */
+ * @endverbatim
+ * @{ */
 
-/* Unknown lamps, whole frame at once. */
+/** Unknown lamps, whole frame at once. */
 VELOSTRIX_API int32_t RunVelostrixUnCalibration_CPU_uncali(
     UnCalibrationTool* tool, VelostrixMat* factor, VelostrixMat* curvature, VelostrixMat* magnitude,
     VelostrixMat* channel0, VelostrixMat* channel1, VelostrixMat* channel2, VelostrixMat* normal,
     VelostrixMat* height);
+/** @copydoc RunVelostrixUnCalibration_CPU_uncali */
 VELOSTRIX_API int32_t RunVelostrixUnCalibration_CPU_csharp_uncali(
     UnCalibrationTool* tool, VelostrixMat* factor, VelostrixMat* curvature, VelostrixMat* magnitude,
     VelostrixMat* channel0, VelostrixMat* channel1, VelostrixMat* channel2, VelostrixMat* normal,
     VelostrixMat* height);
 
-/* Lamps in the fixed ring that follows from the image count. */
+/** Lamps in the fixed ring that follows from the image count. */
 VELOSTRIX_API int32_t RunVelostrixUnCalibration_CPU_cali(
     UnCalibrationTool* tool, VelostrixMat* factor, VelostrixMat* curvature, VelostrixMat* magnitude,
     VelostrixMat* channel0, VelostrixMat* channel1, VelostrixMat* channel2, VelostrixMat* normal,
     VelostrixMat* height);
+/** @copydoc RunVelostrixUnCalibration_CPU_cali */
 VELOSTRIX_API int32_t RunVelostrixUnCalibration_CPU_csharp_cali(
     UnCalibrationTool* tool, VelostrixMat* factor, VelostrixMat* curvature, VelostrixMat* magnitude,
     VelostrixMat* channel0, VelostrixMat* channel1, VelostrixMat* channel2, VelostrixMat* normal,
     VelostrixMat* height);
 
-/* Unknown lamps, strips of `band` columns, their signs aligned from strip to strip. A band below 10
- * counts as 10. The factor map is mirrored about its mid-range. */
+/** Unknown lamps, strips of `band` columns, their signs aligned from strip to strip. A band below
+ * 10 counts as 10. The factor map is mirrored about its mid-range. */
 VELOSTRIX_API int32_t RunVelostrixUnCalibration_CPU_partcols_uncali(
     UnCalibrationTool* tool, VelostrixMat* factor, VelostrixMat* curvature, VelostrixMat* magnitude,
     VelostrixMat* channel0, VelostrixMat* channel1, VelostrixMat* channel2, VelostrixMat* normal,
     VelostrixMat* height, int32_t band);
+/** @copydoc RunVelostrixUnCalibration_CPU_partcols_uncali */
 VELOSTRIX_API int32_t RunVelostrixUnCalibration_CPU_partcols_csharp_uncali(
     UnCalibrationTool* tool, VelostrixMat* factor, VelostrixMat* curvature, VelostrixMat* magnitude,
     VelostrixMat* channel0, VelostrixMat* channel1, VelostrixMat* channel2, VelostrixMat* normal,
     VelostrixMat* height, int32_t band);
 
-/* Unknown lamps, bands of `band` rows, each with its own signs. A band below 10 counts as 10. The
+/** Unknown lamps, bands of `band` rows, each with its own signs. A band below 10 counts as 10. The
  * factor map is mirrored about its mid-range. */
 VELOSTRIX_API int32_t RunVelostrixUnCalibration_CPU_partrows_uncali(
     UnCalibrationTool* tool, VelostrixMat* factor, VelostrixMat* curvature, VelostrixMat* magnitude,
     VelostrixMat* channel0, VelostrixMat* channel1, VelostrixMat* channel2, VelostrixMat* normal,
     VelostrixMat* height, int32_t band);
+/** @copydoc RunVelostrixUnCalibration_CPU_partrows_uncali */
 VELOSTRIX_API int32_t RunVelostrixUnCalibration_CPU_partrows_csharp_uncali(
     UnCalibrationTool* tool, VelostrixMat* factor, VelostrixMat* curvature, VelostrixMat* magnitude,
     VelostrixMat* channel0, VelostrixMat* channel1, VelostrixMat* channel2, VelostrixMat* normal,
     VelostrixMat* height, int32_t band);
 
-/* ---- release -----------------------------------------------------------------------------------
+/** @} */
+
+/** @defgroup release Release
+ * @{
  */
 
-/* Frees the working buffers and forgets the images; harmless to repeat. Results over the tool's
+/** Frees the working buffers and forgets the images; harmless to repeat. Results over the tool's
  * planes dangle from here on. */
 VELOSTRIX_API void ReleaseVelostrixUnCalibrationToolImage_CPU(UnCalibrationTool* tool);
+/** @copydoc ReleaseVelostrixUnCalibrationToolImage_CPU */
 VELOSTRIX_API void ReleaseVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibrationTool* tool);
 
-/* Destroys an array of cv::Mat made with new[], given its first element; null does nothing. */
+/** Destroys an array of cv::Mat made with new[], given its first element; null does nothing. */
 VELOSTRIX_API void DestroyImageArrayCPU(VelostrixMat* first);
+/** @copydoc DestroyImageArrayCPU */
 VELOSTRIX_API void DestroyImageArrayCPU_csharp(VelostrixMat* first);
 
-/* Destroys the tool; null does nothing. Does not free the working buffers: Release first. */
+/** Destroys the tool; null does nothing. Does not free the working buffers: Release first. */
 VELOSTRIX_API void DestroyVelostrixUnCalibrationToolPtr_CPU(UnCalibrationTool* tool);
+/** @copydoc DestroyVelostrixUnCalibrationToolPtr_CPU */
 VELOSTRIX_API void DestroyVelostrixUnCalibrationToolPtr_CPU_csharp(UnCalibrationTool* tool);
 
 #ifdef __cplusplus
@@ -253,3 +280,4 @@ VELOSTRIX_API void DestroyVelostrixUnCalibrationToolPtr_CPU_csharp(UnCalibration
 #endif
 
 #endif /* VELOSTRIX_UNCALIBRATION_H */
+/** @} */

@@ -1,16 +1,17 @@
-// C++ hosts: how the slopes of an uncalibrated run lie on the scene, and the order of pixels that
-// puts them right. Header-only, C++17; tool.hpp uses it for Parameters::orientation.
-//
-// An uncalibrated run knows the slopes up to a turn in the picture plane, a mirroring and a sign.
-// With x to the right and y up its channels 0 and 1 are the complex field
-//   g = P + i Q = e^(i turn) (dz/dx + i dz/dy)    or, mirrored, the conjugate of this.
-// For the slopes of a surface div + i curl = e^(i turn) (d2z/dx2 + d2z/dy2): at every pixel a real
-// number times one direction, whatever the turn. In mirrored slopes div and curl have no common
-// direction. So the smaller eigenvalue of their covariance matrix, as a share of both, is near 0
-// for one of g and its conjugate and near 1/2 for the other, which tells whether g is mirrored; the
-// larger one's eigenvector is the turn, up to the sign. (That slopes of a surface have no curl
-// settles what shading leaves open: Yuille and Snow 1997.) Sign and, where curl says nothing, turn
-// come from a lamp whose direction is known: parts that face it are bright.
+/// @file
+/// C++ hosts: how the slopes of an uncalibrated run lie on the scene, and the order of pixels that
+/// puts them right. Header-only, C++17; tool.hpp uses it for Parameters::orientation.
+///
+/// An uncalibrated run knows the slopes up to a turn in the picture plane, a mirroring and a sign.
+/// With x to the right and y up its channels 0 and 1 are the complex field
+///   g = P + i Q = e^(i turn) (dz/dx + i dz/dy)    or, mirrored, the conjugate of this.
+/// For the slopes of a surface div + i curl = e^(i turn) (d2z/dx2 + d2z/dy2): at every pixel a real
+/// number times one direction, whatever the turn. In mirrored slopes div and curl have no common
+/// direction. So the smaller eigenvalue of their covariance matrix, as a share of both, is near 0
+/// for one of g and its conjugate and near 1/2 for the other, which tells whether g is mirrored;
+/// the larger one's eigenvector is the turn, up to the sign. (That slopes of a surface have no curl
+/// settles what shading leaves open: Yuille and Snow 1997.) Sign and, where curl says nothing, turn
+/// come from a lamp whose direction is known: parts that face it are bright.
 #pragma once
 
 #include <algorithm>
@@ -23,35 +24,40 @@
 
 namespace velostrix {
 
-// From where one lamp shines, roughly.
+/// From where one lamp shines, roughly.
 struct LampHint {
-  int image = 0;         // index of the image that it lights
-  double degrees = 0.0;  // in the picture: 0 from the right, 90 from above, 180 from the left
+  int image = 0;         ///< index of the image that it lights
+  double degrees = 0.0;  ///< in the picture: 0 from the right, 90 from above, 180 from the left
 };
 
-// How slopes lie on the scene, and what puts results right.
+/// How slopes lie on the scene, and what puts results right.
 struct OrientationFound {
-  // Of the derivatives of the slopes, as they are and mirrored, the share (0 to 1/2) that is no
-  // surface's whatever the turn: near 0 for slopes of a surface. Negative: not measured.
+  /// Of the derivatives of the slopes, as they are and mirrored, the share (0 to 1/2) that is no
+  /// surface's whatever the turn: near 0 for slopes of a surface. Negative: not measured.
+  ///@{
   double curl_as_is = -1.0;
   double curl_mirrored = -1.0;
-  bool is_clear = false;     // these differ enough to tell
-  bool is_mirrored = false;  // slopes were mirrored: the run was repeated on flipped images
-  bool is_turned = false;    // by about a quarter: channels changed places, images were transposed
-  bool is_inverted = false;  // slopes had the opposite sign: height and slopes were negated
-  bool is_sign_open = true;  // bumps and dents may have changed places: no lamp's direction known
-  bool has_mirrored_curvature = false;  // curvature is that of mirrored slopes, where it shows more
-  double turn = 0.0;  // degrees, counterclockwise, that the slopes stay turned by: -45 to 45, or
-                      // -90 to 90 where images are not transposed
+  bool is_clear = false;     ///< these differ enough to tell
+  bool is_mirrored = false;  ///< slopes were mirrored: the run was repeated on flipped images
+  bool is_turned = false;  ///< by about a quarter: channels changed places, images were transposed
+  bool is_inverted = false;  ///< slopes had the opposite sign: height and slopes were negated
+  bool is_sign_open = true;  ///< bumps and dents may have changed places: no lamp's direction known
+  /// curvature is that of mirrored slopes, where it shows more
+  bool has_mirrored_curvature = false;
+  double turn = 0.0;  ///< degrees, counterclockwise, that the slopes stay turned by: -45 to 45, or
+                      ///< -90 to 90 where images are not transposed
+  ///@}
 };
 
 namespace upright_detail {
 
-// Slopes of pilot runs as bytes: four times the usual slope fits, rounding is far below noise.
+/// Slopes of pilot runs as bytes: four times the usual slope fits, rounding is far below noise.
+///@{
 constexpr double kPilotGain = 32.0;
 constexpr int kPilotOffset = 128;
+///@}
 
-// The means over square blocks of pixels; of those that the mask has, if there is one.
+/// The means over square blocks of pixels; of those that the mask has, if there is one.
 inline cv::Mat1f BlockMeans(const cv::Mat& image, int block, const cv::Mat& mask = {}) {
   cv::Mat1f means(image.rows / block, image.cols / block);
   std::vector<int> sums(static_cast<size_t>(means.cols));
@@ -79,7 +85,7 @@ inline cv::Mat1f BlockMeans(const cv::Mat& image, int block, const cv::Mat& mask
   return means;
 }
 
-// Weights 1 2 1 along rows and columns; the edge stays as it is.
+/// Weights 1 2 1 along rows and columns; the edge stays as it is.
 inline cv::Mat1f Smoothed(const cv::Mat1f& map) {
   cv::Mat1f rows = map.clone();
   for (int i = 0; i < map.rows; ++i) {
@@ -96,7 +102,7 @@ inline cv::Mat1f Smoothed(const cv::Mat1f& map) {
   return both;
 }
 
-// Means of products of two quantities a and b.
+/// Means of products of two quantities a and b.
 struct Covariance {
   double aa = 0.0;
   double ab = 0.0;
@@ -107,31 +113,31 @@ struct Covariance {
     ab += a * b;
     bb += b * b;
   }
-  // Of the smaller eigenvalue in the sum of both.
+  /// Of the smaller eigenvalue in the sum of both.
   double SmallerShare() const {
     const double sum = aa + bb;
     return sum > 0.0 ? 0.5 - 0.5 * std::sqrt((aa - bb) * (aa - bb) + 4.0 * ab * ab) / sum : 0.5;
   }
-  // Of the larger one's eigenvector, in degrees, -90 to 90.
+  /// Of the larger one's eigenvector, in degrees, -90 to 90.
   double Direction() const { return 0.5 * std::atan2(2.0 * ab, aa - bb) * 180.0 / CV_PI; }
 };
 
-// Sums over the blocks of a field and of its conjugate: div and curl; and the differences of the
-// two derivatives that div and curl are the sums of.
+/// Sums over the blocks of a field and of its conjugate: div and curl; and the differences of the
+/// two derivatives that div and curl are the sums of.
 struct FieldSums {
   Covariance div_curl;
-  double hyperbolic_along = 0.0;   // (dg0/dx - dg1/dy)^2
-  double hyperbolic_across = 0.0;  // (dg1/dx + dg0/dy)^2
+  double hyperbolic_along = 0.0;   ///< (dg0/dx - dg1/dy)^2
+  double hyperbolic_across = 0.0;  ///< (dg1/dx + dg0/dy)^2
 };
 
-// The angle as one of (-180, 180].
+/// The angle as one of (-180, 180].
 inline double Wrapped(double degrees) { return degrees - 360.0 * std::ceil(degrees / 360.0 - 0.5); }
 
 }  // namespace upright_detail
 
-// Measures how slopes lie on the scene. channel0, channel1: those of a run, CV_8UC1, by the pilot
-// gain and offset. images: those of the run, as large, CV_8UC1. may_turn: whether images may be
-// transposed. mask: as large, CV_8UC1, pixels to leave out are 0; or empty.
+/// Measures how slopes lie on the scene. channel0, channel1: those of a run, CV_8UC1, by the pilot
+/// gain and offset. images: those of the run, as large, CV_8UC1. may_turn: whether images may be
+/// transposed. mask: as large, CV_8UC1, pixels to leave out are 0; or empty.
 [[nodiscard]] inline OrientationFound MeasureOrientation(const cv::Mat& channel0,
                                                          const cv::Mat& channel1,
                                                          const std::vector<cv::Mat>& images,
@@ -165,7 +171,7 @@ inline double Wrapped(double degrees) { return degrees - 360.0 * std::ceil(degre
 
   const cv::Mat1f p = Smoothed(raw_p);
   const cv::Mat1f q = Smoothed(raw_q);
-  std::array<FieldSums, 2> sums;  // as it is, mirrored
+  std::array<FieldSums, 2> sums;  ///< as it is, mirrored
   int count = 0;
   for (int i = 1; i < p.rows - 1; ++i) {
     for (int j = 1; j < p.cols - 1; ++j) {
@@ -229,16 +235,19 @@ inline double Wrapped(double degrees) { return degrees - 360.0 * std::ceil(degre
   return found;
 }
 
-// An order of the pixels of images for a run, and back for its results. With P and Q the channels
-// of a run on the images as they are, the run on images in this order has slopes (to the right, up)
-//   as they are (P, Q), flipped (P, -Q), transposed (-Q, -P), both (Q, -P):
-// the factors of a frame do not depend on the order of its pixels.
+/// An order of the pixels of images for a run, and back for its results. With P and Q the channels
+/// of a run on the images as they are, the run on images in this order has slopes (to the right,
+/// up)
+///   as they are (P, Q), flipped (P, -Q), transposed (-Q, -P), both (Q, -P):
+/// the factors of a frame do not depend on the order of its pixels.
 struct PixelOrder {
-  bool is_transposed = false;
-  bool is_flipped = false;  // top to bottom, after the transposition
+  bool is_transposed = false;  ///< rows become columns
+  bool is_flipped = false;     ///< top to bottom, after the transposition
 
+  /// Whether nothing changes.
   bool IsAsIs() const { return !is_transposed && !is_flipped; }
 
+  /// The image as the run takes it.
   [[nodiscard]] cv::Mat Ordered(const cv::Mat& image) const {
     cv::Mat ordered = image;
     if (is_transposed) cv::transpose(image, ordered);
@@ -249,6 +258,8 @@ struct PixelOrder {
     }
     return ordered;
   }
+
+  /// The result of the run as the scene is seen.
   [[nodiscard]] cv::Mat AsSeen(const cv::Mat& result) const {
     cv::Mat seen = result;
     if (is_flipped) cv::flip(result, seen, 0);
@@ -259,9 +270,13 @@ struct PixelOrder {
     }
     return seen;
   }
+
+  /// The size of images as the run takes them.
   [[nodiscard]] cv::Size Ordered(cv::Size size) const {
     return is_transposed ? cv::Size(size.height, size.width) : size;
   }
+
+  /// A region of images of a size, in the images as the run takes them.
   [[nodiscard]] cv::Rect Ordered(cv::Rect r, cv::Size images) const {
     if (is_transposed) {
       r = {r.y, r.x, r.height, r.width};
@@ -272,11 +287,12 @@ struct PixelOrder {
   }
 };
 
-// The order in which a run makes the height and the channels of the scene as seen, and that in
-// which it makes the curvature of the mirrored slopes.
+/// The order in which a run makes the height and the channels of the scene as seen.
 inline PixelOrder UprightOrder(const OrientationFound& found) {
   return {found.is_turned, found.is_mirrored != found.is_turned};
 }
+
+/// The order in which a run makes the curvature of the mirrored slopes.
 inline PixelOrder MirroredOrder(const OrientationFound& found) {
   return {found.is_turned, found.is_mirrored == found.is_turned};
 }
