@@ -116,7 +116,7 @@ std::string Percent(double share) {
 
 // "12.0 %", or "12.0 to 30.5 %".
 std::string PercentRange(double least, double most) {
-  const std::string text = Percent(most);
+  std::string text = Percent(most);
   if (Percent(least) == text) return text;
   const std::string low = Percent(least);
   return low.substr(0, low.size() - 2) + " to " + text;

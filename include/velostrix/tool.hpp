@@ -726,6 +726,7 @@ inline Results Tool::RunInOrder(PixelOrder order, Parameters parameters) {
 
 inline OrientationFound Tool::Measure(const Results& pilot, PixelOrder order) {
   std::vector<cv::Mat> seen;
+  seen.reserve(frames_.size());
   for (const cv::Mat& frame : frames_) {
     const cv::Mat image = prepared_->region ? frame(*prepared_->region) : frame;
     seen.push_back(order.Ordered(image));
@@ -804,6 +805,7 @@ inline Results Tool::RunUpright(const OrientationFound& found) {
   if (is_mirrored) results[Output::kCurvature] = curvature;
   if (outputs.Contains(Output::kNormal)) {
     std::vector<cv::Mat> channels;
+    channels.reserve(kChannels.size());
     for (const Output channel : kChannels) channels.push_back(results[channel]);
     cv::merge(channels, results[Output::kNormal]);
   }
