@@ -35,8 +35,11 @@ std::vector<ManifestPart> GainParts(const std::string& choice,
     const auto is_it = [&](const ManifestPart& part) { return part.name == name; };
     const auto found = std::find_if(parts.begin(), parts.end(), is_it);
     if (found == parts.end()) {
-      throw UsageError("--choose-gains " + choice + ": no part " + name +
-                       "; expected names of parts joined by commas, or sample");
+      throw UsageError(std::string("--choose-gains ")
+                           .append(choice)
+                           .append(": no part ")
+                           .append(name)
+                           .append("; expected names of parts joined by commas, or sample"));
     }
     chosen.push_back(*found);
   }

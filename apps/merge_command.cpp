@@ -52,6 +52,7 @@ std::map<size_t, fs::path> FindTables(const std::string& folder) {
 void MergeTables(const std::string& folder, bool quiet) {
   const std::map<size_t, fs::path> files = FindTables(folder);
   std::vector<Rows> tables;
+  tables.reserve(files.size());
   for (const auto& [index, file] : files) tables.push_back(ReadTable(file.string()));
   const size_t most = tables.front().size();
   std::string text = TableHeader();

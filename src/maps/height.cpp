@@ -29,9 +29,9 @@
 #include <optional>
 #include <vector>
 
-#include "base/vectors.h"
 #include "base/large_array.h"
 #include "base/thread_team.h"
+#include "base/vectors.h"
 #include "tool/uncalibration_tool.h"
 
 namespace velostrix {
