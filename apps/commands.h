@@ -31,6 +31,7 @@ void AddReconstructCommand(CLI::App& app, const std::vector<std::string>& argume
 void AddBatchCommand(CLI::App& app, const std::vector<std::string>& arguments);
 void AddMergeCommand(CLI::App& app);
 void AddReportCommand(CLI::App& app);
+void AddCompareCommand(CLI::App& app);
 void AddRenderCommand(CLI::App& app);
 void AddSheetCommand(CLI::App& app);
 void AddInfoCommand(CLI::App& app);

@@ -110,6 +110,7 @@ int main(int argc, char** argv) {
   AddBatchCommand(app, {argv, argv + argc});
   AddMergeCommand(app);
   AddReportCommand(app);
+  AddCompareCommand(app);
   AddRenderCommand(app);
   AddSheetCommand(app);
   AddInfoCommand(app);

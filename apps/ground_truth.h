@@ -1,0 +1,39 @@
+// The ground truth that `velostrix render` leaves, and what a run should have made of it.
+#pragma once
+
+#include <opencv2/core.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "apps/result_folder.h"
+
+namespace velostrix::cli {
+
+struct GroundTruth {
+  cv::Mat height;   // CV_32FC1, pixels
+  cv::Mat normals;  // CV_32FC3, in the axes of scene::Scene
+  cv::Mat albedo;   // CV_32FC1
+  std::vector<std::string> files;
+};
+
+// Of a rendered scene's folder, or its folder truth; nothing when it is neither. Failure names the
+// file that cannot be used.
+std::optional<GroundTruth> ReadGroundTruth(const std::string& folder);
+
+// A result as it should be.
+struct ExpectedResult {
+  Output output;
+  cv::Mat levels;    // CV_32FC1, as Levels gives them
+  cv::Rect inside;   // without the border of the height
+  double explained;  // share of the result's variance (R2) that is the truth's
+  bool is_inverted;  // the result falls where the truth rises
+};
+
+// Of those results that the truth knows: factor, channel0, channel1 and height. Photometric stereo
+// leaves scale and offset of slopes and brightness open, and of the height a plane besides
+// (Belhumeur, Kriegman and Yuille 1999, "The bas-relief ambiguity"): these are fitted to the
+// result by least squares. Failure when the truth is not as large as the images were.
+std::vector<ExpectedResult> ExpectedResults(const GroundTruth& truth, const ResultFolder& made);
+
+}  // namespace velostrix::cli
