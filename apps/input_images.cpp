@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -96,19 +97,20 @@ void RequireOneOrientation(const std::vector<InputImage>& images) {
 
 // Raw frames in grey or colour, where the pattern of their sensor is given; else a warning.
 void ConvertBayer(std::vector<InputImage>& images, const std::string& pattern, bool in_colour) {
-  size_t recognised = 0;
-  for (InputImage& image : images) {
+  std::atomic<size_t> recognised = 0;
+  InParallel(images.size(), [&](size_t k) {
+    InputImage& image = images[k];
     const bool is_grey = image.pixels.channels() == 1;
     if (pattern.empty()) {
       if (is_grey && IsBayerFrame(image.pixels)) ++recognised;
-      continue;
+      return;
     }
     if (!is_grey) {
       throw Failure(image.file + ": a colour image; --bayer expects raw frames in grey files");
     }
     Add(image.note, "Bayer frame (" + pattern + ") converted");
     image.pixels = Demosaic(image.pixels, pattern, in_colour);
-  }
+  });
   if (recognised == 0) return;
   images.front().warning = std::to_string(recognised) + " of " + std::to_string(images.size()) +
                            " files: look like raw frames of a colour sensor, whose filters show as "

@@ -10,6 +10,7 @@
 #include "apps/choose_images.h"
 #include "apps/commands.h"
 #include "apps/input_images.h"
+#include "apps/parallel.h"
 #include "apps/report.h"
 #include "velostrix/diagnostics.hpp"
 #include "velostrix/mask.hpp"
@@ -191,12 +192,19 @@ void ChooseGains(Tool& tool, Part& part) {
   const int64_t start = cv::getTickCount();
   RunRecord& record = part.record;
   const OutputSet given = record.recipe.kept_gains;
-  record.recipe = ChooseGains(tool, Images(part), record.recipe);
+  record.recipe = ChooseGains(tool, Images(part), record.recipe, &part.known.emplace());
   for (const Output output : kAllOutputs) {
     const bool is_chosen = record.recipe.kept_gains.Contains(output) && !given.Contains(output);
     if (is_chosen) record.chosen.Add(output);
   }
   record.choose_gains_ms = MillisecondsSince(start);
+}
+
+void DiagnoseAndChooseGains(Tool& tool, Part& part) {
+  Part diagnosed = part;  // the gains change the recipe meanwhile
+  InParallel(2, [&](size_t k) { k == 0 ? ChooseGains(tool, part) : DiagnoseImages(diagnosed); });
+  part.record.diagnostics = diagnosed.record.diagnostics;
+  part.record.diagnose_ms = diagnosed.record.diagnose_ms;
 }
 
 void SayGains(const Part& part, Console& console) {
@@ -213,7 +221,8 @@ void SayGains(const Part& part, Console& console) {
 
 Results RunPart(Tool& tool, Part& part) {
   part.record.threads = cv::getNumThreads();
-  Results results = tool.ReconstructViews(Images(part), part.record.recipe.parameters);
+  Results results = tool.ReconstructViews(Images(part), part.record.recipe.parameters,
+                                          part.known ? &*part.known : nullptr);
   part.record.calls = tool.times();
   part.record.orientation = tool.orientation();
   return results;

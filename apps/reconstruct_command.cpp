@@ -1,5 +1,10 @@
 // `velostrix reconstruct`: image files of one part under N lamps to pictures of its relief.
+#ifdef __linux__
+#include <malloc.h>
+#endif
+
 #include <filesystem>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -21,7 +26,18 @@ OutputPlan PlanRecipe(const std::string& file, const std::vector<std::string>& i
   return {path.parent_path(), {path.filename().string()}, {}, {}, inputs};
 }
 
+// Memory that is freed is used again, by any thread. As it comes, the C library returns blocks of
+// images to the system, which clears their pages anew: half the time of choosing gains.
+void KeepFreedMemory() {
+#ifdef __GLIBC__
+  mallopt(M_MMAP_MAX, 0);
+  mallopt(M_TRIM_THRESHOLD, std::numeric_limits<int>::max());
+  mallopt(M_ARENA_MAX, 1);
+#endif
+}
+
 void Reconstruct(const ReconstructOptions& options, const std::vector<std::string>& arguments) {
+  KeepFreedMemory();
   Part part;
   part.record.arguments = arguments;
   part.record.recipe = ParseRecipe(options);
@@ -45,11 +61,9 @@ void Reconstruct(const ReconstructOptions& options, const std::vector<std::strin
   LoadImages(part);
   Tool tool;
   SetMask(tool, part, console);
-  DiagnoseImages(part);
-  SayDiagnostics(part, console);
-
   console.Step("choosing gains");
-  ChooseGains(tool, part);
+  DiagnoseAndChooseGains(tool, part);
+  SayDiagnostics(part, console);
   SayGains(part, console);
 
   console.Step("reconstructing");

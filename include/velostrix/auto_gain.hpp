@@ -96,9 +96,12 @@ struct Search {
 /// 240 too, by a negative gain if need be. A flat map keeps the gain that suits usual relief.
 ///
 /// Does this by pilot runs without height, 2 or 3 as a rule and 8 at most. Choose once for a kind
-/// of part and keep the parameters: only under equal gains can parts be compared.
+/// of part and keep the parameters: only under equal gains can parts be compared. orientation:
+/// unless null, gets what FindOrientation returns for these images, which a run on them then need
+/// not measure again.
 [[nodiscard]] inline Parameters ChooseGains(Tool& tool, const std::vector<cv::Mat>& images,
-                                            Parameters parameters, OutputSet keep = {}) {
+                                            Parameters parameters, OutputSet keep = {},
+                                            OrientationFound* orientation = nullptr) {
   constexpr int kMostPilots = 8;
   Check(images, parameters);
   const OutputSet outputs = WithChannels(parameters.outputs);
@@ -116,9 +119,11 @@ struct Search {
         {output, usual_gain, usual_gain, output == Output::kMagnitude ? 0 : 128, {}});
   }
 
+  if (searches.empty() && orientation == nullptr) return parameters;
+  const OrientationFound found = tool.FindOrientation(images, parameters);
+  if (orientation != nullptr) *orientation = found;
   cv::Mat mask = tool.mask();
   if (!mask.empty() && parameters.region) mask = mask(*parameters.region);
-  const OrientationFound orientation = tool.FindOrientation(images, parameters);
   Parameters pilot = parameters;
   for (int k = 0; k < kMostPilots; ++k) {
     pilot.outputs = {};
@@ -128,7 +133,7 @@ struct Search {
       *Scaling(pilot, search.output) = {search.zero_level, search.gain};
     }
     if (pilot.outputs.IsEmpty()) break;
-    const Results results = tool.ReconstructViews(images, pilot, &orientation);
+    const Results results = tool.ReconstructViews(images, pilot, &found);
     for (auto& search : searches) {
       if (!search.is_done) search.Learn(results[search.output], mask);
     }

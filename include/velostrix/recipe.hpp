@@ -208,9 +208,9 @@ inline void CheckFlat(const Recipe& recipe, int64_t count) {
 /// The recipe with gains and offsets chosen for these images where none are kept; they are kept
 /// from here on. See auto_gain.hpp.
 [[nodiscard]] inline Recipe ChooseGains(Tool& tool, const std::vector<cv::Mat>& images,
-                                        Recipe recipe) {
+                                        Recipe recipe, OrientationFound* orientation = nullptr) {
   const Parameters given = recipe.parameters;
-  recipe.parameters = ChooseGains(tool, images, given, recipe.kept_gains);
+  recipe.parameters = ChooseGains(tool, images, given, recipe.kept_gains, orientation);
   const OutputSet made = WithChannels(given.outputs);
   for (const Output output : kAllOutputs) {
     OutputScaling* const scaling = Scaling(recipe.parameters, output);
