@@ -27,7 +27,9 @@ struct Sums {
   }
 };
 
-std::optional<double> HeightRange(const Results& results, const Parameters& parameters) {
+}  // namespace
+
+std::optional<double> HeightScale(const Results& results, const Parameters& parameters) {
   const cv::Mat& height = results[Output::kHeight];
   const OutputScaling& p = parameters.channel[0];  // z[i][j + 1] - z[i][j]
   const OutputScaling& q = parameters.channel[1];  // z[i][j] - z[i + 1][j]
@@ -42,15 +44,10 @@ std::optional<double> HeightRange(const Results& results, const Parameters& para
       sums.Add(here[j] - below[j], q_row[j], q);
     }
   }
-  double least = 0.0;
-  double most = 0.0;
-  cv::minMaxLoc(height, &least, &most);
-  const double range = (most - least) * sums.differences_by_slopes / sums.differences_squared;
-  if (!std::isfinite(range)) return std::nullopt;
-  return range;
+  const double scale = sums.differences_by_slopes / sums.differences_squared;
+  if (!std::isfinite(scale)) return std::nullopt;
+  return scale;
 }
-
-}  // namespace
 
 Measures MeasureResults(const Results& results, const Parameters& parameters, int level) {
   Measures measures;
@@ -61,7 +58,11 @@ Measures MeasureResults(const Results& results, const Parameters& parameters, in
   const OutputSet made = WithChannels(parameters.outputs);
   if (made.Contains(Output::kHeight) && made.Contains(Output::kChannel0) &&
       made.Contains(Output::kChannel1)) {
-    measures.height_range = HeightRange(results, parameters);
+    double least = 0.0;
+    double most = 0.0;
+    cv::minMaxLoc(results[Output::kHeight], &least, &most);
+    const std::optional<double> scale = HeightScale(results, parameters);
+    if (scale) measures.height_range = (most - least) * *scale;
   }
   return measures;
 }

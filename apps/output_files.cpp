@@ -142,8 +142,12 @@ void OutputFiles::AddImages(const std::vector<std::pair<std::string, cv::Mat>>& 
   });
 }
 
+void OutputFiles::AddBytes(const std::string& name, std::vector<uint8_t> bytes) {
+  files_.emplace_back(name, std::move(bytes));
+}
+
 void OutputFiles::AddText(const std::string& name, const std::string& text) {
-  files_.emplace_back(name, std::vector<uint8_t>(text.begin(), text.end()));
+  AddBytes(name, {text.begin(), text.end()});
 }
 
 void OutputFiles::Commit(const std::function<std::string()>& record) {

@@ -36,6 +36,7 @@ class OutputFiles {
   // The extension of a name says the format. PNG files are encoded on all cores.
   void AddImages(const std::vector<std::pair<std::string, cv::Mat>>& images);
   void AddImage(const std::string& name, const cv::Mat& image) { AddImages({{name, image}}); }
+  void AddBytes(const std::string& name, std::vector<uint8_t> bytes);
   void AddText(const std::string& name, const std::string& text);
 
   // `record`, when given, makes the text of the plan's record, once all other files are written

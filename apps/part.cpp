@@ -264,6 +264,7 @@ void WriteResults(Part& part, const Results& results, OutputFiles& files) {
   for (const std::string& name : record.further) {
     if (name == kReportName) files.AddText(name, PartReport(part, results));
   }
+  AddExports(record.further, record.exports, results, record.recipe.parameters, files);
   record.encode_ms = MillisecondsSince(start);
   start = cv::getTickCount();
   files.Commit([&] {

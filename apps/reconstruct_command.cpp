@@ -48,7 +48,9 @@ void Reconstruct(const ReconstructOptions& options, const std::vector<std::strin
   part.files = PartFiles(options.files, options.split_channels, options.choose);
   part.out = options.out;
   part.mask_file = options.mask;
-  if (options.report) part.record.further.emplace_back(kReportName);
+  RunRecord& record = part.record;
+  record.further = ParseExports(options, record.recipe, record.exports);
+  if (options.report) record.further.emplace_back(kReportName);
   part.flat_files = FlatFiles(options.flat, options.files, part.files);
   OutputFiles files(PlanOutputs(part));
   std::optional<OutputFiles> recipe_file;
@@ -93,11 +95,13 @@ void AddReconstructCommand(CLI::App& app, const std::vector<std::string>& argume
   command->footer(
       "Writes factor.png (brightness), curvature.png, magnitude.png, channel0.png, channel1.png "
       "(slopes), channel2.png (brightness), normal.png (the three channels), height.png (16-bit), "
-      "height_view.png if it is asked for, and run.json with all that was used, found and timed. "
+      "height_view.png, report.html and exports if they are asked for, and run.json with all that "
+      "was used, found and timed. "
       "Replaces or removes the results that "
       "an earlier run.json in DIR lists, and no other file.\n\n"
       "Examples:\n"
       "  velostrix reconstruct part1 --out relief1 --report\n"
+      "  velostrix reconstruct part1 --out relief1 --export surface.ply --decimate 4\n"
       "  velostrix reconstruct part2 --out relief2 --recipe relief1/run.json\n"
       "  velostrix reconstruct lamp?.png --out ring --run cali --roi 100,50,800,600\n\n"
       "Exit codes: 0 done, 1 failed, 2 wrong arguments.");

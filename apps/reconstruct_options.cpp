@@ -308,6 +308,39 @@ void DeclareReconstructOptions(CLI::App& command, ReconstructOptions& options) {
                 "Write report.html besides: one page that shows the surface and all that was found")
       ->group(results);
   command.add_flag("--quiet", options.quiet, "Say nothing but errors")->group(results);
+
+  const char* const exports = "Exports";
+  CLI::Option* const names =
+      command
+          .add_option("--export", options.exports,
+                      "Write for other tools besides, joined by commas: surface.ply, a mesh; "
+                      "height.tiff, 32-bit float in slope times pixels; normals.png, a normal map")
+          ->group(exports)
+          ->type_name("LIST");
+  command
+      .add_option("--decimate", options.decimate,
+                  "A vertex of the mesh for every block of this width and height")
+      ->group(exports)
+      ->needs(names)
+      ->check(CLI::Range(1, kMost).description(""))
+      ->capture_default_str()
+      ->type_name("N");
+  command
+      .add_option("--mesh-colours", options.export_colours,
+                  "factor: the part's brightness, its print; grey: all alike")
+      ->group(exports)
+      ->needs(names)
+      ->check(OneOf(kSurfaceColourNames))
+      ->default_str(kSurfaceColourNames[0])
+      ->type_name("HOW");
+  command
+      .add_option("--normal-convention", options.export_normals,
+                  "Of the normal map: opengl, green points up; directx, green points down")
+      ->group(exports)
+      ->needs(names)
+      ->check(OneOf(kNormalConventionNames))
+      ->default_str(kNormalConventionNames[0])
+      ->type_name("HOW");
 }
 
 std::optional<Surface> ParseHeightView(const ReconstructOptions& options, const Recipe& recipe) {
@@ -316,6 +349,33 @@ std::optional<Surface> ParseHeightView(const ReconstructOptions& options, const 
     throw UsageError("--height-view: the height is not made; see --outputs");
   }
   return Chosen<Surface>(kSurfaceNames, options.height_view);
+}
+
+std::vector<std::string> ParseExports(const ReconstructOptions& options, const Recipe& recipe,
+                                      ExportOptions& exports) {
+  exports.decimate = options.decimate;
+  if (!options.export_normals.empty()) {
+    exports.normals = Chosen<NormalConvention>(kNormalConventionNames, options.export_normals);
+  }
+  if (!options.export_colours.empty()) {
+    exports.colours = Chosen<SurfaceColours>(kSurfaceColourNames, options.export_colours);
+  }
+  std::vector<std::string> names;
+  if (options.exports.empty()) return names;
+  const OutputSet made = WithChannels(recipe.parameters.outputs);
+  for (const std::string& name : CLI::detail::split(options.exports, ',')) {
+    if (std::find(kExportNames.begin(), kExportNames.end(), name) == kExportNames.end()) {
+      throw UsageError("--export " + options.exports + ": expected some of " +
+                       CLI::detail::join(kExportNames, ","));
+    }
+    const OutputSet needed = NeededFor(name, exports);
+    for (const Output output : kAllOutputs) {
+      if (!needed.Contains(output) || made.Contains(output)) continue;
+      throw UsageError("--export " + name + ": " + Name(output) + " is not made; see --outputs");
+    }
+    if (std::find(names.begin(), names.end(), name) == names.end()) names.push_back(name);
+  }
+  return names;
 }
 
 Recipe ParseRecipe(const ReconstructOptions& options) {

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "apps/exports.h"
 #include "apps/png_encoder.h"
 #include "velostrix/height_view.hpp"
 #include "velostrix/recipe.hpp"
@@ -25,6 +26,10 @@ struct ReconstructOptions {
   std::string height_view;  // the surface that it leaves out; empty: none
   int compression = kUsualCompression;
   bool report = false;
+  std::string exports;  // names of files, joined by commas
+  std::string export_normals;
+  std::string export_colours;
+  int decimate = 1;
   bool quiet = false;
   std::string run;
   std::string difference;
@@ -50,6 +55,10 @@ void DeclareReconstructOptions(CLI::App& command, ReconstructOptions& options);
 // The surface that a view of the height is to leave out, when one is asked for. Throws UsageError
 // where the recipe makes no height.
 std::optional<Surface> ParseHeightView(const ReconstructOptions& options, const Recipe& recipe);
+
+// The files to export, and how. Throws UsageError where the recipe does not make what they need.
+std::vector<std::string> ParseExports(const ReconstructOptions& options, const Recipe& recipe,
+                                      ExportOptions& exports);
 
 // The recipe with all that is asked for. Throws UsageError.
 Recipe ParseRecipe(const ReconstructOptions& options);

@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <ctime>
 #include <nlohmann/json.hpp>
 
@@ -90,6 +91,27 @@ Json Height(const RunRecord& record) {
   return json;
 }
 
+// What the exported files mean.
+Json Exports(const RunRecord& record) {
+  const auto is_made = [&](const char* name) {
+    return std::find(record.further.begin(), record.further.end(), name) != record.further.end();
+  };
+  const char* const height = "slope times pixels above the lowest place of the image";
+  Json json = Json::object();
+  if (is_made(kHeightMapName)) json[kHeightMapName] = {{"unit", height}};
+  if (is_made(kSurfaceName)) {
+    json[kSurfaceName] = {
+        {"unit", std::string("x to the right and y up: pixels; z to the camera: ") + height},
+        {"decimate", record.exports.decimate},
+        {"colours", kSurfaceColourNames[static_cast<size_t>(record.exports.colours)]}};
+  }
+  if (is_made(kNormalMapName)) {
+    json[kNormalMapName] = {
+        {"convention", kNormalConventionNames[static_cast<size_t>(record.exports.normals)]}};
+  }
+  return json;
+}
+
 std::string Now() {
   const std::time_t now = std::time(nullptr);
   std::tm utc = {};
@@ -151,6 +173,7 @@ std::string ToJson(const RunRecord& record) {
                  {"encode_files", record.encode_ms},
                  {"write_files", record.write_ms}}},
                {"outputs", outputs}};
+  if (const Json exports = Exports(record); !exports.empty()) json["exports"] = exports;
   if (!record.batch.empty()) json["batch"] = Json::parse(record.batch);
   if (const auto& measures = record.measures) {
     json["measures"] = {{"curvature_share", OrNull(measures->curvature_share)},

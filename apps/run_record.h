@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "apps/exports.h"
 #include "apps/input_images.h"
 #include "velostrix/diagnostics.hpp"
 #include "velostrix/height_view.hpp"
@@ -29,6 +30,7 @@ struct RunRecord {
   Recipe recipe;                     // as used
   OutputSet chosen;                  // whose gains were not given
   std::vector<std::string> further;  // names of the files made besides the results
+  ExportOptions exports;             // how those for other tools are made
   int threads = 1;
   CallTimes calls;
   OrientationFound orientation;
@@ -49,7 +51,8 @@ constexpr const char* kHeightViewName = "height_view.png";
 constexpr const char* kReportName = "report.html";
 
 // Files that a run makes besides the results when they are asked for.
-inline constexpr std::array kFurtherFiles = {kReportName};
+inline constexpr std::array kFurtherFiles = {kReportName, kSurfaceName, kHeightMapName,
+                                             kNormalMapName};
 
 // Of a result.
 std::string FileName(Output output);

@@ -1,4 +1,4 @@
-"""Results after a run: compared with others and with the truth."""
+"""Results after a run: compared with others and with the truth, and exported for other tools."""
 import json
 import pathlib
 import shutil
@@ -7,6 +7,7 @@ import sys
 import tempfile
 import unittest
 
+import meshio
 import numpy as np
 from PIL import Image
 
@@ -81,6 +82,64 @@ class Results(unittest.TestCase):
                                     ("a a --json a/run.json", "is an input")]:
             with self.subTest(arguments):
                 self.assertIn(expected, self.call(f"compare {arguments} --quiet", 2))
+
+    def test_other_libraries_read_the_exports(self):
+        self.call("reconstruct scene --out out --recipe a/run.json --quiet --decimate 1"
+                  " --export surface.ply,height.tiff,normals.png")
+        height = self.read("out/height.tiff")
+        self.assertEqual(height.dtype, np.float32)
+        levels = self.read("a/height.png")
+        np.testing.assert_allclose(height, levels * (height.max() / 65535.0), atol=1e-5)
+        truth = self.read("scene/truth/height.tiff")
+        inside = truth > np.quantile(truth, 0.9)  # the bump
+        scale = np.polyfit(truth[inside], height[inside], 1)[0]
+        self.assertTrue(0.85 < scale < 1.05, scale)  # n_x is a bit less than the slope n_x / n_z
+
+        normals = self.read("out/normals.png") / 127.5 - 1.0
+        np.testing.assert_allclose(np.linalg.norm(normals, axis=2), 1.0, atol=0.02)
+        uphill = [np.diff(truth, axis=1)[:-1], -np.diff(truth, axis=0)[:, :-1]]  # to the right, up
+        for channel, slopes in enumerate(uphill):
+            found = (-normals[..., channel] / normals[..., 2])[:-1, :-1]
+            self.assertGreater(np.corrcoef(slopes.ravel(), found.ravel())[0, 1], 0.97)
+
+        mesh = meshio.read(self.folder / "out/surface.ply", "ply")
+        self.assertEqual(mesh.points.shape, (160 * 120, 3))
+        np.testing.assert_array_equal(mesh.points[:, 2], height.ravel())
+        np.testing.assert_array_equal(mesh.points[161], [1, -1, height[1, 1]])
+        np.testing.assert_array_equal(mesh.point_data["red"].astype(np.uint8),
+                                      self.read("out/factor.png").ravel())
+        self.assertEqual(mesh.cells_dict["triangle"].shape, (2 * 159 * 119, 3))
+        a, b, c = (mesh.points[mesh.cells_dict["triangle"][:, k], :2] for k in range(3))
+        np.testing.assert_array_equal(np.cross(b - a, c - a), 1.0)  # all face the camera
+        facing = np.stack([mesh.point_data[name] for name in ("nx", "ny", "nz")], 1)
+        np.testing.assert_allclose(facing.reshape(normals.shape), normals, atol=0.005)
+
+        self.call("reconstruct scene --out out --recipe a/run.json --quiet --decimate 7"
+                  " --mesh-colours grey --export surface.ply,normals.png --normal-convention directx")
+        self.assertFalse((self.folder / "out/height.tiff").exists())
+        flipped = self.read("out/normals.png") / 127.5 - 1.0
+        np.testing.assert_allclose(flipped, normals * (1, -1, 1), atol=0.009)
+        mesh = meshio.read(self.folder / "out/surface.ply", "ply")
+        self.assertEqual(mesh.points.shape, (22 * 17, 3))
+        np.testing.assert_allclose(
+            mesh.points[23], [10, -10, height[7:14, 7:14].mean()], rtol=1e-5)
+        self.assertEqual(set(mesh.point_data["blue"].astype(np.uint8)), {160})
+        exports = json.loads((self.folder / "out/run.json").read_text())["exports"]
+        self.assertEqual(exports["normals.png"], {"convention": "directx"})
+        self.assertEqual(exports["surface.ply"]["decimate"], 7)
+
+    def test_exports_that_cannot_be_made_are_refused(self):
+        for arguments, code, expected in [
+                ("--export surface.obj", 2, "expected some of surface.ply,height.tiff,normals.png"),
+                ("--export surface.ply --outputs normal", 2, "factor is not made"),
+                ("--export height.tiff --outputs height", 2, "channel0 is not made"),
+                ("--decimate 2", 2, "--decimate requires --export"),
+                ("--export surface.ply --decimate 100", 1, "leaves no surface"),
+                ("--export height.tiff --offset channel0=9999 --offset channel1=9999", 1, "scale")]:
+            with self.subTest(arguments):
+                said = self.call(f"reconstruct scene --out none --run cali --quiet {arguments}", code)
+                self.assertIn(expected, said)
+                self.assertFalse((self.folder / "none").exists())
 
 
 if __name__ == "__main__":
