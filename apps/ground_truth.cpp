@@ -74,7 +74,7 @@ std::optional<GroundTruth> ReadGroundTruth(const std::string& folder) {
   GroundTruth truth;
   const auto read = [&](const char* name, int type) {
     truth.files.push_back((path / name).string());
-    const cv::Mat image = DecodeFile(truth.files.back());
+    cv::Mat image = DecodeFile(truth.files.back());
     const bool fits = truth.height.empty() || image.size() == truth.height.size();
     if (image.type() == type && fits && cv::checkRange(image)) return image;
     throw Failure(truth.files.back() +

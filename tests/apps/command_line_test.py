@@ -331,7 +331,7 @@ class CommandLine(unittest.TestCase):
         pair = "reconstruct inputs/image0.png inputs/image1.png --quiet "
         two = pair + "--out out "
         for arguments, exit_code, *said in (
-            ("", 2, "expected one of reconstruct batch merge report compare"),
+            ("", 2, "expected one of reconstruct batch merge report compare render sheet info"),
             ("recnostruct a", 2, "recnostruct: no such command; the nearest is reconstruct"),
             ("reconstruct a b c", 2, "--out is required"),
             (two, 2, "IMAGE: 2 files given", "expected 3 to 8"),
