@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "bench/upright_scenes.h"
+#include "velostrix/auto_gain.hpp"
 
 namespace velostrix {
 namespace {
@@ -105,9 +106,9 @@ TEST(Upright, CurvatureOfEitherOrientationHasTheSignOfTheScene) {
     Parameters p;
     p.orientation = Orientation::kUpright;
     p.lamp = bench::RoughHint(scene, 0);
-    p.curvature.gain = 60.0;
     Tool tool;
-    OrientationFound found = tool.FindOrientation(scene.images, p);
+    OrientationFound found;
+    p.curvature.gain = ChooseGains(tool, scene.images, p, {}, &found).curvature.gain;
     const Truth truth(scene.height);
     const double turn = found.turn * CV_PI / 180.0;
     found.has_mirrored_curvature = false;
