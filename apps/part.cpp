@@ -2,6 +2,7 @@
 #include "apps/part.h"
 
 #include <algorithm>
+#include <cmath>
 #include <filesystem>
 #include <sstream>
 #include <system_error>
@@ -37,6 +38,21 @@ std::string PartReport(const Part& part, const Results& results) {
   }
   return MakeReport(ToJson(part.record), part.out, results, inputs,
                     part.record.recipe.parameters.region);
+}
+
+// The parameters with gains in grey levels per slope of the part. Slopes of unknown lamps are in
+// units of their singular vectors: what they change in the images is s1 / s0 and s2 / s0, and lamps
+// about 45 degrees from the camera's axis, all around, make sqrt(2) of it. One unit for both keeps
+// shapes.
+Parameters WithSlopeUnits(const RunRecord& record) {
+  Parameters parameters = record.recipe.parameters;
+  const double* const s = record.diagnostics.singular_values;
+  const double unit = std::sqrt(2.0 * s[1] * s[2]) / s[0];
+  const bool is_estimated = parameters.run != Run::kCalibrated && unit > 0.0;
+  for (const size_t k : {0, 1}) {
+    if (is_estimated) parameters.channel[k].gain /= unit;
+  }
+  return parameters;
 }
 
 // Of one folder its files; returns whether it was one.
@@ -264,7 +280,7 @@ void WriteResults(Part& part, const Results& results, OutputFiles& files) {
   for (const std::string& name : record.further) {
     if (name == kReportName) files.AddText(name, PartReport(part, results));
   }
-  AddExports(record.further, record.exports, results, record.recipe.parameters, files);
+  AddExports(record.further, record.exports, results, WithSlopeUnits(record), files);
   record.encode_ms = MillisecondsSince(start);
   start = cv::getTickCount();
   files.Commit([&] {
