@@ -68,15 +68,18 @@ Descriptor::~Descriptor() {
 }
 
 Descriptor LockFolder(const fs::path& folder) {
-  constexpr int kTries = 40;
+  constexpr int kTries = 600;
   constexpr std::chrono::milliseconds kPause(50);
-  const int descriptor = OpenFolder(folder);
-  for (int k = 0; k < kTries && flock(descriptor, LOCK_EX | LOCK_NB) != 0; ++k) {
+  Descriptor descriptor(OpenFolder(folder));
+  for (int k = 0; flock(descriptor.number(), LOCK_EX | LOCK_NB) != 0; ++k) {
     if (errno != EWOULDBLOCK) break;
+    if (k == kTries) {
+      throw Failure(folder.string() + ": another program holds the folder; repeat when it is done");
+    }
     SignalHold::Check();
     std::this_thread::sleep_for(kPause);
   }
-  return Descriptor(descriptor);
+  return descriptor;
 }
 
 std::vector<fs::path> AbandonedDrafts(const fs::path& folder) {

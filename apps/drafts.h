@@ -48,8 +48,8 @@ class Descriptor {
   int number_;
 };
 
-// Waits for other processes that put files into the folder; ends with the descriptor. After two
-// seconds, or where the file system has no locks, there is none.
+// Waits for other processes that put files into the folder; the lock ends with the descriptor.
+// Where the file system has no locks there is none. Failure after half a minute.
 Descriptor LockFolder(const std::filesystem::path& folder);
 
 // The drafts in a folder whose writers died before they could put them in place or remove them.

@@ -78,9 +78,14 @@ std::vector<uint8_t> Encode(const std::string& name, const cv::Mat& image) {
 }  // namespace
 
 OutputFiles::OutputFiles(OutputPlan plan) : plan_(std::move(plan)) {
-  {
+  const auto check = [&] {
     const Descriptor lock = LockFolder(plan_.folder);  // another run may be putting its files there
     CheckPlaces();
+  };
+  try {
+    check();
+  } catch (const Failure&) {
+    check();  // a folder that was missing had no lock: another run may have made and filled it
   }
   // Loads the encoders while there is memory: one of their libraries aborts when it gets none.
   cv::haveImageWriter(".png");
