@@ -90,7 +90,11 @@ std::vector<fs::path> AbandonedDrafts(const fs::path& folder) {
     const std::string name = entry.path().filename().string();
     if (name.rfind(kPrefix, 0) != 0 || entry.path().extension() != kSuffix) continue;
     const Descriptor file(open(entry.path().c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
-    if (flock(file.number(), LOCK_EX | LOCK_NB) == 0) abandoned.push_back(entry.path());
+    struct stat status = {};
+    // One that is empty may be another process's that has yet to lock it.
+    const bool is_left =
+        flock(file.number(), LOCK_EX | LOCK_NB) == 0 && fstat(file.number(), &status) == 0;
+    if (is_left && status.st_size > 0) abandoned.push_back(entry.path());
   }
   return abandoned;
 }
@@ -109,10 +113,7 @@ void Drafts::Write(const fs::path& place, const std::vector<uint8_t>& bytes) {
         open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
     if (created.number() < 0 && errno != EEXIST) FailToWrite(place);
     if (created.number() < 0) continue;
-    // Before it was locked another process may have taken it for abandoned and removed it.
-    flock(created.number(), LOCK_EX | LOCK_NB);
-    struct stat status = {};
-    if (fstat(created.number(), &status) != 0 || status.st_nlink == 0) continue;
+    flock(created.number(), LOCK_EX);  // another process may be looking whether it is abandoned
     drafts_.push_back({std::move(path), place, std::move(created)});
     break;
   }
