@@ -1,7 +1,7 @@
-# Joins the parts of the pages into one file each, and the report's page into a C++ source:
+# Joins the parts of the report's page into a C++ source:
 #   cmake -D FOLDER=apps/report -D THREE=three.min.js -D ORBIT=OrbitControls.js -D D3=d3.min.js
-#         -D OUT=build -D SOURCE=report_page.cpp -P make_page.cmake
-foreach(part IN ITEMS style.css relight.html notices.txt page.html notebook.html
+#         -D SOURCE=report_page.cpp -P make_page.cmake
+foreach(part IN ITEMS style.css relight.html notices.txt page.html
                       data.js relight.js surface.js measure.js compare.js sections.js main.js)
   file(READ ${FOLDER}/${part} ${part})
 endforeach()
@@ -19,15 +19,6 @@ string(REPLACE "@SCRIPT@"
 foreach(library IN ITEMS THREE ORBIT D3)
   string(REPLACE "@${library}@" "${${library}}" page "${page}")
 endforeach()
-file(WRITE ${OUT}/report_page.html "${page}")
-
-# The relighting alone, without the libraries.
-set(notebook "${notebook.html}")
-string(REPLACE "@STYLE@" "${style.css}" notebook "${notebook}")
-string(REPLACE "@RELIGHT@" "${relight.html}" notebook "${notebook}")
-string(REPLACE "@SCRIPT@" "${data.js}\n${relight.js}" notebook "${notebook}")
-file(WRITE ${OUT}/notebook_page.html "${notebook}")
-
 file(WRITE ${SOURCE} "// The page of reports, joined from apps/report.
 #include \"apps/report.h\"
 

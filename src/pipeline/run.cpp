@@ -75,20 +75,6 @@ bool IsRefused(const UnCalibrationTool& tool, const ResultImages& results, RunKi
   return kind == RunKind::kPartCols && tool.rows < 2;
 }
 
-std::unique_ptr<LightStage> RunLightStage(UnCalibrationTool& tool, RunKind kind, int64_t band) {
-  switch (kind) {
-    case RunKind::kUncalibrated:
-      return FactorizeIntensities(tool);
-    case RunKind::kCalibrated:
-      return SolveCalibratedLights(tool);
-    case RunKind::kPartRows:
-      return FactorizeIntensitiesPartRows(tool, band);
-    case RunKind::kPartCols:
-    default:
-      return FactorizeIntensitiesPartCols(tool, band);
-  }
-}
-
 // Makes row i of the factor image and of the channel images.
 void MakeMapImageRows(const UnCalibrationTool& tool, int64_t i, const MapRow& maps,
                       const Range& factor_range) {
@@ -207,6 +193,20 @@ void StoreTimes(UnCalibrationTool& tool, RunKind kind, const StageTimes& times) 
 }
 
 }  // namespace
+
+std::unique_ptr<LightStage> RunLightStage(UnCalibrationTool& tool, RunKind kind, int64_t band) {
+  switch (kind) {
+    case RunKind::kUncalibrated:
+      return FactorizeIntensities(tool);
+    case RunKind::kCalibrated:
+      return SolveCalibratedLights(tool);
+    case RunKind::kPartRows:
+      return FactorizeIntensitiesPartRows(tool, band);
+    case RunKind::kPartCols:
+    default:
+      return FactorizeIntensitiesPartCols(tool, band);
+  }
+}
 
 int32_t Run(UnCalibrationTool& tool, const ResultImages& results, RunKind kind,
             int32_t wanted_band) {

@@ -11,6 +11,7 @@
 #include "orientation/factorize_intensities.h"
 #include "orientation/gram_matrix.h"
 #include "orientation/leading_vectors.h"
+#include "pipeline/run.h"
 #include "support/frames_and_planes.h"
 
 namespace velostrix {
@@ -28,25 +29,11 @@ void ExpectSame(const LightMaps& actual, const LightMaps& expected) {
     EXPECT_TRUE(actual.maps[m].SameAs(expected.maps[m])) << "map " << m;
 }
 
-std::unique_ptr<LightStage> RunStage(RunKind kind, UnCalibrationTool& tool, int32_t band) {
-  switch (kind) {
-    case RunKind::kUncalibrated:
-      return FactorizeIntensities(tool);
-    case RunKind::kCalibrated:
-      return SolveCalibratedLights(tool);
-    case RunKind::kPartRows:
-      return FactorizeIntensitiesPartRows(tool, band);
-    case RunKind::kPartCols:
-    default:
-      return FactorizeIntensitiesPartCols(tool, band);
-  }
-}
-
 // Runs the stage and the plain one on the tool's images. Only the full frame keeps its matrix. The
 // range is that of the map.
 void RunBoth(RunKind kind, UnCalibrationTool& tool, int32_t band, LightMaps& actual,
              LightMaps& expected) {
-  const std::unique_ptr<LightStage> rows = RunStage(kind, tool, band);
+  const std::unique_ptr<LightStage> rows = RunLightStage(tool, kind, band);
   std::vector<float> scratch(static_cast<size_t>(tool.cols));
   const Range range = rows->FactorRange(scratch.data());
   Range of_rows;
