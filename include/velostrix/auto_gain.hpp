@@ -1,5 +1,5 @@
 /// @file
-/// C++ hosts: gains that make the result images readable without tuning. Header-only, C++17.
+/// Gains that make the result images readable without tuning. Header-only, C++17.
 #pragma once
 
 #include <algorithm>
@@ -14,15 +14,14 @@
 namespace velostrix {
 namespace auto_gain_detail {
 
-/// How far the levels of an image lie from its zero level, the outermost percent on each side left
-/// out.
+/// How far an image's levels reach from its zero level, without the outermost percent at both ends.
 struct Reach {
   int below = 0;
   int above = 0;
   int Widest() const { return std::max(below, above); }
 };
 
-/// mask: pixels that count are not 0; or empty.
+/// mask: not 0 for pixels that count; or empty.
 inline Reach MeasureReach(const cv::Mat& image, int zero_level, const cv::Mat& mask = {}) {
   std::array<int64_t, 256> histogram = {};
   for (int i = 0; i < image.rows; ++i) {
@@ -61,7 +60,7 @@ struct Search {
     constexpr double kStride = 16.0;
     constexpr int kReadableReach = 4;
     constexpr int kPreciseReach = 32;      // one level is 3 percent
-    constexpr double kMostGrowth = 256.0;  // what is flatter yet is quantisation, not relief
+    constexpr double kMostGrowth = 256.0;  // beyond it, differences are quantisation, not relief
     reach = MeasureReach(image, zero_level, mask);
     const bool is_saturated = reach.Widest() >= FullReach();
     is_readable = !is_saturated && reach.Widest() >= kReadableReach;
@@ -89,16 +88,15 @@ struct Search {
 
 }  // namespace auto_gain_detail
 
-/// Returns the parameters with gain and offset of every output that they ask for chosen for these
-/// images, but for those to keep (factor, normal and height have nothing to choose). Without the
-/// outermost percent on each side, the values fill grey levels 16 to 240 around 128, those of the
-/// magnitude 0 to 240. Channel 2, when all its values have one sign, is a brightness and fills 0 to
-/// 240 too, by a negative gain if need be. A flat map keeps the gain that suits usual relief.
+/// Returns the parameters with gain and offset chosen for these images, for every output that they
+/// enable. Left alone: outputs in `keep`, and factor, normal and height. Without the outermost
+/// percent on each side, the values fill grey levels 16 to 240 around 128; those of the magnitude
+/// fill 0 to 240. So does channel 2 when all its values have one sign (a brightness), by a negative
+/// gain if necessary. A flat map gets the gain that suits usual relief.
 ///
-/// Does this by pilot runs without height, 2 or 3 as a rule and 8 at most. Choose once for a kind
-/// of part and keep the parameters: only under equal gains can parts be compared. orientation:
-/// unless null, gets what FindOrientation returns for these images, which a run on them then need
-/// not measure again.
+/// Makes pilot runs without height: 2 or 3 as a rule, 8 at most. Choose once for a kind of part and
+/// keep the parameters: only results with equal gains can be compared. orientation, unless null,
+/// receives what FindOrientation returns for these images: a run on them need not measure it.
 [[nodiscard]] inline Parameters ChooseGains(Tool& tool, const std::vector<cv::Mat>& images,
                                             Parameters parameters, OutputSet keep = {},
                                             OrientationFound* orientation = nullptr) {

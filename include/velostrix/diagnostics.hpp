@@ -1,5 +1,5 @@
 /// @file
-/// C++ hosts: whether images are fit for reconstruction. Header-only, C++17; on the host library.
+/// Whether images are fit for reconstruction. Header-only, C++17; uses the library velostrix_host.
 #pragma once
 
 #include <memory>
@@ -16,13 +16,13 @@ namespace velostrix {
 
 /// The fields are documented in velostrix_host.h.
 struct Diagnostics : VelostrixDiagnostics {
-  std::vector<std::string> warnings;  ///< what is wrong and what to do, in plain words
+  std::vector<std::string> warnings;  ///< each says what is wrong and what to do
 };
 
-/// Measures the parameters' region of the images, which are what a reconstruction takes; when their
-/// run is the calibrated one, also whether the lamps are those of its ring. names: of the images in
-/// warnings, such as their files; without any "image 1" and so on. mask: CV_8UC1, as large as the
-/// images, pixels to leave out are 0; or empty. Throws Error as Check does.
+/// Measures the images of a reconstruction inside the parameters' region; for the calibrated run
+/// also whether the lamps are those of its ring. names: what warnings call the images, such as file
+/// names; empty: "image 1" and so on. mask: CV_8UC1, as large as the images, 0 for pixels to leave
+/// out; or empty. Throws Error as Check does.
 [[nodiscard]] inline Diagnostics Diagnose(const std::vector<cv::Mat>& images,
                                           const Parameters& parameters,
                                           const std::vector<std::string>& names = {},

@@ -1,6 +1,5 @@
 /// @file
-/// C++ hosts: uneven light evened out by one image of a flat part under each lamp. Header-only,
-/// C++17.
+/// Corrects uneven light by one image of a flat part under each lamp. Header-only, C++17.
 #pragma once
 
 #include <algorithm>
@@ -15,9 +14,9 @@
 
 namespace velostrix {
 
-/// The brightness of a flat part over the image under one lamp, in shares of the mean of all lamps:
-/// the coefficients of x^i y^j, i + j <= 4, in the order 1, y, .., y^4, x, x y, .., x^4, with x and
-/// y from -1 to 1 across the image, whatever its size.
+/// The brightness of a flat part under one lamp, over the mean of all lamps, as a polynomial: the
+/// coefficients of x^i y^j, i + j <= 4, in the order 1, y, .., y^4, x, x y, .., x^4. x and y go
+/// from -1 to 1 across the image, whatever its size.
 using FlatField = std::array<double, 15>;
 
 namespace flat_field_detail {
@@ -28,7 +27,7 @@ constexpr float kDarkest = 0.1F;
 
 inline double Coordinate(double pixel, int size) { return (2.0 * pixel + 1.0) / size - 1.0; }
 
-/// The terms that the coefficients multiply.
+/// The terms of the polynomial.
 inline FlatField Terms(double x, double y) {
   FlatField terms = {};
   size_t k = 0;
@@ -46,9 +45,10 @@ inline double Median(std::vector<double> values) {
   return *middle;
 }
 
-/// The surface through the levels of the reference, from the means of at most 64 x 64 blocks. Least
-/// squares whose weights leave out what does not belong to a smooth surface (Beaton and Tukey 1974:
-/// biweight), from a start that outliers move less than least squares.
+/// Fits the polynomial to the levels of the reference, by the means of at most 64 x 64 blocks:
+/// iterated least squares with the biweight (Beaton and Tukey 1974), which leaves out what does not
+/// fit a smooth surface. The first half of the rounds weights by the inverse of the residual, so
+/// that outliers do not decide where the biweight starts.
 inline FlatField FitSurface(const cv::Mat& reference) {
   constexpr int kMostBlocks = 64;
   constexpr int kRounds = 20;
@@ -97,9 +97,10 @@ inline FlatField FitSurface(const cv::Mat& reference) {
 
 }  // namespace flat_field_detail
 
-/// The fields of one image of a flat, matt part under each lamp (CV_8UC1 or CV_16UC1 with the level
-/// `white` as white), which images of parts are divided by. They are smooth, so that stains and
-/// dust on the flat part do not come in. Throws Error for a reference that is saturated or dark.
+/// Fits the flat fields that images of parts are divided by. references: one image of a flat, matt
+/// part under each lamp, CV_8UC1, or CV_16UC1 with the level `white` as white. The fields are
+/// smooth: stains and dust on the flat part have no effect. Throws Error for a reference that is
+/// saturated or dark.
 [[nodiscard]] inline std::vector<FlatField> FitFlat(const std::vector<cv::Mat>& references,
                                                     int white = 255) {
   constexpr double kMostSaturated = 0.05;  // of the pixels
@@ -129,8 +130,8 @@ inline FlatField FitSurface(const cv::Mat& reference) {
   return fields;
 }
 
-/// The image (CV_8UC1 or CV_16UC1) as 8 bits, level = sample * 255 / white / field, rounded, at
-/// most 255. An 8-bit image has the white 255.
+/// Divides an image (CV_8UC1 or CV_16UC1) by a flat field and converts it to 8 bits: level = sample
+/// * 255 / white / field, rounded, at most 255. The white level of an 8-bit image is 255.
 [[nodiscard]] inline cv::Mat Flatten(const cv::Mat& image, const FlatField& field,
                                      int white = 255) {
   using namespace flat_field_detail;
@@ -138,7 +139,7 @@ inline FlatField FitSurface(const cv::Mat& reference) {
   cv::Mat levels(image.size(), CV_8U);
   cv::Mat1f brightness(1, image.cols);
   for (int i = 0; i < image.rows; ++i) {
-    // Of the terms of a row, those in x are left.
+    // With y fixed, a polynomial in x is left.
     const double y = Coordinate(i, image.rows);
     std::array<float, kDegree + 1> c = {};
     size_t k = 0;

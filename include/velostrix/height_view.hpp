@@ -1,5 +1,5 @@
 /// @file
-/// C++ hosts: a height as a picture for eyes. Header-only, C++17.
+/// Views of a height: 8-bit images for display, without tilt, bowl and border. Header-only, C++17.
 #pragma once
 
 #include <algorithm>
@@ -15,26 +15,26 @@
 
 namespace velostrix {
 
-/// The smooth surface, fitted by least squares, that a view leaves out.
+/// The surface, fitted by least squares, that a view subtracts.
 enum class Surface {
   kPlane,     ///< a tilt
-  kQuadratic  ///< a tilt and a bowl, as lamps near the part leave
+  kQuadratic  ///< a tilt and a bowl, as lamps near the part cause
 };
 
-/// What the command line and other languages call them.
+/// The names on the command line and in other languages.
 inline constexpr std::array<const char*, 2> kSurfaceNames = {"plane", "quadratic"};
 
-/// A view, and what its levels mean. Heights are levels of the 16-bit image above the surface.
+/// A view, and what its levels mean. Unit of heights: levels of the 16-bit image above the surface.
 struct HeightView {
   cv::Mat image;    ///< CV_8UC1
-  Surface removed;  ///< from the height
-  int border;       ///< pixels on each side that neither surface nor range are taken from
+  Surface removed;  ///< what was subtracted from the height
+  int border;       ///< pixels on each side that surface and range were measured without
   double black;     ///< the height that level 0 shows
   double white;     ///< the height that level 255 shows
 };
 
-/// How far the border of a height reaches into an image, in pixels: a step of the solver carries
-/// heights on by one pixel of the working size.
+/// How many pixels the border of a height reaches into the image: one pixel of the working size for
+/// each step of the solver.
 [[nodiscard]] inline int HeightBorder(const Parameters& parameters) {
   constexpr int kMost = std::numeric_limits<int>::max();
   if (parameters.iteration_cap < 0) return kMost;
@@ -43,7 +43,7 @@ struct HeightView {
 
 namespace height_view_detail {
 
-/// Of the terms 1, x, y, x^2, x y, y^2 those of the surface; x and y from -1 to 1.
+/// The surface's terms among 1, x, y, x^2, x y, y^2, others 0; x and y from -1 to 1.
 inline std::array<double, 6> Terms(double x, double y, Surface surface) {
   if (surface == Surface::kPlane) return {1.0, x, y, 0.0, 0.0, 0.0};
   return {1.0, x, y, x * x, x * y, y * y};
@@ -53,10 +53,10 @@ inline double Coordinate(int pixel, int size) { return (2.0 * pixel + 1.0) / siz
 
 }  // namespace height_view_detail
 
-/// The height (CV_16UC1) in 8 bits, without tilt or bowl, so that all but the outermost half
-/// percent on each side fill the levels. Surface and range are taken inside a border, which a
-/// height of few iterations has at the top and the left (HeightBorder), and of which an eighth of
-/// the shorter side is used at most.
+/// Makes a view of a height (CV_16UC1): 8 bits, without tilt or bowl; all but the outermost half
+/// percent on each side fill the levels. Surface and range are measured inside a border, as a
+/// height of few iterations has at the top and the left (HeightBorder); at most an eighth of the
+/// shorter side is left out.
 [[nodiscard]] inline HeightView ViewHeight(const cv::Mat& height, Surface removed, int border) {
   using namespace height_view_detail;
   constexpr int kMostShare = 8;
@@ -77,7 +77,7 @@ inline double Coordinate(int pixel, int size) { return (2.0 * pixel + 1.0) / siz
     }
   };
 
-  /// Least squares: (sum t t') s = sum t h over the samples with terms t and height h.
+  // Least squares: (sum t t') s = sum t h over the samples with terms t and height h.
   cv::Matx<double, 6, 6> normal = cv::Matx<double, 6, 6>::zeros();
   cv::Vec<double, 6> right;
   visit_samples([&](const std::array<double, 6>& terms, double sample) {

@@ -1,5 +1,5 @@
 /// @file
-/// C++ hosts: which pixels belong to the part. Header-only, C++17.
+/// A mask of the pixels that belong to the part. Header-only, C++17.
 #pragma once
 
 #include <algorithm>
@@ -12,9 +12,9 @@
 
 namespace velostrix {
 
-/// A mask of the pixels that some lamp lights, 255, and the others, 0: those that have no more than
-/// 6 percent of the bright levels (percentile 99) in any image, as the background of a part before
-/// black has. The images are CV_8UC1 of one size.
+/// A mask of the pixels that some lamp lights: 255 for these, 0 for the others. Unlit pixels have
+/// at most 6 percent of the bright level (percentile 99) in every image, like a black background.
+/// images: CV_8UC1, of one size.
 [[nodiscard]] inline cv::Mat LitPixels(const std::vector<cv::Mat>& images) {
   constexpr int kBlock = 4;
   constexpr double kUnlitShare = 0.06;
@@ -32,8 +32,7 @@ namespace velostrix {
   }
   const double unlit = kUnlitShare * static_cast<double>(bright);
 
-  /// By pixels at the edge of the part and of the image, by blocks elsewhere: noise makes no
-  /// specks.
+  // Pixel by pixel at the edges of part and image, by blocks elsewhere: noise leaves no specks.
   cv::Mat lit = brightest > unlit;
   const cv::Mat1f means = upright_detail::BlockMeans(brightest, kBlock);
   for (int bi = 1; bi < means.rows - 1; ++bi) {

@@ -1,7 +1,6 @@
 /// @file
-/// C++ hosts: parameters from and to recipes, the JSON files that the command line and the hosts in
-/// other languages share. Header-only, C++17; what a recipe holds is documented in
-/// velostrix_host.h.
+/// Reads and writes recipes: parameters as JSON files that every language and the command line
+/// share. Header-only, C++17; velostrix_host.h documents the fields of a recipe.
 #pragma once
 
 #include <algorithm>
@@ -18,14 +17,14 @@
 
 namespace velostrix {
 
-/// Parameters, and what else a recipe says.
+/// Parameters, and what else a recipe has.
 struct Recipe {
   Parameters parameters;   ///< what a run does
-  OutputSet kept_gains;    ///< whose gain is given or chosen: ChooseGains keeps it, and the offset
-  OutputSet kept_offsets;  ///< whose offset is given or chosen: ChooseGains keeps it
-  int bits = 0;            ///< in use of 16-bit samples, 8 to 16; 0: not said
-  int white = 0;           ///< the 16-bit sample that is white, in place of bits; 0: as bits say
-  std::vector<FlatField> flat;  ///< of each lamp: its images are divided by them; may be empty
+  OutputSet kept_gains;    ///< outputs whose gain ChooseGains leaves alone, and the offset with it
+  OutputSet kept_offsets;  ///< outputs whose offset ChooseGains leaves alone
+  int bits = 0;            ///< bits in use of 16-bit samples, 8 to 16; 0: not given
+  int white = 0;           ///< the 16-bit sample that is white; 0: 2^bits - 1
+  std::vector<FlatField> flat;  ///< one for each lamp, its images are divided by it; may be empty
 };
 
 namespace recipe_detail {
@@ -63,13 +62,13 @@ void RequireOneOf(int32_t value, const char* name, const std::array<const char*,
 
 }  // namespace recipe_detail
 
-/// The 16-bit sample that becomes 255; 0 when the recipe does not say.
+/// The 16-bit sample that becomes 255; 0 when the recipe does not give it.
 [[nodiscard]] inline int WhiteLevel(const Recipe& recipe) {
   if (recipe.white != 0) return recipe.white;
   return recipe.bits == 0 ? 0 : (1 << recipe.bits) - 1;
 }
 
-/// The record of the flat interface as a recipe. Throws Error for what no images would fit.
+/// The record of the flat interface as a recipe. Throws Error for settings that fit no images.
 [[nodiscard]] inline Recipe FromRecord(const VelostrixSettings& record) {
   using namespace recipe_detail;
   if (record.struct_size != sizeof record) {
@@ -157,9 +156,10 @@ void RequireOneOf(int32_t value, const char* name, const std::array<const char*,
   return record;
 }
 
-/// The image of a lamp as a run takes it, CV_8UC1: CV_8UC1, or CV_16UC1 where the recipe has its
-/// white level or its bits; divided by the lamp's flat field where it has one. The image itself
-/// where there is nothing to do. Throws Error, which begins with the name.
+/// Converts the image of a lamp to what a run takes (CV_8UC1), divided by the lamp's flat field
+/// where the recipe has one. image: CV_8UC1, or CV_16UC1 where the recipe has the white level or
+/// the bits. Returns the image itself where nothing is to be done. Throws Error, whose text begins
+/// with the name.
 [[nodiscard]] inline cv::Mat ToLevels(const cv::Mat& image, const Recipe& recipe, size_t lamp,
                                       const std::string& name) {
   const bool is_flattened = lamp < recipe.flat.size();
@@ -173,14 +173,14 @@ void RequireOneOf(int32_t value, const char* name, const std::array<const char*,
   return is_flattened ? Flatten(image, recipe.flat[lamp], white) : ToEightBits(image, white);
 }
 
-/// Throws Error where the recipe has flat fields for another number of images.
+/// Throws Error when the recipe has flat fields for another number of images.
 inline void CheckFlat(const Recipe& recipe, int64_t count) {
   if (recipe.flat.empty() || recipe.flat.size() == static_cast<size_t>(count)) return;
   throw Error(std::to_string(count) + " images given, but flat has the fields of " +
               std::to_string(recipe.flat.size()) + " lamps; expected one for each image");
 }
 
-/// Reads the text of a recipe or of a run.json. Throws Error, which names the field.
+/// Reads the text of a recipe or of a run.json. Throws Error, whose text names the field.
 [[nodiscard]] inline Recipe ParseRecipe(const std::string& text) {
   VelostrixSettings record = {};
   record.struct_size = sizeof record;
@@ -192,7 +192,7 @@ inline void CheckFlat(const Recipe& recipe, int64_t count) {
 }
 
 /// The text of a recipe. It has the gains and offsets that are kept, and others that are not the
-/// default: reading brings the same parameters back. Throws Error for what no images would fit.
+/// default: reading it gives the same parameters. Throws Error for settings that fit no images.
 [[nodiscard]] inline std::string WriteRecipe(const Recipe& recipe) {
   const VelostrixSettings record = ToRecord(recipe);
   VelostrixMessage message = {};
@@ -205,8 +205,8 @@ inline void CheckFlat(const Recipe& recipe, int64_t count) {
   return text;
 }
 
-/// The recipe with gains and offsets chosen for these images where none are kept; they are kept
-/// from here on. See auto_gain.hpp.
+/// The recipe with gains and offsets chosen for these images where none are kept; those chosen are
+/// then kept. See auto_gain.hpp.
 [[nodiscard]] inline Recipe ChooseGains(Tool& tool, const std::vector<cv::Mat>& images,
                                         Recipe recipe, OrientationFound* orientation = nullptr) {
   const Parameters given = recipe.parameters;

@@ -1,5 +1,6 @@
 /** @file
- * The two flat records that a host hands to the module, with their layouts pinned. C11 and C++17.
+ * The two flat records that an application passes to the module, with pinned layouts. C11 and
+ * C++17.
  */
 #ifndef VELOSTRIX_RECORDS_H
 #define VELOSTRIX_RECORDS_H
@@ -25,15 +26,15 @@ enum VelostrixOutput {
   VELOSTRIX_OUTPUT_COUNT = 8
 };
 
-/** What images and parameters are held to, and where scaling begins. */
+/** Limits of images and parameters. */
 enum VelostrixLimit {
   VELOSTRIX_FEWEST_IMAGES = 3,
   VELOSTRIX_MOST_IMAGES = 8,
-  VELOSTRIX_SMALLEST_WIDTH = 3, /**< pixels to work on */
+  VELOSTRIX_SMALLEST_WIDTH = 3, /**< pixels of the image or region */
   VELOSTRIX_SMALLEST_HEIGHT = 2,
-  VELOSTRIX_SMALLEST_BAND = 10, /**< what is below counts as this */
-  VELOSTRIX_LARGEST_SMALL_SIDE =
-      10, /**< images scaled to this many pixels or fewer are not scaled */
+  VELOSTRIX_SMALLEST_BAND = 10, /**< a smaller band counts as this */
+  /** No scaling where a side would come out at this many pixels or fewer. */
+  VELOSTRIX_LARGEST_SMALL_SIDE = 10,
   VELOSTRIX_LARGEST_BLUR_RADIUS = 32767
 };
 
@@ -46,8 +47,8 @@ typedef struct OutputScaling {
   double gain;    /**< levels per unit of the map */
 } OutputScaling;
 
-/** Everything that SetVelostrixUnCalibrationToolParam_CPU sets. 200 bytes, natural alignment; a
- * host starts from an all-zero record, which switches every output off. */
+/** Everything that SetVelostrixUnCalibrationToolParam_CPU sets. 200 bytes, natural alignment. Start
+ * from an all-zero record, which switches every output off. */
 typedef struct UnCalibrationParam {
   int32_t image_count; /**< N, images of one run: 3 to 8 */
   int32_t width;       /**< pixels; at least 3 for the derivative images */
@@ -59,18 +60,18 @@ typedef struct UnCalibrationParam {
   int32_t blur_radius; /**< pixels; k >= 1 smooths with a (2k+1) x (2k+1) Gaussian; at most 32767 */
   int32_t iteration_cap;   /**< height integration: most conjugate-gradient iterations; 50 is usual,
                               0 = flat height, negative = twice the number of pixels */
-  int32_t factor_offset;   /**< kept for the layout; read by nothing */
+  int32_t factor_offset;   /**< reserved for the layout; not read */
   double factor_gain;      /**< the factor image is normalised to 0..255, then multiplied by this */
   OutputScaling curvature; /**< of the curvature image */
   OutputScaling magnitude; /**< of the magnitude image */
   OutputScaling channel[3];  /**< of the images of channels 0, 1 and 2 */
-  OutputScaling reserved[2]; /**< kept for the layout; read by nothing */
+  OutputScaling reserved[2]; /**< reserved for the layout; not read */
   int32_t equalise_on;       /**< non-zero: even out the column brightness of every input image */
 } UnCalibrationParam;
 
 /** One image in memory, as SetVelostrixUnCalibrationToolImage_CPU_csharp takes it. 32 bytes. */
 typedef struct ImageRecord {
-  const void* data;   /**< first pixel; owned by the host, read during the call only */
+  const void* data;   /**< first pixel; owned by the caller, read during the call only */
   int32_t width;      /**< columns */
   int32_t height;     /**< rows */
   int32_t row_stride; /**< bytes from one row to the next; 0 = rows without gaps */

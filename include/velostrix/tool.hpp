@@ -1,7 +1,6 @@
 /// @file
-/// C++ hosts: the tool as an object that cannot leak or be used in the wrong order. Header-only,
-/// C++17.
-/// @verbatim
+/// The C++ interface: a tool that cannot leak or be called in the wrong order. Header-only, C++17.
+/// @code{.cpp}
 ///   velostrix::Tool tool;
 ///   velostrix::Parameters parameters;          // everything on, readable defaults
 ///   parameters.region = cv::Rect(100, 50, 800, 600);
@@ -10,23 +9,22 @@
 ///     const velostrix::Results results = tool.Reconstruct(images, parameters);
 ///     Inspect(results[velostrix::Output::kCurvature]);
 ///   }
-/// @endverbatim
-/// As lamps fire one after the other, images can be set one by one:
-/// @verbatim
+/// @endcode
+/// Images can also be set one by one, as the lamps fire:
+/// @code{.cpp}
 ///   tool.Prepare(4, cv::Size(1280, 1024), parameters);
 ///   for (;;) {
 ///     for (int lamp = 0; lamp < 4; ++lamp) tool.SetImage(Grab(lamp));
 ///     for (const auto& [output, image] : tool.Run()) Show(velostrix::Name(output), image);
 ///   }
-/// @endverbatim
+/// @endcode
 /// A Tool keeps its working buffers (about 52 + 5 N bytes a pixel) from part to part and allocates
-/// anew only when the number of images, their size, the region or the scale changes. One Tool is
-/// used by one thread at a time; separate Tools are independent.
+/// new ones only when the number of images, their size, the region or the scale changes. Use a Tool
+/// from one thread at a time; separate Tools are independent.
 ///
-/// What cannot be done is thrown as velostrix::Error, whose text says what was refused and what is
-/// expected; the Tool is then as it was. After velostrix::OutOfMemory, std::bad_alloc and
-/// cv::Exception it has to be prepared again. A library of another version than these headers is
-/// refused when the first Tool is prepared.
+/// A refused call throws velostrix::Error, whose text says what was refused and what is expected;
+/// the Tool is unchanged. After velostrix::OutOfMemory, std::bad_alloc or cv::Exception, prepare it
+/// again. The first Prepare of a Tool throws when library and headers differ in version.
 ///
 /// Link Velostrix::Velostrix, which brings OpenCV's core along.
 #pragma once
@@ -57,7 +55,7 @@ class Error : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// The call has to wait for another one, such as Prepare.
+/// Another call has to come first, such as Prepare.
 class WrongState : public Error {
  public:
   using Error::Error;
@@ -78,10 +76,10 @@ enum class Output {
   kChannel0 = VELOSTRIX_OUTPUT_CHANNEL0,    ///< CV_8UC1
   kChannel1 = VELOSTRIX_OUTPUT_CHANNEL1,    ///< CV_8UC1
   kChannel2 = VELOSTRIX_OUTPUT_CHANNEL2,    ///< CV_8UC1
-  kNormal = VELOSTRIX_OUTPUT_NORMAL         ///< CV_8UC3; brings channels 0, 1 and 2 with it
+  kNormal = VELOSTRIX_OUTPUT_NORMAL         ///< CV_8UC3; also makes channels 0, 1 and 2
 };
 
-/// In the order in which they are shown.
+/// All outputs, in display order.
 inline constexpr std::array<Output, VELOSTRIX_OUTPUT_COUNT> kAllOutputs = {
     Output::kFactor,   Output::kCurvature, Output::kMagnitude, Output::kChannel0,
     Output::kChannel1, Output::kChannel2,  Output::kNormal,    Output::kHeight};
@@ -103,7 +101,7 @@ class OutputSet {
   /// No output.
   OutputSet() = default;
 
-  /// The outputs that are named.
+  /// These outputs.
   OutputSet(std::initializer_list<Output> outputs) {
     for (const Output output : outputs) Add(output);
   }
@@ -115,19 +113,17 @@ class OutputSet {
     return all;
   }
 
-  /// Puts an output in, takes it out, tells whether it is in, and whether none is.
-  ///@{
-  void Add(Output output) { on_.set(static_cast<size_t>(output)); }
-  void Remove(Output output) { on_.reset(static_cast<size_t>(output)); }
+  void Add(Output output) { on_.set(static_cast<size_t>(output)); }       ///< adds an output
+  void Remove(Output output) { on_.reset(static_cast<size_t>(output)); }  ///< removes an output
+  /// Whether the output is in the set.
   bool Contains(Output output) const { return on_.test(static_cast<size_t>(output)); }
-  bool IsEmpty() const { return on_.none(); }
-  ///@}
+  bool IsEmpty() const { return on_.none(); }  ///< whether the set has no output
 
  private:
   std::bitset<VELOSTRIX_OUTPUT_COUNT> on_;
 };
 
-/// The outputs that a run makes when it is asked for these: normal brings the channels.
+/// The outputs that a run makes for these: normal also makes channels 0, 1 and 2.
 inline OutputSet WithChannels(OutputSet outputs) {
   if (outputs.Contains(Output::kNormal)) {
     for (const Output channel : kChannels) outputs.Add(channel);
@@ -143,20 +139,18 @@ enum class Run {
   kPartCols       ///< lamps unknown, strip by strip of columns
 };
 
-/// How slopes are differentiated in the full-frame runs: central is calmer, forward resolves finer
-/// lines.
+/// How the full-frame runs differentiate slopes: central is calmer, forward resolves finer lines.
 enum class Difference { kCentral, kForward };
 
-/// What is done about slopes that an uncalibrated run finds mirrored, turned or with the other
-/// sign: as-is leaves all results as they come. Upright measures it on every part (upright.hpp) and
-/// puts it right by runs on flipped or transposed images; height, channels and normal are then
-/// those of the scene as seen, as far as curl and the lamp of Parameters::lamp tell. The curvature
-/// is that of the mirrored slopes where it shows more, and then adds up in all directions. The
-/// partial runs and those with `equalise` are not transposed. The calibrated run, whose signs are
-/// known, is left as it is.
+/// How results of uncalibrated runs are oriented, whose slopes may be mirrored, turned or negated.
+/// As-is: unchanged. Upright: the orientation is measured on every part (upright.hpp) and corrected
+/// by runs on flipped or transposed images. Height, channels and normal are then oriented as the
+/// scene, as far as curl and Parameters::lamp determine it. The curvature comes from the mirrored
+/// slopes where it shows more; curvatures in all directions then add up. Partial runs and runs with
+/// `equalise` are not transposed. The calibrated run determines all signs and is left unchanged.
 enum class Orientation { kAsIs, kUpright };
 
-/// What recipes and the command line call them.
+/// The names in recipes and on the command line.
 ///@{
 inline constexpr std::array<const char*, 2> kOrientationNames = {"as-is", "upright"};
 inline constexpr std::array<const char*, 4> kRunNames = {"uncali", "cali", "partrows", "partcols"};
@@ -174,13 +168,12 @@ struct Parameters {
   bool equalise = false;  ///< even out the column brightness of every image first
   Difference difference = Difference::kCentral;  ///< ignored by the partial runs
   int blur_radius = 0;     ///< pixels, 0 to 32767: smoothing of curvature and magnitude
-  int iteration_cap = 50;  ///< of the height; 0 = flat, negative = as many as it takes
-  Orientation orientation = Orientation::kAsIs;  ///< as slopes come, or put right
-  std::optional<LampHint> lamp;  ///< kUpright: tells bumps from dents; without, the sign stays open
+  int iteration_cap = 50;  ///< of the height; 0 = flat, negative = until it converges
+  Orientation orientation = Orientation::kAsIs;  ///< results as they are, or upright
+  std::optional<LampHint> lamp;  ///< kUpright: determines the sign of the height; may be absent
 
-  /// Gains in grey levels per unit of the map. ChooseGains (auto_gain.hpp) finds them; channel 2 of
-  /// the uncalibrated runs has no default that would suit, as its values are about 1 /
-  /// sqrt(pixels).
+  /// Gains in grey levels per unit of the map. ChooseGains (auto_gain.hpp) finds them. No default
+  /// suits channel 2 of the uncalibrated runs: its values are about 1 / sqrt(pixels).
   ///@{
   double factor_gain = 1.0;
   OutputScaling curvature = {128, 256.0};
@@ -189,7 +182,7 @@ struct Parameters {
   ///@}
 };
 
-/// Gain and offset of an output; null for the factor image (factor_gain), normal and height.
+/// Gain and offset of an output; null for factor (which has factor_gain), normal and height.
 inline const OutputScaling* Scaling(const Parameters& parameters, Output output) {
   switch (output) {
     case Output::kCurvature:
@@ -207,7 +200,7 @@ inline const OutputScaling* Scaling(const Parameters& parameters, Output output)
   }
 }
 
-/// The same, to be changed.
+/// The same, writable.
 inline OutputScaling* Scaling(Parameters& parameters, Output output) {
   return const_cast<OutputScaling*>(Scaling(std::as_const(parameters), output));
 }
@@ -219,12 +212,12 @@ inline const double* Gain(const Parameters& parameters, Output output) {
   return scaling == nullptr ? nullptr : &scaling->gain;
 }
 
-/// The same, to be changed.
+/// The same, writable.
 inline double* Gain(Parameters& parameters, Output output) {
   return const_cast<double*>(Gain(std::as_const(parameters), output));
 }
 
-/// The size at which the tool works on images of a size: that of the region, scaled if it is to be.
+/// The size of the planes for images of this size: the region's, scaled where the tool scales.
 [[nodiscard]] inline cv::Size WorkingSize(cv::Size images, const Parameters& parameters) {
   const cv::Size size = parameters.region ? parameters.region->size() : images;
   const double width = size.width * parameters.scale;
@@ -237,7 +230,7 @@ inline double* Gain(Parameters& parameters, Output output) {
 
 namespace tool_detail {
 
-/// Over the images that are not empty, by the order of kAllOutputs.
+/// Visits the images that are not empty, in the order of kAllOutputs.
 class ResultIterator {
  public:
   ResultIterator(const cv::Mat* images, size_t place) : images_(images), place_(place) { Skip(); }
@@ -262,17 +255,17 @@ class ResultIterator {
 
 }  // namespace tool_detail
 
-/// The images that a run made; those that were not asked for are empty.
+/// The result images of a run; those that were not requested are empty.
 class Results {
  public:
-  /// Over those that were made, in the order of kAllOutputs:
+  /// Iterates over the images that were made, in the order of kAllOutputs:
   /// `for (const auto& [output, image] : results)`.
   ///@{
   tool_detail::ResultIterator begin() const { return {images_.data(), 0}; }
   tool_detail::ResultIterator end() const { return {images_.data(), kAllOutputs.size()}; }
   ///@}
 
-  /// The image of an output, empty when it was not asked for.
+  /// The image of an output; empty when it was not requested.
   ///@{
   cv::Mat& operator[](Output output) { return images_[static_cast<size_t>(output)]; }
   const cv::Mat& operator[](Output output) const { return images_[static_cast<size_t>(output)]; }
@@ -285,29 +278,32 @@ class Results {
 /// How long the calls of a reconstruction took, in milliseconds.
 struct CallTimes {
   double parameters = 0.0;     ///< parameters and region
-  double buffers = 0.0;        ///< allocating those in use, perhaps by an earlier reconstruction
+  double buffers = 0.0;        ///< allocating the buffers, perhaps in an earlier reconstruction
   std::vector<double> images;  ///< setting each image
   double run = 0.0;            ///< the run itself
 };
 
-/// Throw Error for a number of images that no run takes, and when a reconstruction with these
-/// parameters would be refused: of any images, of `count` images of a size, of these images.
-///@{
+/// Throws Error when the number of images is not 3 to 8.
 inline void CheckCount(int64_t count);
-inline void Check(const Parameters& parameters);
-inline void Check(int count, cv::Size size, const Parameters& parameters);
-inline void Check(const std::vector<cv::Mat>& images, const Parameters& parameters);
-///@}
 
-/// 16-bit samples as 8-bit ones: level = sample * 255 / white, rounded; from `white` (1 to 65535)
-/// on, 255.
+/// Throws Error for parameters that fit no images.
+inline void Check(const Parameters& parameters);
+
+/// Throws Error when a reconstruction from `count` images of a size would be refused.
+inline void Check(int count, cv::Size size, const Parameters& parameters);
+
+/// Throws Error when a reconstruction from these images would be refused.
+inline void Check(const std::vector<cv::Mat>& images, const Parameters& parameters);
+
+/// Converts 16-bit samples to 8 bits: level = sample * 255 / white, rounded, at most 255. white is
+/// 1 to 65535.
 [[nodiscard]] inline cv::Mat ToEightBits(const cv::Mat& image, int white) {
   cv::Mat levels;
   image.convertTo(levels, CV_8U, 255.0 / white);
   return levels;
 }
 
-/// Throws Error, which begins with the name, when a 16-bit sample needs more bits than are in use.
+/// Throws Error when a 16-bit sample needs more than `bits` bits. Its text begins with the name.
 inline void RequireBits(const cv::Mat& image, int bits, const std::string& name) {
   const int full = (1 << bits) - 1;
   double most = 0.0;
@@ -318,8 +314,8 @@ inline void RequireBits(const cv::Mat& image, int bits, const std::string& name)
   }
 }
 
-/// 16-bit samples, of which `bits` (8 to 16) are in use, as 8-bit ones: level = sample * 255 /
-/// (2^bits - 1), rounded. Throws Error, which begins with the name, when a sample needs more bits.
+/// Converts 16-bit samples, of which `bits` (8 to 16) are in use, to 8 bits: level = sample * 255 /
+/// (2^bits - 1), rounded. Throws Error as RequireBits does.
 [[nodiscard]] inline cv::Mat ToEightBits(const cv::Mat& image, int bits, const std::string& name) {
   RequireBits(image, bits, name);
   return ToEightBits(image, (1 << bits) - 1);
@@ -327,19 +323,19 @@ inline void RequireBits(const cv::Mat& image, int bits, const std::string& name)
 
 namespace tool_detail {
 
-/// A tool of the module: one run after the other, each prepared anew.
+/// A tool of the module; every run is prepared again.
 class ModuleTool {
  public:
-  /// Brings the tool to `count` images of a size and to the parameters, and forgets images set
+  /// Prepares the tool for `count` images of a size and for the parameters, and forgets images set
   /// before. times: of the latest part.
   void Prepare(int count, cv::Size size, const Parameters& parameters, CallTimes& times);
 
-  /// False: the buffers could not be allocated, and the tool is as new.
+  /// False: the buffers could not be allocated; the tool is as after construction.
   bool SetImage(const cv::Mat& image);
 
   void ClearImages() { ClearVelostrixUnCalibrationToolImage_CPU(handle_.get()); }
 
-  /// Headers over the tool's memory, or images that own theirs when scaled.
+  /// Returns headers over the tool's memory; with scaling on, images that own their memory.
   Results Run(const Parameters& parameters);
 
  private:
@@ -374,20 +370,19 @@ inline double MillisecondsSince(int64_t start) {
 
 }  // namespace tool_detail
 
-/// A tool of the module, its buffers kept from part to part; see the top of this header.
+/// Reconstructs part after part and keeps its buffers; see the top of this header.
 class Tool {
  public:
   /// Runs on the images, in their order, and returns images that own their memory. known: what
-  /// FindOrientation returned for these images and this run, so that it need not be measured again.
+  /// FindOrientation returned for these images and this run; saves measuring it again.
   [[nodiscard]] Results Reconstruct(const std::vector<cv::Mat>& images,
                                     const Parameters& parameters,
                                     const OrientationFound* known = nullptr) {
     return Copies(ReconstructViews(images, parameters, known));
   }
 
-  /// The same without the copy: the results may be headers over the tool's memory, valid until the
-  /// next reconstruction or preparation by this tool and no longer than the tool itself (moving the
-  /// tool keeps them).
+  /// The same without copies: the results may be headers over the tool's memory, valid until its
+  /// next reconstruction or Prepare, or until it is destroyed. Moving the tool keeps them valid.
   [[nodiscard]] Results ReconstructViews(const std::vector<cv::Mat>& images,
                                          const Parameters& parameters,
                                          const OrientationFound* known = nullptr) & {
@@ -404,22 +399,22 @@ class Tool {
     return results;
   }
 
-  /// Measures how the slopes of a run on the images lie on the scene. Not measured for parameters
-  /// that leave it as it is. To be prepared again afterwards.
+  /// Measures the orientation of the slopes of a run on the images, unless the parameters leave it
+  /// as it is. Prepare comes next.
   [[nodiscard]] OrientationFound FindOrientation(const std::vector<cv::Mat>& images,
                                                  const Parameters& parameters);
 
-  /// Leaves pixels out from here on, those where the mask is 0: CV_8UC1, as large as the images; an
-  /// empty one leaves none out. They are black to the runs, so that no lamp's factor has part in
-  /// them, count for no gain, and are neutral in the results: 128, in the height 0. To be prepared
-  /// again afterwards.
+  /// From now on leaves out the pixels where the mask is 0. mask: CV_8UC1, as large as the images;
+  /// empty: no pixel is left out. Runs take these pixels as black, so that they do not contribute
+  /// to the factorisation; they do not count for gains; in the results they are 128, in the height
+  /// 0. Prepare comes next.
   void SetMask(const cv::Mat& mask);
 
-  /// As it was set, with 255 for pixels that count; or empty.
+  /// The mask in force, 255 for pixels that count; empty: none.
   const cv::Mat& mask() const { return mask_; }
 
-  /// Brings the tool to `count` images of a size and to the parameters, and forgets images set
-  /// before. To be called again after a reconstruction of images all at once.
+  /// Prepares the tool for `count` images of a size and for the parameters, and forgets images set
+  /// before. Needed again after Reconstruct or ReconstructViews.
   void Prepare(int count, cv::Size size, const Parameters& parameters);
 
   /// Copies the next image into the tool: CV_8UC1, of the size that was prepared.
@@ -432,20 +427,19 @@ class Tool {
     images_set_ = 0;
   }
 
-  /// Runs on the images that were set, all of those prepared for, and forgets them. Results as
-  /// those of Reconstruct.
+  /// Runs on the images, all of which must be set, and forgets them. Results as from Reconstruct.
   [[nodiscard]] Results Run() { return Copies(RunViews()); }
 
-  /// The same with results as those of ReconstructViews.
+  /// The same with results as from ReconstructViews.
   [[nodiscard]] Results RunViews() & { return RunOn(nullptr); }
 
-  /// How many images are set and not yet run on.
+  /// How many images are set for the next run.
   int images_set() const { return images_set_; }
 
-  /// Of the latest part; of all its runs when it took several.
+  /// The times of the latest part; sums where it took several runs.
   const CallTimes& times() const { return times_; }
 
-  /// How the slopes of the latest part lay on the scene, and what was done.
+  /// The orientation of the latest part's slopes, and how it was corrected.
   const OrientationFound& orientation() const { return orientation_; }
 
  private:
@@ -461,7 +455,7 @@ class Tool {
     if (!prepared_) throw WrongState("not prepared for images; prepare first");
   }
 
-  /// Whether there is something to put right, in outputs that show it.
+  /// Whether the orientation matters: it is to be corrected, and some output shows it.
   static bool IsMeasured(const Parameters& p) {
     const OutputSet outputs = WithChannels(p.outputs);
     const bool shows_it =
@@ -491,15 +485,14 @@ class Tool {
   cv::Size size_;
   int images_set_ = 0;
   cv::Mat mask_;
-  std::vector<cv::Mat> frames_;  ///< images set, where they may be needed again
+  std::vector<cv::Mat> frames_;  ///< images set, kept where another run may need them
   CallTimes times_;
   OrientationFound orientation_;
 };
 
 namespace tool_detail {
 
-/// Throws Error when the library that is loaded does not fit the headers that the host was built
-/// with.
+/// Throws Error when the loaded library does not fit the headers of the application.
 inline void CheckLibrary() {
   VelostrixMessage message = {};
   const VelostrixStatus status =
@@ -553,17 +546,15 @@ inline void CheckImage(const cv::Mat& image, int index, cv::Size expected, const
 
 inline void tool_detail::ModuleTool::Prepare(int count, cv::Size size, const Parameters& parameters,
                                              CallTimes& times) {
-  /// Scaling goes by way of a region, which fixes the working size without new buffers.
-  ///@{
+  // Scaling is set with a region, which fixes the working size without new buffers.
   const bool has_region = parameters.region.has_value() || parameters.scale < 1.0;
   const cv::Rect region = parameters.region.value_or(cv::Rect({0, 0}, size));
   const Geometry geometry = {count, size, region, has_region, parameters.scale};
   const bool is_new = handle_ == nullptr || !(geometry == geometry_);
-  ///@}
 
   int64_t start = cv::getTickCount();
   if (is_new) {
-    // Another tool, as scaling, once on, is not switched off by later parameters.
+    // A new tool: later parameters do not switch scaling off.
     handle_.reset();
     handle_.reset(CreateVelostrixUnCalibrationToolPtr_CPU(nullptr));
     geometry_ = geometry;
@@ -648,7 +639,7 @@ inline void Tool::SetImage(const cv::Mat& image) {
   ++images_set_;
 }
 
-/// Image `index` of a run.
+/// Sets image `index` of a run.
 inline void Tool::SetOne(tool_detail::ModuleTool& tool, const cv::Mat& image, size_t index) {
   const int64_t start = cv::getTickCount();
   if (!tool.SetImage(image)) {
@@ -663,7 +654,7 @@ inline void Tool::SetOne(tool_detail::ModuleTool& tool, const cv::Mat& image, si
   times_.images[index] += tool_detail::MillisecondsSince(start);
 }
 
-/// The first run of a part, which shows how its slopes lie.
+/// The parameters of the first run of a part, from which the orientation is measured.
 inline Parameters Tool::PilotOf(Parameters p) {
   p.outputs = {Output::kChannel0, Output::kChannel1};
   p.channel[0] = p.channel[1] = {upright_detail::kPilotOffset, upright_detail::kPilotGain};
@@ -712,7 +703,7 @@ inline Results Tool::RunOnce(tool_detail::ModuleTool& tool, const Parameters& pa
   return results;
 }
 
-/// A run on the frames in an order; its results as they come.
+/// Runs on the frames in this order of pixels; the results keep that order.
 inline Results Tool::RunInOrder(PixelOrder order, Parameters parameters) {
   if (parameters.region) parameters.region = order.Ordered(*parameters.region, size_);
   tool_detail::ModuleTool& tool = order.is_transposed ? transposed_run_ : run_;
@@ -740,7 +731,7 @@ inline OrientationFound Tool::Measure(const Results& pilot, PixelOrder order) {
                             may_turn, mask);
 }
 
-/// From the pilot, whose images are set.
+/// Measures the orientation from a pilot run, whose images are set.
 inline OrientationFound Tool::MeasureFrames() {
   const Parameters pilot = PilotOf(*prepared_);
   const bool is_partial = prepared_->run != velostrix::Run::kUncalibrated;
@@ -748,8 +739,7 @@ inline OrientationFound Tool::MeasureFrames() {
   if (!is_partial) return found;
   found.has_mirrored_curvature = false;
   if (!found.is_mirrored) return found;
-  /// The signs of pieces depend on the order of their pixels: what the flipped run gives has to be
-  /// seen.
+  // The signs of pieces depend on the order of their pixels: only the flipped run shows its signs.
   constexpr PixelOrder kFlipped = {false, true};
   const OrientationFound flipped = Measure(RunInOrder(kFlipped, pilot), kFlipped);
   const bool is_better = flipped.curl_as_is >= 0.0 && flipped.curl_as_is < found.curl_as_is;
@@ -761,7 +751,7 @@ inline OrientationFound Tool::MeasureFrames() {
   return found;
 }
 
-/// The runs that give upright results.
+/// Makes the runs that give upright results.
 inline Results Tool::RunUpright(const OrientationFound& found) {
   const Parameters& wanted = *prepared_;
   const OutputSet outputs = WithChannels(wanted.outputs);
@@ -787,14 +777,12 @@ inline Results Tool::RunUpright(const OrientationFound& found) {
     p.outputs.Add(Output::kChannel0);
     p.outputs.Add(Output::kChannel1);
   }
-  /// Of the run's channels 0 and 1; see PixelOrder.
-  ///@{
+  // Signs of the run's channels 0 and 1: see PixelOrder.
   p.channel[0].gain *= found.is_turned ? -sign : sign;
   p.channel[1].gain *= order.is_flipped == found.is_turned ? sign : -sign;
   Results run;
   if (!p.outputs.IsEmpty()) run = RunInOrder(order, p);
   if (found.is_turned) std::swap(run[Output::kChannel0], run[Output::kChannel1]);
-  ///@}
 
   Results results;
   for (const Output output : kAllOutputs) {

@@ -1,8 +1,8 @@
 /** @file
  * The exported functions of the module VelostrixUncalibration. C11 and C++17.
  *
- * 3 to 8 pictures of one part, taken from one place under different lamps, become pictures of its
- * relief: print and stains fade, dents, scratches and embossing stand out.
+ * Photometric stereo: 3 to 8 images of one part, taken by one camera under different lamps, become
+ * images of its relief. Print and stains fade; dents, scratches and embossing stand out.
  *
  * Calling order
  *   1. CreateVelostrixUnCalibrationToolPtr_CPU
@@ -14,34 +14,34 @@
  *   6. ReleaseVelostrixUnCalibrationToolImage_CPU (and back to 2 for another geometry)
  *   7. DestroyVelostrixUnCalibrationToolPtr_CPU
  *
- * Ownership. The host owns the tool between Create and Destroy. The tool owns its working buffers
- * between Initial and Release. Results that are not resized are headers over the tool's planes:
+ * Ownership. The application owns the tool from Create to Destroy. The tool owns its working
+ * buffers from Initial to Release. Results that are not resized are headers over the tool's planes:
  * they are valid until the next run or Release, whichever comes first; clone what must live longer.
  *
- * Threads. One tool is used by one thread at a time; separate tools are independent. Everything
- * runs on the caller's thread, except that the height of larger frames is shared with threads that
- * end before the call does: cv::getNumThreads() of them, the caller included. A host sets their
- * number by cv::setNumThreads(n), 1 for none. The bytes of the results do not depend on it. A
- * process that may start no thread, or that has been forked between two calls, goes on alone.
+ * Threads. Use a tool from one thread at a time; separate tools are independent. Everything runs on
+ * the caller's thread, except the height of larger frames: it is computed by cv::getNumThreads()
+ * threads, the caller included, and the others end before the call does. Set their number by
+ * cv::setNumThreads(n); 1 means the caller alone. The results are the same bytes for any number. In
+ * a process that cannot start threads, or was forked between two calls, the caller works alone.
  *
- * Floating point. Every call computes in the default state and restores that of the host.
+ * Floating point. Every call computes in the default state and restores the caller's.
  *
- * OpenCV. Images are cv::Mat objects: the host must use the same OpenCV as the module.
+ * OpenCV. Images are cv::Mat objects: the application must use the same OpenCV as the module.
  *
  * Pixels and axes. Images are 8-bit single-channel. x runs along a row (columns), y down the rows.
  * Slope P is the change of height from one column to the next, slope Q the change from one row to
  * the next with the opposite sign; height is relative, in units of slope times pixels.
  *
- * Return values. bool is one byte. 1/true: done. 0/false: refused; unless said otherwise the tool
- * and the results are then as they were. There are no error codes. Exceptions of OpenCV and of the
- * allocator (std::bad_alloc, cv::Exception) pass to the host; a run or setter that ended so may be
- * repeated.
+ * Return values. bool is one byte. 1/true: done. 0/false: refused; unless stated otherwise, the
+ * tool and the results are unchanged. There are no error codes. Exceptions of OpenCV and of the
+ * allocator (cv::Exception, std::bad_alloc) reach the application; a run or setter that ended so
+ * may be repeated.
  *
- * A null tool is refused by every call (those without a result do nothing); what else is refused
- * stands with each function.
+ * Every call refuses a null tool (calls without a return value do nothing). Each function lists
+ * what else it refuses.
  *
- * Every function has a second name with _csharp for managed hosts: the same entry point, except for
- * the image setter, whose _csharp form takes an ImageRecord.
+ * Every function has a second name with _csharp, for managed code: the same function, except that
+ * the image setter takes an ImageRecord.
  */
 #ifndef VELOSTRIX_UNCALIBRATION_H
 #define VELOSTRIX_UNCALIBRATION_H
@@ -61,7 +61,7 @@
 #define VELOSTRIX_API __attribute__((visibility("default")))
 #endif
 
-/** The tool; opaque to hosts. */
+/** The tool; opaque. */
 typedef struct UnCalibrationTool UnCalibrationTool;
 
 /** An image: OpenCV's cv::Mat; opaque to C. */
@@ -96,9 +96,9 @@ VELOSTRIX_API UnCalibrationTool* CreateVelostrixUnCalibrationToolPtr_CPU_csharp(
 
 /** Copies the record into the tool. Refused: a null record. Sets image count, geometry (working and
  * result size: width x height, row stride row_step), switches, gains and offsets. Leaves the
- * region, the buffers and the count of set images alone: a change of geometry or image count wants
- * Release and Initial. A scale below 0.99 switches scaling on. A later scale of 0.99 or more does
- * not switch it off again: only a call of SetROI whose scaled region would be too small does. A NaN
+ * region, the buffers and the count of set images unchanged: after a change of geometry or image
+ * count, call Release and Initial. A scale below 0.99 switches scaling on. A later scale of 0.99 or
+ * more does not switch it off; only SetROI does, when the scaled region would be too small. NaN
  * counts as not below 0.99. */
 VELOSTRIX_API bool SetVelostrixUnCalibrationToolParam_CPU(UnCalibrationTool* tool,
                                                           const UnCalibrationParam* param);
@@ -107,21 +107,21 @@ VELOSTRIX_API bool SetVelostrixUnCalibrationToolParam_CPU_csharp(UnCalibrationTo
                                                                  const UnCalibrationParam* param);
 
 /** Restricts the tool to the rectangle with the inclusive corners (x1, y1) and (x2, y2), in pixels
- * of the input images, clamped to the current working size (so a second region is clamped by the
- * first; set the parameters again to start afresh). With scaling on and more than 10 scaled pixels
- * each way the working size becomes region x scale, truncated; otherwise scaling is switched off
- * and it is the region's. False leaves the geometry unchanged. Refused:
- * - a rectangle that is empty once it is clamped; no region is in force then
- * - with scaling on, one of which the scale makes a size that no image can have */
+ * of the input images, clamped to the current working size. A second region is therefore clamped
+ * by the first; set the parameters again before it. With scaling on and more than 10 scaled pixels
+ * in both directions, the working size becomes region x scale, truncated; otherwise scaling is
+ * switched off and the working size is the region's. False leaves the geometry unchanged. Refused:
+ * - a rectangle that is empty after clamping; no region is in force then
+ * - with scaling on, a region that scales to a size that no image can have */
 VELOSTRIX_API bool SetVelostrixUnCalibrationToolROI_CPU(UnCalibrationTool* tool, int32_t x1,
                                                         int32_t y1, int32_t x2, int32_t y2);
 /** @copydoc SetVelostrixUnCalibrationToolROI_CPU */
 VELOSTRIX_API bool SetVelostrixUnCalibrationToolROI_CPU_csharp(UnCalibrationTool* tool, int32_t x1,
                                                                int32_t y1, int32_t x2, int32_t y2);
 
-/** Lifts the region and sets the working size: rows x cols with row_step elements from row to row
+/** Removes the region and sets the working size: rows x cols with row_step elements from row to row
  * (note the order). Returns rows x row_step; 0 for a null tool. With scaling on, Initial computes
- * the working size anew from the result size. */
+ * the working size again from the result size. */
 VELOSTRIX_API int64_t ClearVelostrixUnCalibrationToolROI_CPU(UnCalibrationTool* tool, int32_t rows,
                                                              int32_t cols, int32_t row_step);
 /** @copydoc ClearVelostrixUnCalibrationToolROI_CPU */
@@ -152,9 +152,9 @@ VELOSTRIX_API void InitialVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibrati
  * - a null or empty image, or one of more than two dimensions
  * - one image more than the image count
  * - no buffers, or buffers too small for the geometry or for one more image
- * - with a region: an image that, cut and resized, is not of the working size with rows of row_step
- *   bytes (after new parameters the region must be set again)
- * - without one: an image of fewer bytes than the working size
+ * - with a region: an image that, cut and resized, does not have the working size with rows of
+ *   row_step bytes (after new parameters, set the region again)
+ * - without a region: an image with fewer bytes than the working size
  * - with equalisation: an image of more than one channel
  *
  * cv::Exception: the image does not contain the region; scaling or equalisation of a pixel type
@@ -162,7 +162,7 @@ VELOSTRIX_API void InitialVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibrati
 VELOSTRIX_API bool SetVelostrixUnCalibrationToolImage_CPU(UnCalibrationTool* tool,
                                                           const VelostrixMat* image);
 
-/** The same for an image in plain memory. Refused besides:
+/** The same for an image in plain memory. Also refused:
  * - a null record, a type code outside 1 to 12, no data, a width or height below 1
  * - a row stride, other than 0, shorter than a row or not a multiple of the sample's size */
 VELOSTRIX_API bool SetVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibrationTool* tool,
@@ -177,16 +177,16 @@ VELOSTRIX_API void ClearVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibration
 
 /** @defgroup runs Runs
  *
- * Each run turns the N stored images into the result images that output_enable asks for. A result
+ * Each run turns the N stored images into the result images that output_enable selects. A result
  * whose switch is off is not touched and may be null; normal switches channels 0, 1 and 2 on. All
- * are 8-bit single-channel but normal (three 8-bit channels: channels 0, 1, 2; owns its memory) and
- * height (16-bit single-channel). They have the working size, or the region's when scaling is on:
- * then they are resized and own their memory, unless both sizes are equal. 1: done; the count of
- * set images is 0 again. The run does not ask whether all N images were set. An exception may leave
- * some results replaced.
+ * results are 8-bit single-channel, except normal (three 8-bit channels: channels 0, 1, 2; owns its
+ * memory) and height (16-bit single-channel). They have the working size. With scaling on they have
+ * the region's size: they are resized and own their memory, unless both sizes are equal. The run
+ * does not check that all N images were set.
  *
- * 0: refused, results untouched; the count of set images stays: ClearImage before setting images
- * again. Refused:
+ * Returns 1: done; the count of set images is 0 again. After an exception some results may have
+ * been replaced. Returns 0: refused; results and the count of set images are unchanged, so call
+ * ClearImage before setting images again. Refused:
  * - an image count outside 3 to 8
  * - no buffers, or a geometry or an image count that they do not hold
  * - an enabled result that is null; normal enables channels 0, 1 and 2
@@ -194,17 +194,18 @@ VELOSTRIX_API void ClearVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibration
  * - any result with scaling on and a result size without pixels
  * - uncalibrated runs: a frame or a piece of fewer than three pixels
  * - part columns: fewer than two rows
- * @verbatim
- *   result     content                                                     uncalibrated calibrated
- *   factor     factor map, normalised to 0..255, times factor_gain         brightness      albedo
+ *
+ * @code{.unparsed}
+ *   result     content                                                  uncalibrated    calibrated
+ *   factor     factor map, normalised to 0..255, times factor_gain      brightness      albedo
  *   curvature  dP/dx + dQ/dy, curvature gain and offset
  *   magnitude  full frame: 2 |dQ/dy|, partial: |dP/dx + dQ/dy|, magnitude gain and offset
- *   channel0   slope map P, channel[0] gain and offset                     slope P         normal x
- *   channel1   slope map Q, channel[1] gain and offset                     slope Q         normal y
- *   channel2   gated factor map, channel[2] gain and offset                brightness      normal z
+ *   channel0   slope map P, channel[0] gain and offset                  slope P         normal x
+ *   channel1   slope map Q, channel[1] gain and offset                  slope Q         normal y
+ *   channel2   gated factor map, channel[2] gain and offset             brightness      normal z
  *   normal     channels 0, 1, 2 merged
  *   height     integrated slopes, 0..65535 over the range; a flat map gives 0
- * @endverbatim
+ * @endcode
  * @{ */
 
 /** Unknown lamps, whole frame at once. */
@@ -230,7 +231,7 @@ VELOSTRIX_API int32_t RunVelostrixUnCalibration_CPU_csharp_cali(
     VelostrixMat* height);
 
 /** Unknown lamps, strips of `band` columns, their signs aligned from strip to strip. A band below
- * 10 counts as 10. The factor map is mirrored about its mid-range. */
+ * 10 counts as 10. The factor map is mirrored about the middle of its range. */
 VELOSTRIX_API int32_t RunVelostrixUnCalibration_CPU_partcols_uncali(
     UnCalibrationTool* tool, VelostrixMat* factor, VelostrixMat* curvature, VelostrixMat* magnitude,
     VelostrixMat* channel0, VelostrixMat* channel1, VelostrixMat* channel2, VelostrixMat* normal,
@@ -242,7 +243,7 @@ VELOSTRIX_API int32_t RunVelostrixUnCalibration_CPU_partcols_csharp_uncali(
     VelostrixMat* height, int32_t band);
 
 /** Unknown lamps, bands of `band` rows, each with its own signs. A band below 10 counts as 10. The
- * factor map is mirrored about its mid-range. */
+ * factor map is mirrored about the middle of its range. */
 VELOSTRIX_API int32_t RunVelostrixUnCalibration_CPU_partrows_uncali(
     UnCalibrationTool* tool, VelostrixMat* factor, VelostrixMat* curvature, VelostrixMat* magnitude,
     VelostrixMat* channel0, VelostrixMat* channel1, VelostrixMat* channel2, VelostrixMat* normal,
@@ -259,8 +260,8 @@ VELOSTRIX_API int32_t RunVelostrixUnCalibration_CPU_partrows_csharp_uncali(
  * @{
  */
 
-/** Frees the working buffers and forgets the images; harmless to repeat. Results over the tool's
- * planes dangle from here on. */
+/** Frees the working buffers and forgets the images; a second call does nothing. Results over the
+ * tool's planes are invalid from here on. */
 VELOSTRIX_API void ReleaseVelostrixUnCalibrationToolImage_CPU(UnCalibrationTool* tool);
 /** @copydoc ReleaseVelostrixUnCalibrationToolImage_CPU */
 VELOSTRIX_API void ReleaseVelostrixUnCalibrationToolImage_CPU_csharp(UnCalibrationTool* tool);
@@ -275,9 +276,10 @@ VELOSTRIX_API void DestroyVelostrixUnCalibrationToolPtr_CPU(UnCalibrationTool* t
 /** @copydoc DestroyVelostrixUnCalibrationToolPtr_CPU */
 VELOSTRIX_API void DestroyVelostrixUnCalibrationToolPtr_CPU_csharp(UnCalibrationTool* tool);
 
+/** @} */
+
 #ifdef __cplusplus
 }
 #endif
 
 #endif /* VELOSTRIX_UNCALIBRATION_H */
-/** @} */

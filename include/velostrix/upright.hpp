@@ -1,17 +1,20 @@
 /// @file
-/// C++ hosts: how the slopes of an uncalibrated run lie on the scene, and the order of pixels that
-/// puts them right. Header-only, C++17; tool.hpp uses it for Parameters::orientation.
+/// The orientation of the slopes of an uncalibrated run, and the order of pixels that corrects it.
+/// Header-only, C++17; tool.hpp uses it for Parameters::orientation.
 ///
-/// An uncalibrated run knows the slopes up to a turn in the picture plane, a mirroring and a sign.
-/// With x to the right and y up its channels 0 and 1 are the complex field
-///   g = P + i Q = e^(i turn) (dz/dx + i dz/dy)    or, mirrored, the conjugate of this.
-/// For the slopes of a surface div + i curl = e^(i turn) (d2z/dx2 + d2z/dy2): at every pixel a real
-/// number times one direction, whatever the turn. In mirrored slopes div and curl have no common
-/// direction. So the smaller eigenvalue of their covariance matrix, as a share of both, is near 0
-/// for one of g and its conjugate and near 1/2 for the other, which tells whether g is mirrored;
-/// the larger one's eigenvector is the turn, up to the sign. (That slopes of a surface have no curl
-/// settles what shading leaves open: Yuille and Snow 1997.) Sign and, where curl says nothing, turn
-/// come from a lamp whose direction is known: parts that face it are bright.
+/// An uncalibrated run determines the slopes up to a turn in the picture plane, a mirroring and a
+/// sign. With x to the right and y up, its channels 0 and 1 are the complex field
+/// @code{.unparsed}
+///   g = P + i Q = e^(i turn) (dz/dx + i dz/dy)    or, mirrored, its conjugate
+/// @endcode
+/// The slopes of a surface have div + i curl = e^(i turn) (d2z/dx2 + d2z/dy2): a real number times
+/// the same direction at every pixel. In mirrored slopes div and curl have no common direction. The
+/// smaller eigenvalue of the covariance matrix of div and curl, as a share of the sum of both
+/// eigenvalues, is therefore near 0 for one of g and its conjugate and near 1/2 for the other: this
+/// shows whether g is mirrored. The eigenvector of the larger eigenvalue is the turn, up to the
+/// sign. (Zero curl resolves the ambiguity that shading leaves: Yuille and Snow 1997.) The sign,
+/// and the turn where curl does not show it, come from a lamp whose direction is known: surfaces
+/// that face it are bright.
 #pragma once
 
 #include <algorithm>
@@ -24,40 +27,39 @@
 
 namespace velostrix {
 
-/// From where one lamp shines, roughly.
+/// The rough direction of one lamp.
 struct LampHint {
   int image = 0;         ///< index of the image that it lights
   double degrees = 0.0;  ///< in the picture: 0 from the right, 90 from above, 180 from the left
 };
 
-/// How slopes lie on the scene, and what puts results right.
+/// The orientation of slopes that was measured, and how results are corrected.
 struct OrientationFound {
-  /// Of the derivatives of the slopes, as they are and mirrored, the share (0 to 1/2) that is no
-  /// surface's whatever the turn: near 0 for slopes of a surface. Negative: not measured.
+  /// The share (0 to 1/2) of the slopes' derivatives that fits no surface, whatever the turn: near
+  /// 0 for the slopes of a surface. For slopes as they are, and mirrored. Negative: not measured.
   ///@{
   double curl_as_is = -1.0;
   double curl_mirrored = -1.0;
-  bool is_clear = false;     ///< these differ enough to tell
-  bool is_mirrored = false;  ///< slopes were mirrored: the run was repeated on flipped images
-  bool is_turned = false;  ///< by about a quarter: channels changed places, images were transposed
-  bool is_inverted = false;  ///< slopes had the opposite sign: height and slopes were negated
-  bool is_sign_open = true;  ///< bumps and dents may have changed places: no lamp's direction known
-  /// curvature is that of mirrored slopes, where it shows more
-  bool has_mirrored_curvature = false;
-  double turn = 0.0;  ///< degrees, counterclockwise, that the slopes stay turned by: -45 to 45, or
-                      ///< -90 to 90 where images are not transposed
   ///@}
+  bool is_clear = false;     ///< the two shares differ enough to decide
+  bool is_mirrored = false;  ///< slopes were mirrored: the run was repeated on flipped images
+  bool is_turned = false;    ///< by about a quarter turn: images were transposed, channels swapped
+  bool is_inverted = false;  ///< slopes had the opposite sign: height and slopes were negated
+  bool is_sign_open = true;  ///< no lamp's direction is known: bumps may appear as dents
+  bool has_mirrored_curvature = false;  ///< curvature is from mirrored slopes: it shows more there
+  double turn = 0.0;  ///< degrees, counterclockwise, by which the slopes remain turned: -45 to 45,
+                      ///< or -90 to 90 where images are not transposed
 };
 
 namespace upright_detail {
 
-/// Slopes of pilot runs as bytes: four times the usual slope fits, rounding is far below noise.
+/// Slopes of pilot runs as bytes: four times the usual slope fits; rounding is far below noise.
 ///@{
 constexpr double kPilotGain = 32.0;
 constexpr int kPilotOffset = 128;
 ///@}
 
-/// The means over square blocks of pixels; of those that the mask has, if there is one.
+/// The means over square blocks of pixels; with a mask, of the pixels in it.
 inline cv::Mat1f BlockMeans(const cv::Mat& image, int block, const cv::Mat& mask = {}) {
   cv::Mat1f means(image.rows / block, image.cols / block);
   std::vector<int> sums(static_cast<size_t>(means.cols));
@@ -85,7 +87,7 @@ inline cv::Mat1f BlockMeans(const cv::Mat& image, int block, const cv::Mat& mask
   return means;
 }
 
-/// Weights 1 2 1 along rows and columns; the edge stays as it is.
+/// Smoothed with weights 1 2 1 along rows and columns; the edge stays as it is.
 inline cv::Mat1f Smoothed(const cv::Mat1f& map) {
   cv::Mat1f rows = map.clone();
   for (int i = 0; i < map.rows; ++i) {
@@ -102,7 +104,7 @@ inline cv::Mat1f Smoothed(const cv::Mat1f& map) {
   return both;
 }
 
-/// Means of products of two quantities a and b.
+/// Sums of the products of two quantities a and b.
 struct Covariance {
   double aa = 0.0;
   double ab = 0.0;
@@ -113,31 +115,31 @@ struct Covariance {
     ab += a * b;
     bb += b * b;
   }
-  /// Of the smaller eigenvalue in the sum of both.
+  /// The smaller eigenvalue over the sum of both.
   double SmallerShare() const {
     const double sum = aa + bb;
     return sum > 0.0 ? 0.5 - 0.5 * std::sqrt((aa - bb) * (aa - bb) + 4.0 * ab * ab) / sum : 0.5;
   }
-  /// Of the larger one's eigenvector, in degrees, -90 to 90.
+  /// The direction of the larger eigenvalue's eigenvector, in degrees, -90 to 90.
   double Direction() const { return 0.5 * std::atan2(2.0 * ab, aa - bb) * 180.0 / CV_PI; }
 };
 
-/// Sums over the blocks of a field and of its conjugate: div and curl; and the differences of the
-/// two derivatives that div and curl are the sums of.
+/// Sums over the blocks of a field: div and curl, and the differences of the derivatives whose sums
+/// div and curl are.
 struct FieldSums {
   Covariance div_curl;
   double hyperbolic_along = 0.0;   ///< (dg0/dx - dg1/dy)^2
   double hyperbolic_across = 0.0;  ///< (dg1/dx + dg0/dy)^2
 };
 
-/// The angle as one of (-180, 180].
+/// The angle in (-180, 180].
 inline double Wrapped(double degrees) { return degrees - 360.0 * std::ceil(degrees / 360.0 - 0.5); }
 
 }  // namespace upright_detail
 
-/// Measures how slopes lie on the scene. channel0, channel1: those of a run, CV_8UC1, by the pilot
-/// gain and offset. images: those of the run, as large, CV_8UC1. may_turn: whether images may be
-/// transposed. mask: as large, CV_8UC1, pixels to leave out are 0; or empty.
+/// Measures the orientation of slopes. channel0, channel1: results of a pilot run, CV_8UC1. images:
+/// its images, as large, CV_8UC1. may_turn: whether images may be transposed. mask: as large,
+/// CV_8UC1, 0 for pixels to leave out; or empty.
 [[nodiscard]] inline OrientationFound MeasureOrientation(const cv::Mat& channel0,
                                                          const cv::Mat& channel1,
                                                          const std::vector<cv::Mat>& images,
@@ -147,10 +149,10 @@ inline double Wrapped(double degrees) { return degrees - 360.0 * std::ceil(degre
   constexpr int kLargestBlock = 8;      // with the smoothing: sigma 6 pixels
   constexpr int kFewestBlocks = 32;     // along the shorter side, where the image has as many
   constexpr double kDarkShare = 0.1;    // of the mean level: slopes there are noise
-  constexpr double kNoCurl = 0.25;      // up to here the direction of div and curl is a turn
-  constexpr double kSmallShare = 0.05;  // both orientations: relief in one direction only
+  constexpr double kNoCurl = 0.25;      // up to here the direction of div and curl is the turn
+  constexpr double kSmallShare = 0.05;  // both below: relief in one direction only
   constexpr double kClearRatio = 0.7;
-  constexpr double kShowsMore = 1.25;  // so that parts of a kind do not change to and fro
+  constexpr double kShowsMore = 1.25;  // so that parts of one kind are all decided alike
 
   OrientationFound found;
   const int block =
@@ -202,8 +204,8 @@ inline double Wrapped(double degrees) { return degrees - 360.0 * std::ceil(degre
 
   double turn = field.div_curl.SmallerShare() < kNoCurl ? field.div_curl.Direction() : 0.0;
   if (lamp) {
-    // The lamp's image over the mean of all is a linear function of the slopes, which falls towards
-    // the lamp.
+    // The lamp's image over the mean of all is a linear function of the slopes; it falls in the
+    // direction of the lamp.
     const cv::Mat1f lit = BlockMeans(images[static_cast<size_t>(lamp->image)], block, mask);
     cv::Matx33d normal = cv::Matx33d::zeros();
     cv::Vec3d right(0.0, 0.0, 0.0);
@@ -235,11 +237,12 @@ inline double Wrapped(double degrees) { return degrees - 360.0 * std::ceil(degre
   return found;
 }
 
-/// An order of the pixels of images for a run, and back for its results. With P and Q the channels
-/// of a run on the images as they are, the run on images in this order has slopes (to the right,
-/// up)
-///   as they are (P, Q), flipped (P, -Q), transposed (-Q, -P), both (Q, -P):
-/// the factors of a frame do not depend on the order of its pixels.
+/// An order of pixels: brings images into it for a run, and results back. The factors of a frame do
+/// not depend on the order of its pixels. With P and Q the channels of a run on the images as they
+/// are, a run on images in this order has the slopes (to the right, up)
+/// @code{.unparsed}
+///   as they are (P, Q), flipped (P, -Q), transposed (-Q, -P), both (Q, -P)
+/// @endcode
 struct PixelOrder {
   bool is_transposed = false;  ///< rows become columns
   bool is_flipped = false;     ///< top to bottom, after the transposition
@@ -259,7 +262,7 @@ struct PixelOrder {
     return ordered;
   }
 
-  /// The result of the run as the scene is seen.
+  /// The result of the run, back in the order of the images.
   [[nodiscard]] cv::Mat AsSeen(const cv::Mat& result) const {
     cv::Mat seen = result;
     if (is_flipped) cv::flip(result, seen, 0);
@@ -287,7 +290,7 @@ struct PixelOrder {
   }
 };
 
-/// The order in which a run makes the height and the channels of the scene as seen.
+/// The order in which a run makes upright height and channels.
 inline PixelOrder UprightOrder(const OrientationFound& found) {
   return {found.is_turned, found.is_mirrored != found.is_turned};
 }

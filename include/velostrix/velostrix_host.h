@@ -1,36 +1,36 @@
 /** @file
- * Velostrix for hosts in any language: one object, the reconstructor, behind plain C functions on
- * plain memory. C11 and C++17; a host needs neither OpenCV nor its headers.
+ * Velostrix for applications in any language: one object, the reconstructor, behind plain C
+ * functions on plain memory. C11 and C++17; the application needs neither OpenCV nor its headers.
  *
  * Calling order
  *   1. VelostrixReconstructorCreate
  *   2. VelostrixSettingsDefaults, then change what should differ; or VelostrixSettingsFromJson
- *   3. perhaps VelostrixFitFlat and VelostrixReconstructorDiagnose, when a station is set up, and
- *      VelostrixReconstructorChooseGains, once for a kind of part
+ *   3. optional: VelostrixFitFlat and VelostrixReconstructorDiagnose when a station is set up;
+ *      VelostrixReconstructorChooseGains once for a kind of part
  *   4. VelostrixReconstructorPrepare
  *   5. for each image, as its lamp fires, VelostrixReconstructorSetImage; then
  *      VelostrixReconstructorRun; read the results; repeat for the next part
  *      (or VelostrixReconstructorReconstruct in place of 4 and 5, with all images at once)
  *   6. VelostrixReconstructorDestroy
  *
- * Status. Every function that can fail returns a VelostrixStatus, and no exception leaves it. What
- * was refused and what is expected is a text, the same in every language:
- * VelostrixReconstructorMessage, or the `message` of functions without a reconstructor (which may
- * be null, and is left alone when nothing was refused). A refusal (VELOSTRIX_INVALID_ARGUMENT,
- * VELOSTRIX_WRONG_STATE, VELOSTRIX_BUSY) leaves the reconstructor, its images and its results as
- * they were. After VELOSTRIX_OUT_OF_MEMORY and VELOSTRIX_FAILED it is as after Create: prepare it
- * again. A null pointer, where none is allowed, is VELOSTRIX_INVALID_ARGUMENT.
+ * Status. Every function that can fail returns a VelostrixStatus; no exception leaves it. A text,
+ * the same in every language, says what was refused and what is expected:
+ * VelostrixReconstructorMessage, or the `message` of functions without a reconstructor (it may be
+ * null, and is written only when something is refused). A refusal (VELOSTRIX_INVALID_ARGUMENT,
+ * VELOSTRIX_WRONG_STATE, VELOSTRIX_BUSY) leaves the reconstructor, its images and its results
+ * unchanged. After VELOSTRIX_OUT_OF_MEMORY and VELOSTRIX_FAILED the reconstructor is as after
+ * Create: prepare it again. A null pointer where none is allowed is VELOSTRIX_INVALID_ARGUMENT.
  *
- * Ownership. A reconstructor owns its working buffers (about 52 + 5 N bytes a pixel), kept from
- * part to part and allocated anew only when number or size of the images, region or scale change.
- * Memory of the host is read or written during the call only.
+ * Ownership. A reconstructor owns its working buffers (about 52 + 5 N bytes a pixel). It keeps them
+ * from part to part and allocates new ones only when number or size of the images, region or scale
+ * change. The caller's memory is read or written during the call only.
  *
- * Threads. One reconstructor is used by one thread at a time: a call that meets another one at work
- * returns VELOSTRIX_BUSY at once and does nothing. Separate reconstructors are independent. The
- * height is shared with threads that end before the call does; VelostrixSetThreads sets how many.
+ * Threads. Use a reconstructor from one thread at a time: while a call is running, another one
+ * returns VELOSTRIX_BUSY at once and does nothing. Separate reconstructors are independent. Several
+ * threads compute the height; VelostrixSetThreads sets how many. They end before the call does.
  *
- * Records. Layouts are pinned below. Those that may grow begin with struct_size, which the host
- * sets to their sizeof before every call; another size is refused.
+ * Records. Layouts are pinned below. Records that may grow begin with struct_size: set it to the
+ * record's sizeof before every call. Another size is refused.
  *
  * Pixels, axes and units are those of velostrix/uncalibration.h.
  */
@@ -69,41 +69,43 @@ enum {
   VELOSTRIX_OK = 0,
   VELOSTRIX_INVALID_ARGUMENT = 1, /**< an argument or a setting is wrong */
   VELOSTRIX_OUT_OF_MEMORY = 2,
-  VELOSTRIX_WRONG_STATE = 3, /**< not prepared, images are missing, no results yet, ... */
+  VELOSTRIX_WRONG_STATE = 3, /**< not prepared, images missing, no results yet, ... */
   VELOSTRIX_BUSY = 4,        /**< another thread is using this reconstructor */
-  VELOSTRIX_FAILED = 5       /**< none of these; the message has what was reported */
+  VELOSTRIX_FAILED = 5       /**< any other failure; the message has its text */
 };
 
-/** A text in UTF-8 (file names and other text from the host as given), ends with a zero; one that
- * is longer is cut. */
+/** A text in UTF-8 that ends with a zero; a longer one is cut. File names and other texts of the
+ * caller are repeated as given. */
 typedef struct VelostrixMessage {
   char text[1024]; /**< with its zero */
 } VelostrixMessage;
 
-/** What a status means in general, such as "out of memory"; for those that come without a message:
- * a failed Create, VELOSTRIX_BUSY. Never null; lives as long as the library. */
+/** What a status means, such as "out of memory"; for failures without a message: of Create, and
+ * VELOSTRIX_BUSY. Never null; valid as long as the library is loaded. */
 VELOSTRIX_HOST_API const char* VelostrixStatusText(VelostrixStatus status);
 
-/** "MAJOR.MINOR.PATCH" of the library that is loaded; lives as long as it. */
+/** "MAJOR.MINOR.PATCH" of the loaded library; valid as long as it is loaded. */
 VELOSTRIX_HOST_API const char* VelostrixLibraryVersion(void);
 
-/** Whether the library that is loaded fits a host that was made with this version of the headers
- * (VELOSTRIX_VERSION_MAJOR and _MINOR of velostrix/version.h): before 1.0 a minor version may
- * change what hosts see. Else VELOSTRIX_FAILED. */
+/** VELOSTRIX_OK when the loaded library fits an application built with this version of the headers
+ * (VELOSTRIX_VERSION_MAJOR and _MINOR of velostrix/version.h), else VELOSTRIX_FAILED: before 1.0 a
+ * minor version may change the interface. */
 VELOSTRIX_HOST_API VelostrixStatus VelostrixCheckVersion(int32_t major, int32_t minor,
                                                          VelostrixMessage* message);
 
-/** How many threads the height may use in this process, the caller of a run included: 1 = the
- * caller alone, 0 = one for each core (the default). Negative is refused. This is OpenCV's number
- * of threads (cv::setNumThreads), process-wide, so it holds for all reconstructors and for a host's
- * own OpenCV calls. The bytes of the results do not depend on it. Not while a run is under way. */
+/** Sets how many threads the height may use in this process, the caller included: 1 = the caller
+ * alone, 0 = one for each core (the default). Negative is refused. This is OpenCV's number of
+ * threads (cv::setNumThreads): it holds for the whole process, that is for all reconstructors and
+ * for the application's own OpenCV calls. The results are the same bytes for any number. Not to be
+ * called during a run. */
 VELOSTRIX_HOST_API VelostrixStatus VelostrixSetThreads(int32_t count);
 
-/** The number in force, at least 1. */
+/** The number of threads in force, at least 1. */
 VELOSTRIX_HOST_API int32_t VelostrixThreads(void);
 
-/** The order of file names in which lamps are taken from a folder, numbers by their value (lamp2
- * before lamp10): below 0 when a comes before b, 0 when they are the same, else above 0. */
+/** Compares file names in natural order, in which the images of a folder belong to the lamps:
+ * numbers by their value, lamp2 before lamp10. Below 0 when a comes before b, 0 when they are
+ * equal, else above 0. */
 VELOSTRIX_HOST_API int32_t VelostrixCompareNames(const char* a, const char* b);
 
 /** @} */
@@ -126,15 +128,15 @@ enum VelostrixDifference {
   VELOSTRIX_DIFFERENCE_FORWARD = 1  /**< "forward": resolves finer lines */
 };
 
-/** What is done about slopes that the runs with unknown lamps find mirrored, turned or with the
- * other sign. The calibrated run, whose signs are known, is left as it is. */
+/** How results of runs with unknown lamps are oriented, whose slopes may be mirrored, turned or
+ * negated. The calibrated run determines all signs and is left unchanged. */
 enum VelostrixOrientation {
-  VELOSTRIX_ORIENTATION_AS_IS = 0, /**< "as-is": results as they come */
-  /** "upright": measured on every part and put right by runs on flipped or transposed images;
-   * height, channels and normal are then those of the scene as seen, as far as the slopes and the
-   * direction of a lamp tell; the curvature is that of the mirrored slopes where it shows more.
-   * Takes the time of one to three runs more, of which none makes the height, and keeps the images.
-   * The partial runs and those with `equalise` are not transposed. */
+  VELOSTRIX_ORIENTATION_AS_IS = 0, /**< "as-is": unchanged */
+  /** "upright": measured on every part and corrected by runs on flipped or transposed images.
+   * Height, channels and normal are then oriented as the scene, as far as the slopes and the
+   * direction of a lamp determine it; the curvature comes from the mirrored slopes where it shows
+   * more. Takes one to three more runs, none of which makes the height, and keeps the images.
+   * Partial runs and runs with `equalise` are not transposed. */
   VELOSTRIX_ORIENTATION_UPRIGHT = 1
 };
 
@@ -152,37 +154,37 @@ typedef struct VelostrixRegion {
   int32_t height; /**< rows */
 } VelostrixRegion;
 
-/** Coefficients of a flat field, see VelostrixFitFlat. */
+/** The number of coefficients of a flat field, see VelostrixFitFlat. */
 #define VELOSTRIX_FLAT_TERMS 15
 
-/** What a run does. 1152 bytes. Number and size of the images are not settings: recipes fit images
+/** What a run does. 1152 bytes. Number and size of the images are not settings: settings fit images
  * of any size that contains their region. */
 typedef struct VelostrixSettings {
   uint32_t struct_size; /**< sizeof(VelostrixSettings) */
   int32_t run;          /**< VelostrixRun; default uncali */
   int32_t band;         /**< partrows, partcols: rows or columns of a piece; below 10 counts as 10;
                            default 64 */
-  uint32_t outputs;   /**< set of outputs to make; normal brings the three channels; default all */
-  int32_t has_region; /**< 0: the whole image (default), 1: the region */
+  uint32_t outputs;     /**< set of outputs to make; normal also makes the channels; default all */
+  int32_t has_region;   /**< 0: the whole image (default), 1: the region */
   VelostrixRegion region; /**< inside the images, at least 3 x 2 pixels */
   int32_t equalise;       /**< 1: even out the column brightness of every image first; default 0 */
   double scale;        /**< above 0, at most 1 (default). Below 0.99 images are scaled by it, unless
-                          that would leave 10 pixels or fewer; results come in full size */
+                          that would leave 10 pixels or fewer; results have full size */
   int32_t difference;  /**< VelostrixDifference; default central; ignored by the partial runs */
   int32_t blur_radius; /**< pixels, 0 (default) to 32767: smoothing of curvature and magnitude */
-  int32_t iteration_cap; /**< of the height; default 50, 0 = flat, negative = as many as it takes */
-  int32_t bits; /**< in use of 16-bit samples: 8 to 16; 0 (default): not said, and images of
-                   16-bit samples are refused */
+  int32_t iteration_cap; /**< of the height; default 50, 0 = flat, negative = until it converges */
+  int32_t bits; /**< bits in use of 16-bit samples: 8 to 16; 0 (default): not given, and 16-bit
+                   images are refused unless white is given */
   double gain[VELOSTRIX_OUTPUT_COUNT]; /**< grey levels per unit of the map; factor: multiplies the
                                           normalised image; normal, height: not read. Finite */
   int32_t offset[VELOSTRIX_OUTPUT_COUNT]; /**< grey level of value 0; factor, normal, height: not
                                              read */
-  uint32_t kept_gains;   /**< set of outputs whose gain is given or chosen: ChooseGains leaves gain
-                            and offset alone; default none */
-  uint32_t kept_offsets; /**< set of outputs whose offset is: it leaves the offset alone */
+  uint32_t kept_gains;   /**< set of outputs whose gain and offset ChooseGains leaves alone, as they
+                            were given or chosen; default none */
+  uint32_t kept_offsets; /**< set of outputs whose offset ChooseGains leaves alone; default none */
   int32_t orientation;   /**< VelostrixOrientation; default as-is */
   int32_t lamp; /**< upright: index of an image whose lamp shines from a known direction, which
-                   tells bumps from dents; -1 (default): none */
+                   determines the sign of the height; -1 (default): none */
   double lamp_degrees; /**< where it shines from in the images, roughly: 0 from the right, 90 from
                           above, 180 from the left, 270 from below */
   int32_t white;       /**< the sample of 16-bit images that is white, 1 to 65535: level = sample *
@@ -194,7 +196,7 @@ typedef struct VelostrixSettings {
                             .., y^4, x, x y, .., x^4; x, y: -1 to 1 across the image */
 } VelostrixSettings;
 
-/** Fills in the defaults; settings->struct_size must be set. */
+/** Writes the defaults; settings->struct_size must be set. */
 VELOSTRIX_HOST_API VelostrixStatus VelostrixSettingsDefaults(VelostrixSettings* settings);
 
 /** Refuses what Prepare would refuse for `count` images of width x height pixels. */
@@ -203,8 +205,7 @@ VELOSTRIX_HOST_API VelostrixStatus VelostrixSettingsCheck(const VelostrixSetting
                                                           int32_t height,
                                                           VelostrixMessage* message);
 
-/** The size that is worked on for images of width x height pixels: that of the region, scaled if it
- * is to be. */
+/** The working size for images of width x height pixels: the region's, scaled where images are. */
 VELOSTRIX_HOST_API VelostrixStatus VelostrixWorkingSize(const VelostrixSettings* settings,
                                                         int32_t width, int32_t height,
                                                         int32_t* working_width,
@@ -213,7 +214,7 @@ VELOSTRIX_HOST_API VelostrixStatus VelostrixWorkingSize(const VelostrixSettings*
 /** @} */
 /** @addtogroup settings
  * A recipe is settings as a JSON object in UTF-8; all fields but the first may be missing:
- * @verbatim
+ * @code{.unparsed}
  *   "recipe_version"  1
  *   "run"             "uncali", "cali", "partrows", "partcols"
  *   "band"            integer
@@ -225,36 +226,34 @@ VELOSTRIX_HOST_API VelostrixStatus VelostrixWorkingSize(const VelostrixSettings*
  *   "difference"      "central", "forward"
  *   "blur_radius"     integer
  *   "iteration_cap"   integer
- *   "bits"            integer; 0: not said
+ *   "bits"            integer; 0: not given
  *   "orientation"     "as-is", "upright"
  *   "lamp"            {"image", "degrees"}, the image counted from 0, or null
- *   "white"           integer; 0: as bits say
+ *   "white"           integer; 0: 2^bits - 1
  *   "flat"            array of the coefficients of each lamp; empty: no flat fields
  *   "gains"           numbers by name of output (not normal, height)
  *   "offsets"         integers by name of output (not factor, normal, height)
- * @endverbatim
- * What is missing has its default. Gains and offsets that are there are kept: their bits are set in
- * kept_gains and kept_offsets. A record that `velostrix reconstruct` wrote, run.json, is read as
- * well: its member "recipe" counts.
+ * @endcode
+ * A missing field has its default. Gains and offsets in a recipe are kept: their bits are set in
+ * kept_gains and kept_offsets. The run.json that `velostrix reconstruct` writes is read as well:
+ * its member "recipe" is the recipe.
  * @{ */
 
-/** Bytes that every recipe fits into, the zero at its end included. */
+/** Every recipe fits into this number of bytes, including the zero at its end. */
 #define VELOSTRIX_LONGEST_RECIPE 16384
 
-/** Writes the settings as a recipe with a zero at its end to text, which holds `capacity` bytes.
- * *length (may be null) is its length without the zero. Of gains and offsets it has those that are
- * kept, so that a recipe fixes none that nobody gave or chose, and those that are not the default,
- * so that none is lost: these are kept when it is read. Refused: a capacity that is too small;
- * settings that no image would fit. */
+/** Writes the settings as a recipe, with a zero at its end, to text, which has room for `capacity`
+ * bytes. *length (may be null) is its length without the zero. The recipe has the gains and offsets
+ * that are kept or not the default; all of them are kept when it is read. Refused: a capacity that
+ * is too small; settings that fit no images. */
 VELOSTRIX_HOST_API VelostrixStatus VelostrixSettingsToJson(const VelostrixSettings* settings,
                                                            char* text, int64_t capacity,
                                                            int64_t* length,
                                                            VelostrixMessage* message);
 
-/** Reads a recipe of `length` bytes; settings->struct_size must be set, the rest is overwritten,
- * unless it is refused: what is no JSON, another recipe_version, fields and names that are unknown
- * or stand there twice, values of another type or out of their range. The message names the field.
- */
+/** Reads a recipe of `length` bytes; settings->struct_size must be set, the rest is overwritten.
+ * Refused, with a message that names the field and unchanged settings: text that is not JSON,
+ * another recipe_version, unknown or repeated names, values of another type or out of range. */
 VELOSTRIX_HOST_API VelostrixStatus VelostrixSettingsFromJson(const char* text, int64_t length,
                                                              VelostrixSettings* settings,
                                                              VelostrixMessage* message);
@@ -267,23 +266,22 @@ VELOSTRIX_HOST_API VelostrixStatus VelostrixSettingsFromJson(const char* text, i
 
 typedef struct VelostrixReconstructor VelostrixReconstructor; /**< opaque */
 
-/** One image in the host's memory: one channel. 32 bytes. */
+/** One single-channel image in the caller's memory. 32 bytes. */
 typedef struct VelostrixImage {
   const void* data;     /**< first pixel, aligned to the sample */
   int64_t row_stride;   /**< bytes from one row to the next; 0 = rows without gaps */
   int32_t width;        /**< pixels */
   int32_t height;       /**< pixels */
-  int32_t sample_bytes; /**< 1: 8-bit; 2: 16-bit in the machine's byte order, with the white level
-                           VelostrixSettings::white or 2^bits - 1: level = sample * 255 / white,
-                           rounded */
+  int32_t sample_bytes; /**< 1: 8-bit; 2: 16-bit in the machine's byte order, level = sample * 255 /
+                           white, rounded, with white = VelostrixSettings::white or 2^bits - 1 */
   int32_t reserved;     /**< 0 */
 } VelostrixImage;
 
-/** Fits the flat fields of one image of a flat, matt part under each of `count` (3 to 8) lamps, in
- * the order of the images, and stores them in the settings; from then on every image is divided by
- * its lamp's. Evens out light that falls off over the image, and lamps of different brightness. The
- * fields are smooth: stains and dust on the flat part do not come in. Settings: white and bits
- * matter. Refused: references that are saturated or dark. */
+/** Fits flat fields and stores them in the settings: every image is then divided by the field of
+ * its lamp. This evens out light that falls off across the image, and lamps of different
+ * brightness. references: `count` (3 to 8) images of a flat, matt part, one under each lamp, in the
+ * order of the images. The fields are smooth: stains and dust on the flat part have no effect. Of
+ * the settings only white and bits are used. Refused: references that are saturated or dark. */
 VELOSTRIX_HOST_API VelostrixStatus VelostrixFitFlat(const VelostrixImage* references, int32_t count,
                                                     VelostrixSettings* settings,
                                                     VelostrixMessage* message);
@@ -291,38 +289,38 @@ VELOSTRIX_HOST_API VelostrixStatus VelostrixFitFlat(const VelostrixImage* refere
 /** Makes a reconstructor in *out, which is null after a failure. */
 VELOSTRIX_HOST_API VelostrixStatus VelostrixReconstructorCreate(VelostrixReconstructor** out);
 
-/** Gives everything back; null does nothing. Busy: nothing is destroyed. */
+/** Frees the reconstructor and its memory; null does nothing. When busy, nothing is freed. */
 VELOSTRIX_HOST_API VelostrixStatus
 VelostrixReconstructorDestroy(VelostrixReconstructor* reconstructor);
 
-/** Copies what the latest call that failed, but for VELOSTRIX_BUSY, had to say; empty before the
- * first. May be called at any time, by any thread. */
+/** Copies the message of the latest call that failed other than by VELOSTRIX_BUSY; empty before the
+ * first failure. May be called at any time, from any thread. */
 VELOSTRIX_HOST_API VelostrixStatus VelostrixReconstructorMessage(
     const VelostrixReconstructor* reconstructor, VelostrixMessage* message);
 
-/** Leaves pixels out from here on, those where the mask (8-bit, as large as the images) is 0; null:
- * none. They are black to the runs, so that no lamp's factor has part in them, count for no gain
- * and no diagnosis, and are neutral in the results: 128, in the height 0. Kept until the next call;
- * Prepare comes next. Refused: a mask that leaves no pixel. One of another size than the images is
- * refused with them. */
+/** From now on leaves out the pixels where the mask (8-bit, as large as the images) is 0; null: no
+ * pixel is left out. Runs take these pixels as black, so that they do not contribute to the
+ * factorisation; they do not count for gains and diagnostics; in the results they are 128, in the
+ * height 0. The mask is in force until the next call; Prepare comes next. Refused: a mask that
+ * leaves no pixel. A mask of another size than the images is refused together with the images. */
 VELOSTRIX_HOST_API VelostrixStatus
 VelostrixReconstructorSetMask(VelostrixReconstructor* reconstructor, const VelostrixImage* mask);
 
-/** The same with the mask of the pixels that no lamp lights, such as a background before black:
- * that have at most 6 percent of the bright levels in all of the images. Of the settings bits
- * matter. *kept (may be null): the share of the pixels (0 to 1) that is not left out. */
+/** Leaves out the pixels that no lamp lights, such as a black background: those with at most 6
+ * percent of the bright level in every image. Of the settings only white, bits and flat fields are
+ * used. *kept (may be null): the share of the pixels (0 to 1) that is not left out. */
 VELOSTRIX_HOST_API VelostrixStatus
 VelostrixReconstructorMaskUnlit(VelostrixReconstructor* reconstructor, const VelostrixImage* images,
                                 int32_t count, const VelostrixSettings* settings, double* kept);
 
-/** Brings the reconstructor to `count` (3 to 8) images of width x height pixels and to the
- * settings, and forgets images and results. */
+/** Prepares the reconstructor for `count` (3 to 8) images of width x height pixels and for the
+ * settings; forgets images and results. */
 VELOSTRIX_HOST_API VelostrixStatus
 VelostrixReconstructorPrepare(VelostrixReconstructor* reconstructor, int32_t count, int32_t width,
                               int32_t height, const VelostrixSettings* settings);
 
-/** Copies the next image in; the order of the images is that of the lamps. Refused: an image of
- * another size than prepared, a stride below a row, a sample that the bits in use cannot hold, one
+/** Copies the next image; the images come in the order of the lamps. Refused: an image of another
+ * size than prepared, a stride shorter than a row, a sample that needs more than `bits` bits, one
  * image more than prepared. */
 VELOSTRIX_HOST_API VelostrixStatus
 VelostrixReconstructorSetImage(VelostrixReconstructor* reconstructor, const VelostrixImage* image);
@@ -331,8 +329,7 @@ VelostrixReconstructorSetImage(VelostrixReconstructor* reconstructor, const Velo
 VELOSTRIX_HOST_API VelostrixStatus
 VelostrixReconstructorClearImages(VelostrixReconstructor* reconstructor);
 
-/** Runs on the images, all of which must be set, and forgets them; the results replace those of the
- * run before. */
+/** Runs on the images, all of which must be set, and forgets them. New results replace the old. */
 VELOSTRIX_HOST_API VelostrixStatus VelostrixReconstructorRun(VelostrixReconstructor* reconstructor);
 
 /** Prepare, SetImage for each of `count` images, and Run. */
@@ -346,8 +343,8 @@ VELOSTRIX_HOST_API VelostrixStatus VelostrixReconstructorReconstruct(
  * @{
  */
 
-/** A result image: that of the region, or of the whole image. 32 bytes. Normal has three channels,
- * 0, 1 and 2, side by side in a pixel; height has samples of 2 bytes; all others are 8-bit. */
+/** A result image, as large as the region or the whole image. 32 bytes. In normal, every pixel has
+ * channels 0, 1 and 2; height has samples of 2 bytes; all others are 8-bit with one channel. */
 typedef struct VelostrixPlane {
   const void* data; /**< first pixel; owned by the reconstructor, valid until its next Prepare, Run,
                        Reconstruct, ChooseGains or Destroy */
@@ -358,73 +355,72 @@ typedef struct VelostrixPlane {
   int32_t sample_bytes; /**< 1 or 2 */
 } VelostrixPlane;
 
-/** Where the result of an output is. Wrong state: no run since Prepare. Invalid: the run did not
- * make it. */
+/** Where a result is in memory. VELOSTRIX_WRONG_STATE: no run since Prepare.
+ * VELOSTRIX_INVALID_ARGUMENT: the run did not make this output. */
 VELOSTRIX_HOST_API VelostrixStatus VelostrixReconstructorResult(
     VelostrixReconstructor* reconstructor, int32_t output, VelostrixPlane* plane);
 
-/** Copies a result to the host's memory of `capacity` bytes, a row every row_stride bytes (0 =
- * without gaps); bytes between the rows are left alone. Refused as above, and when it does not fit.
- */
+/** Copies a result to the caller's memory of `capacity` bytes, a row every row_stride bytes (0 =
+ * without gaps). Bytes between the rows are not written. Refused as by
+ * VelostrixReconstructorResult, and when the result does not fit. */
 VELOSTRIX_HOST_API VelostrixStatus
 VelostrixReconstructorCopyResult(VelostrixReconstructor* reconstructor, int32_t output, void* out,
                                  int64_t row_stride, int64_t capacity);
 
-/** How the slopes of the latest part lay on the scene, and what was done. 56 bytes. */
+/** The orientation of the latest part's slopes, and how results were corrected. 56 bytes. */
 typedef struct VelostrixOrientationFound {
   uint32_t struct_size; /**< sizeof(VelostrixOrientationFound) */
-  int32_t is_clear;     /**< 1: the two shares below differ enough to tell */
+  int32_t is_clear;     /**< 1: curl_as_is and curl_mirrored differ enough to decide */
   int32_t is_mirrored;  /**< 1: slopes were mirrored; the run was made on flipped images */
-  int32_t is_turned; /**< 1: by about a quarter; channels changed places, images were transposed */
-  int32_t is_inverted; /**< 1: slopes had the opposite sign; height and slopes were negated */
-  int32_t
-      is_sign_open; /**< 1: no lamp's direction is known: bumps and dents may have changed places */
-  int32_t
-      has_mirrored_curvature; /**< 1: curvature is that of mirrored slopes, where it shows more */
-  int32_t reserved;           /**< 0 */
-  /** Of the derivatives of the slopes, as they came and mirrored, the share (0 to 1/2) that is no
-   * surface's, however turned: near 0 for slopes of a surface. Negative: not measured, as for runs
-   * as-is and calibrated ones. */
+  int32_t is_turned;    /**< 1: by about a quarter turn; images were transposed, channels swapped */
+  int32_t is_inverted;  /**< 1: slopes had the opposite sign; height and slopes were negated */
+  int32_t is_sign_open; /**< 1: no lamp's direction is known: bumps may appear as dents */
+  /** 1: curvature comes from mirrored slopes, where it shows more. */
+  int32_t has_mirrored_curvature;
+  int32_t reserved; /**< 0 */
+  /** The share (0 to 1/2) of the slopes' derivatives that fits no surface, whatever the turn: near
+   * 0 for the slopes of a surface. For slopes as they were, and mirrored. Negative: not measured,
+   * as for as-is and calibrated runs. */
   /** @{ */
   double curl_as_is;
   double curl_mirrored;
-  double turn; /**< degrees, counterclockwise, that the slopes stay turned by */
   /** @} */
+  double turn; /**< degrees, counterclockwise, by which the slopes remain turned */
 } VelostrixOrientationFound;
 
-/** Fills in *found, whose struct_size must be set. Wrong state: no run since Prepare. */
+/** Writes *found, whose struct_size must be set. VELOSTRIX_WRONG_STATE: no run since Prepare. */
 VELOSTRIX_HOST_API VelostrixStatus VelostrixReconstructorOrientation(
     VelostrixReconstructor* reconstructor, VelostrixOrientationFound* found);
 
 /** @} */
 /** @addtogroup results
  * Height. Its levels are relative: 0 is the lowest and 65535 the highest place of this image, its
- * border included, and the range before was not kept. Within an image levels compare: twice the
- * difference is twice the height. Between images they do not, nor have they a unit: a part with
- * half the relief, or a border twice as high, looks the same. To compare parts, take channels and
- * curvature of equal gains.
+ * border included; the original range is not kept. Levels of one image can be compared: twice the
+ * difference is twice the height. Levels of two images cannot, and they have no unit: a part with
+ * half the relief looks the same. To compare parts, use channels and curvature with equal gains.
  * @{ */
 
-/** The smooth surface, fitted by least squares, that a view leaves out. */
+/** The surface, fitted by least squares, that a view subtracts. */
 enum VelostrixSurface {
   VELOSTRIX_SURFACE_PLANE = 0,    /**< a tilt */
-  VELOSTRIX_SURFACE_QUADRATIC = 1 /**< a tilt and a bowl, as lamps near the part leave */
+  VELOSTRIX_SURFACE_QUADRATIC = 1 /**< a tilt and a bowl, as lamps near the part cause */
 };
 
-/** What the levels of a view mean: heights are levels of the 16-bit image above the surface. */
+/** What the levels of a view mean. Unit of heights: levels of the 16-bit image above the surface.
+ */
 typedef struct VelostrixHeightView {
   int32_t removed; /**< VelostrixSurface */
-  int32_t border;  /**< pixels on each side that neither surface nor range are taken from */
+  int32_t border;  /**< pixels on each side that surface and range were measured without */
   double black;    /**< the height that level 0 shows */
-  double white;    /**< that of level 255 */
+  double white;    /**< the height that level 255 shows */
 } VelostrixHeightView;
 
-/** A height as a picture for eyes: 8 bits, without the surface, so that all but the outermost half
- * percent on each side fill the levels. height: the result, or any 16-bit image. border: pixels at
- * the sides that count for nothing, as 50 iterations leave a strip of 40 to 80 pixels at the top
- * and the left that takes half the range; iteration_cap / scale is a good number, and an eighth of
- * the shorter side is used at most. out: `capacity` bytes, a row every row_stride bytes (0 =
- * without gaps). *view may be null. */
+/** Makes a view of a height for display: 8 bits, with the surface subtracted; all but the outermost
+ * half percent on each side fill the levels. height: the result, or any 16-bit image. border:
+ * pixels on each side that surface and range are measured without, at most an eighth of the shorter
+ * side is used. iteration_cap / scale is a good number: 50 iterations leave a strip of 40 to 80
+ * pixels at the top and the left that takes half the range. out: `capacity` bytes, a row every
+ * row_stride bytes (0 = without gaps). *view may be null. */
 VELOSTRIX_HOST_API VelostrixStatus VelostrixViewHeight(const VelostrixImage* height,
                                                        int32_t removed, int32_t border, void* out,
                                                        int64_t row_stride, int64_t capacity,
@@ -434,12 +430,12 @@ VELOSTRIX_HOST_API VelostrixStatus VelostrixViewHeight(const VelostrixImage* hei
 /** How long the calls of the latest part took, in milliseconds. 88 bytes. */
 typedef struct VelostrixTimes {
   double parameters;                    /**< parameters and region */
-  double buffers;                       /**< allocating those in use, perhaps for an earlier part */
+  double buffers;                       /**< allocating the buffers, perhaps for an earlier part */
   double images[VELOSTRIX_MOST_IMAGES]; /**< setting each image; 0 beyond those set */
   double run;                           /**< the run itself */
 } VelostrixTimes;
 
-/** Fills in *times; zeros before the first part. */
+/** Writes *times; zeros before the first part. */
 VELOSTRIX_HOST_API VelostrixStatus
 VelostrixReconstructorTimes(VelostrixReconstructor* reconstructor, VelostrixTimes* times);
 
@@ -449,24 +445,23 @@ VelostrixReconstructorTimes(VelostrixReconstructor* reconstructor, VelostrixTime
  * @{
  */
 
-/** Chooses gain and offset of every output that the settings ask for, but for those kept, for these
- * images, stores them in the settings and marks them there as kept. Without the outermost percent
- * on each side, values fill grey levels 16 to 240 around 128, those of the magnitude 0 to 240;
- * channel 2, when all its values have one sign, fills 0 to 240 too, by a negative gain if need be.
- * A flat map keeps the gain that suits usual relief.
+/** Chooses gain and offset for these images, for every output that the settings enable and that is
+ * not kept; stores them in the settings and marks them as kept. Without the outermost percent on
+ * each side, the values fill grey levels 16 to 240 around 128; those of the magnitude fill 0 to
+ * 240. So does channel 2 when all its values have one sign (a brightness), by a negative gain if
+ * necessary. A flat map gets the gain that suits usual relief.
  *
- * Does this by pilot runs without height, 2 or 3 as a rule and 8 at most. Choose once for a kind of
- * part and keep the settings: only under equal gains can parts be compared. Afterwards Prepare
- * comes next. */
+ * Makes pilot runs without height: 2 or 3 as a rule, 8 at most. Choose once for a kind of part and
+ * keep the settings: only results with equal gains can be compared. Prepare comes next. */
 VELOSTRIX_HOST_API VelostrixStatus VelostrixReconstructorChooseGains(
     VelostrixReconstructor* reconstructor, const VelostrixImage* images, int32_t count,
     VelostrixSettings* settings);
 
 /** Exposure of one image. 32 bytes. */
 typedef struct VelostrixExposure {
-  double saturated_share; /**< 0 to 1, of the pixels, at 255 */
-  double black_share;     /**< 0 to 1, of the pixels, at 0 */
-  double mean_level;      /**< grey levels */
+  double saturated_share; /**< share of the pixels (0 to 1) at level 255 */
+  double black_share;     /**< share of the pixels (0 to 1) at level 0 */
+  double mean_level;      /**< mean grey level */
   int32_t is_dead;        /**< 1: dark all over: lamp dead or lens covered */
   int32_t equal_to;       /**< index of the first earlier image with the same pixels; -1: none */
 } VelostrixExposure;
@@ -474,46 +469,42 @@ typedef struct VelostrixExposure {
 /** Whether images are fit for reconstruction. 424 bytes. */
 typedef struct VelostrixDiagnostics {
   uint32_t struct_size;                               /**< sizeof(VelostrixDiagnostics) */
-  int32_t image_count;                                /**< of the images that were measured */
+  int32_t image_count;                                /**< number of images measured */
   VelostrixExposure exposures[VELOSTRIX_MOST_IMAGES]; /**< of each image */
-  /** Of the images x pixels matrix, descending, the first scaled to 1. The second and third say how
-   * much the lamps differ in one and in two directions; where the third is not above the fourth,
-   * it is noise, shadows and gloss. */
-  /** @{ */
+  /** Singular values of the images x pixels matrix, descending, the first scaled to 1. The second
+   * and third say how much the lamps differ in one and in two directions. A third that is not above
+   * the fourth is noise, shadows and gloss. */
   double singular_values[VELOSTRIX_MOST_IMAGES];
-  /** cali: how much of the images (root mean square share, 0 to 1) no normals under the lamps of
-   * the run's ring explain, and how much none under any lamps do, over pixels that are neither
-   * saturated nor black. Negative: not told, as for other runs and for 3 images, which lamps
-   * anywhere explain.
-   */
+  /** cali: the share of the images (root mean square, 0 to 1) that cannot be explained: by normals
+   * under the lamps of the run's ring, and by normals under lamps anywhere. Over pixels that are
+   * neither saturated nor black. Negative: not measured, as for other runs, and for 3 images, which
+   * lamps anywhere always explain. */
   /** @{ */
   double unexplained_by_ring;
   double unexplained_by_any;
-  int32_t warning_count; /**< of VelostrixReconstructorWarning */
+  /** @} */
+  int32_t warning_count; /**< number of warnings, see VelostrixReconstructorWarning */
   int32_t last_piece;    /**< partrows, partcols: rows or columns of the last piece; 0: no pieces */
-  /** How many pixels each image lies from the place of most: 0 when nothing moved. Negative: not
-   * told, as for images without structure. */
-  /** @{ */
+  /** How many pixels each image is shifted against most of the images: 0 when nothing moved.
+   * Negative: not measured, as for images without structure. */
   double shifts[VELOSTRIX_MOST_IMAGES];
-  /** Of the variance of the curvature image, with its blur, the share (0 to 1) that is noise of the
-   * camera. Negative: not told, as with a scale below 0.99. */
+  /** The share (0 to 1) of the variance of the curvature image, with its blur, that is noise of the
+   * camera. Negative: not measured, as with a scale below 0.99. */
   double noise_share;
-  /** @} */
-  /** @} */
-  /** @} */
 } VelostrixDiagnostics;
 
-/** Measures the region of the images. Settings: region, run, band, scale, blur and bits matter.
- * names: of the images in warnings, such as their files; null: "image 1" and so on. Leaves what is
- * prepared, set and made alone. */
+/** Measures the region of the images. Of the settings only region, run, band, scale, blur, bits,
+ * white and flat fields are used. names: what warnings call the images, such as file names; null:
+ * "image 1" and so on. Images, results and what was prepared are unchanged. */
 VELOSTRIX_HOST_API VelostrixStatus VelostrixReconstructorDiagnose(
     VelostrixReconstructor* reconstructor, const VelostrixImage* images, int32_t count,
     const VelostrixSettings* settings, const char* const* names, VelostrixDiagnostics* diagnostics);
 
-/** Warning `index` (from 0) of the latest Diagnose: what is wrong and what to do, in plain words.
- */
+/** Warning `index` (from 0) of the latest Diagnose: what is wrong and what to do. */
 VELOSTRIX_HOST_API VelostrixStatus VelostrixReconstructorWarning(
     VelostrixReconstructor* reconstructor, int32_t index, VelostrixMessage* warning);
+
+/** @} */
 
 #ifdef __cplusplus
 }
@@ -578,4 +569,3 @@ VELOSTRIX_PIN(offsetof(VelostrixDiagnostics, noise_share) == 416);
 #undef VELOSTRIX_PIN
 
 #endif /* VELOSTRIX_HOST_H */
-/** @} */
