@@ -4,13 +4,12 @@
 // has the normal n = (p, q, 1) / sqrt(p^2 + q^2 + 1); a lamp l makes it print x max(0, n . l).
 
 // Slopes of all pixels. Calibrated channels are components of normals. Uncalibrated slopes are in
-// units of their singular vectors: what they change in the images is s1 / s0, and lamps about 45
-// degrees from the camera's axis, all around, make sqrt(2) s1 / s0 of it.
+// units of their singular vectors: what they change in the images is s1 / s0 and s2 / s0, and lamps
+// about 45 degrees from the camera's axis, all around, make sqrt(2) of it. One unit for both keeps shapes.
 function slopesOf(report) {
-  const {gains, offsets, run} = report.record.recipe;
-  const values = report.record.singular_values || [];
-  const slopes = ['channel0', 'channel1'].map((name, at) => {
-    const unit = run === 'cali' ? 1 : values[0] > 0 ? Math.SQRT2 * values[at + 1] / values[0] : 0.2;
+  const {recipe: {gains, offsets, run}, singular_values: values = []} = report.record;
+  const unit = run === 'cali' ? 1 : values[2] > 0 ? Math.sqrt(2 * values[1] * values[2]) / values[0] : 0.2;
+  const slopes = ['channel0', 'channel1'].map((name) => {
     return Float32Array.from(report.planes[name],
                              (level) => (level - offsets[name]) / gains[name] * unit);
   });

@@ -207,7 +207,8 @@ class Page(Report):
                       / record["recipe"]["gains"][f"channel{k}"] for k in range(2)]
             if run == "uncali":
                 singular = record["singular_values"]
-                p, q = [v * math.sqrt(2) * singular[k + 1] / singular[0] for k, v in enumerate(values)]
+                unit = math.sqrt(2 * singular[1] * singular[2]) / singular[0]
+                p, q = [value * unit for value in values]
                 normal = np.array([p, q, 1]) / math.sqrt(p * p + q * q + 1)
             else:
                 normal = np.array([*values, math.sqrt(1 - values[0] ** 2 - values[1] ** 2)])
