@@ -1,9 +1,12 @@
 # Joins the parts of the report's page into a C++ source:
 #   cmake -D FOLDER=apps/report -D THREE=three.min.js -D ORBIT=OrbitControls.js -D D3=d3.min.js
 #         -D SOURCE=report_page.cpp -P make_page.cmake
-foreach(part IN ITEMS style.css relight.html notices.txt page.html
-                      data.js relight.js surface.js measure.js compare.js sections.js main.js)
+foreach(part IN ITEMS style.css relight.html notices.txt page.html)
   file(READ ${FOLDER}/${part} ${part})
+endforeach()
+foreach(part IN ITEMS data relight surface measure compare sections diagnosis main)
+  file(READ ${FOLDER}/${part}.js text)
+  string(APPEND script "${text}\n")
 endforeach()
 foreach(library IN ITEMS THREE ORBIT D3)
   file(READ ${${library}} ${library})
@@ -13,9 +16,7 @@ set(page "${page.html}")
 string(REPLACE "@STYLE@" "${style.css}" page "${page}")
 string(REPLACE "@RELIGHT@" "${relight.html}" page "${page}")
 string(REPLACE "@NOTICES@" "${notices.txt}" page "${page}")
-string(REPLACE "@SCRIPT@"
-  "${data.js}\n${relight.js}\n${surface.js}\n${measure.js}\n${compare.js}\n${sections.js}\n${main.js}"
-  page "${page}")
+string(REPLACE "@SCRIPT@" "${script}" page "${page}")
 foreach(library IN ITEMS THREE ORBIT D3)
   string(REPLACE "@${library}@" "${${library}}" page "${page}")
 endforeach()

@@ -1,28 +1,4 @@
-// What went in and came out: diagnosis, results with histograms, inputs, parameters, times.
-
-const percent = (share) => `${short(100 * share)} %`;
-
-function listItems(list, texts, className = '') {
-  list.append(...texts.map((textContent) => element('li', {textContent, className})));
-}
-
-function fillDiagnosis({record}) {
-  const warnings = record.warnings || [];
-  listItems(byId('warnings'), warnings.map((text) => `Warning: ${text}`), 'warning');
-  const findings = warnings.length ? [] : ['The images gave no reason for a warning.'];
-  const values = record.singular_values || [];
-  if (values.length > 2 && values[0] > 0) {
-    findings.push(`Difference of the lamps: against the brightness that all images share, the two directions of ` +
-                  `relief have ${percent(values[1] / values[0])} and ${percent(values[2] / values[0])}` +
-                  (values.length > 3 ? `; what is left, noise and shadows, ${percent(values[3] / values[0])}.` : '.'));
-  }
-  const share = record.unexplained_share;
-  if (share) {
-    findings.push(`Lamps of the ring leave ${percent(share.by_ring)} of the images unexplained; any lamps would leave ` +
-                  `${percent(share.by_any_lamps)}.`);
-  }
-  listItems(byId('findings'), findings);
-}
+// What went in and came out: results with histograms, inputs, parameters, times, other files.
 
 function histogram(counts, name) {
   const [w, h] = [256, 72];
@@ -45,18 +21,23 @@ function figure(picture, ...caption) {
   return element('figure', {}, canvas, element('figcaption', {}, ...caption));
 }
 
+// What levels of the height mean.
+function levelText({height}) {
+  return height ? `Levels: ${height.levels}. Comparable: ${height.comparable}. Not comparable: ${height.not_comparable}.` : '';
+}
+
 function fillResults(report) {
-  const {recipe} = report.record;
-  byId('reduction').textContent = report.reduction === 1
-      ? `Pictures on this page have all ${report.width} x ${report.height} pixels of the results.`
-      : `Pictures on this page are reduced ${report.reduction} to 1, from ${report.width} x ${report.height} pixels ` +
-        `to ${report.size.width} x ${report.size.height}; the files beside it are not. Histograms are of all pixels, by the root of their number.`;
+  const {gains = {}, offsets = {}} = report.record.recipe;
+  byId('reduction').textContent = (report.reduction === 1
+      ? `Pictures on this page have all ${sizeText(report)} of the results.`
+      : `Pictures on this page are reduced ${report.reduction} to 1, from ${sizeText(report)} to ${sizeText(report.size)}; ` +
+        `the files beside it are not.`) + ' Histograms are of all pixels, by the root of their number.';
   const chosen = report.record.chosen_gains || [];
   for (const picture of report.pictures) {
     if (!kMeanings[picture.name]) continue;
-    const gain = recipe.gains[picture.name];
-    const offset = recipe.offsets[picture.name];
-    const scaling = gain === undefined ? '' :
+    const gain = gains[picture.name];
+    const offset = offsets[picture.name];
+    const scaling = picture.name === 'height' ? levelText(report.record) : gain === undefined ? '' :
         `gain ${short(gain)}${chosen.includes(picture.name) ? ' (chosen)' : ''}${offset === undefined ? '' : `, offset ${offset}`}`;
     const result = report.results[picture.name];
     byId('result-list').append(figure(
@@ -85,14 +66,68 @@ function valueText(value) {
   if (value === null) return 'none';
   if (Array.isArray(value)) return value.map(valueText).join(', ');
   if (typeof value === 'object') return Object.entries(value).map(([name, v]) => `${name} ${valueText(v)}`).join(', ');
+  if (typeof value === 'boolean') return value ? 'yes' : 'no';
   return typeof value === 'number' ? short(value) : String(value);
 }
 
-function fillTable(table, entries, className = '') {
-  for (const [name, value] of entries) {
-    table.append(element('tr', {}, element('th', {scope: 'row', textContent: name.replaceAll('_', ' ')}),
-                         element('td', {className, textContent: valueText(value)})));
+// A row for each [name, text], those without text left out.
+function fillTable(table, rows, className = '') {
+  for (const [name, text] of rows.filter((row) => row[1] !== null)) {
+    table.append(element('tr', {}, element('th', {scope: 'row', textContent: name}),
+                         element('td', {className, textContent: text})));
   }
+}
+
+const kRuns = {
+  uncali: 'lamps unknown, whole frame', cali: 'lamps of the fixed ring',
+  partrows: 'lamps unknown, bands of rows', partcols: 'lamps unknown, strips of columns',
+};
+
+const label = (name) => name.replaceAll('_', ' ');
+
+const sizeText = ({width, height}) => `${width} x ${height} pixels`;
+
+// The darkest place of a flat field against its brightest: the coefficients of x^i y^j, i + j <= 4,
+// in the order 1, y, .., y^4, x, x y, .., x^4, with x and y from -1 to 1 across the image.
+function falloff(field) {
+  const places = d3.range(-1, 1.01, 0.125);
+  const levels = places.map((x) => places.map((y) => {
+    let [sum, k] = [0, 0];
+    for (let i = 0; i <= 4; ++i) for (let j = 0; i + j <= 4; ++j) sum += field[k++] * x ** i * y ** j;
+    return sum;
+  }));
+  return d3.min(levels, (column) => d3.min(column)) / d3.max(levels, (column) => d3.max(column));
+}
+
+// Parameters of the recipe that read better in other words than those of JSON; null: of no effect.
+const kParameterTexts = {
+  recipe_version: () => null,
+  gains: () => null,  // beside the results
+  offsets: () => null,
+  run: (run) => `${run} (${kRuns[run]})`,
+  band: (band, {run}) => run === 'partrows' ? `${band} rows` : run === 'partcols' ? `${band} columns` : null,
+  region: (region) => region ? `${sizeText(region)} from (${region.x}, ${region.y})` : 'whole images',
+  blur_radius: (radius) => radius ? `${radius} pixels` : 'none',
+  iteration_cap: (cap) => cap < 0 ? 'as many as it takes' : String(cap),
+  bits: (bits) => bits ? `${bits} in use of 16-bit samples` : null,
+  white: (white) => white ? `16-bit samples of ${white}` : null,
+  orientation: (orientation, {run}) => run === 'cali' ? null : orientation,
+  lamp: (lamp) => lamp && `of photograph ${lamp.image + 1}, from ${short(lamp.degrees)} degrees (0 right, 90 up)`,
+  flat: (fields) => fields.length === 0 ? null : 'every image is divided by the flat field of its lamp, whose darkest place has ' +
+      `${listed(fields.map((field) => percent(falloff(field))))} of the light of the brightest`,
+};
+
+// What the files beside the page hold that are no results.
+function otherFiles({height, exports = {}}) {
+  const view = height && height.view;
+  return [
+    ...(view ? [[view.file, `height for eyes, without its ${view.removed === 'plane' ? 'tilt' : 'tilt and bowl'}; ` +
+                            `${view.border} pixels at each side do not count in its range`]] : []),
+    ...Object.entries(exports).map(([name, {unit, decimate, colours, convention}]) => [name, [
+      unit, decimate > 1 && `a vertex for ${decimate} x ${decimate} pixels`,
+      colours && `colours: ${colours}`, convention && `convention: ${convention}`,
+    ].filter(Boolean).join('; ')]),
+  ];
 }
 
 const quoted = (word) => /^[\w@%+=:,./-]+$/.test(word) ? word : `'${word.replaceAll("'", "'\\''")}'`;
@@ -102,20 +137,29 @@ function fillRecord({record}) {
   byId('command').textContent = command
       ? command.map(quoted).join(' ')
       : 'Not from the command line; the recipe that repeats it:\n' + JSON.stringify(record.recipe, null, 2);
-  const {recipe_version: _, ...recipe} = record.recipe;
+  const {recipe} = record;
+  const also = {...Object.fromEntries(Object.entries(record.sizes || {}).map(([name, size]) => [`${name} size`, sizeText(size)])),
+                threads: record.threads, version: record.version, date: dateText(record.date), computer: record.host};
   fillTable(byId('parameters'), [
-    ...Object.entries(recipe), ...Object.entries(record.sizes || {}).map(([name, size]) => [`${name} size`, size]),
-    ...['threads', 'version', 'date', 'host'].filter((name) => record[name] !== undefined).map((name) => [name, record[name]]),
+    ...Object.entries(recipe).map(([name, value]) => [label(name), (kParameterTexts[name] || valueText)(value, recipe)]),
+    ...Object.entries(also).filter((row) => row[1] !== undefined),
   ]);
   // What was not over when the page was written is 0.
-  fillTable(byId('times'), Object.entries(record.times_ms || {}).filter(([, time]) => time !== 0), 'number');
+  const times = Object.entries(record.times_ms || {}).map(([name, time]) => [name, d3.sum([].concat(time))]);
+  fillTable(byId('times'), times.map(([name, time]) => [label(name), time ? time.toFixed(1) : null]), 'number');
+  const files = otherFiles(record);
+  if (files.length) fillTable(byId('files'), files);
+  else byId('files').remove();
 }
+
+const dateText = (date) => date && date.replace('T', ' ').replace('Z', ' UTC');
 
 function fillHeader({title, record, width, height, inputs}) {
   document.title = `${title} - Velostrix`;
   byId('title').textContent = title;
-  const warnings = (record.warnings || []).length;
-  byId('summary').textContent = `Run ${record.recipe.run}, ${width} x ${height} pixels` +
-      (inputs.length ? `, ${inputs.length} images` : '') + (record.date ? `, ${record.date.replace('T', ' ').replace('Z', ' UTC')}` : '') +
-      `, Velostrix ${record.version}. ${warnings === 0 ? 'No warnings' : warnings === 1 ? '1 warning' : `${warnings} warnings`}.`;
+  const count = record.warnings && record.warnings.length;
+  const warnings = count === undefined ? '' : ` ${count || 'No'} warning${count === 1 ? '' : 's'}.`;
+  byId('summary').textContent = `Run ${record.recipe.run}, ${sizeText({width, height})}` +
+      (inputs.length ? `, ${inputs.length} images` : '') + (record.date ? `, ${dateText(record.date)}` : '') +
+      `, Velostrix ${record.version}.${warnings}`;
 }

@@ -343,6 +343,40 @@ class Page(Report):
         self.assertEqual(self.script("return document.title"), "out - Velostrix")
         self.assert_quiet()
 
+    def test_the_record_is_said_in_words_and_older_records_open(self):
+        out = self.reconstruct("out", "--mask", "auto", "--lamp", "2=right", "--flat", "inputs",
+                               "--height-view", "--export", "normals.png")
+        record = json.loads((out / "run.json").read_text())
+        changes = {
+            "singular_values": [2, 0.5, 0.25, 0.125], "shifts_pixels": [0.01, None, 3.14, 0],
+            "noise_share": 0.0312, "mask": {"file": "m.png", "kept_share": 0.75},
+            "orientation": {**record["orientation"], "is_mirrored": True, "is_inverted": True,
+                            "is_turned": False, "is_sign_open": False, "turn_degrees": -7.1},
+            "batch": {"curvature_level": 12},
+            "measures": {"curvature_share": 0.015, "height_range": None}}
+        (out / "run.json").write_text(json.dumps({**record, **changes}))
+        self.run_well("report", "out")
+        self.open(out / "report.html")
+        text = self.find("main").text
+        for words in ["25 % and 12.5 %; what is left, noise and shadows, has 6.25 %", "second direction is 2 times",
+                      "photograph 3 moved farthest, by 3.1 pixels. Of photograph 2 it cannot be told",
+                      "3.12 % of the curvature is noise", "came mirrored and inverted, which was put right",
+                      "turned by 7 degrees, clockwise", "told apart by the lamp of photograph 3",
+                      "0 in m.png are left out, 25 % of all", "1.5 % of the pixels have a curvature more than 12",
+                      "from 0 degrees", "divided by the flat field of its lamp", "divided by its flat field",
+                      "height_view.png height for eyes", "normals.png convention: opengl", "lowest and 65535"]:
+            self.assertIn(words, text)
+        self.assertNotIn("[object", text)
+        self.assertNotIn("undefined", text)
+        recipe = {name: record["recipe"][name] for name in ["recipe_version", "run", "gains", "offsets"]}
+        old = {"version": "0.0.9", "recipe": recipe, "inputs": [],
+               "outputs": [*record["outputs"], "report.html"]}
+        (out / "run.json").write_text(json.dumps(old))
+        self.run_well("report", "out")
+        self.open(out / "report.html")
+        self.assertIn("not diagnosed", self.find("diagnosis").text)
+        self.assert_quiet()
+
     def test_results_that_were_not_made_are_said(self):
         for outputs, shown, missing in [("normal", "relight-canvas", "#surface"),
                                         ("height,factor", "measure-canvas", "#relighting"),

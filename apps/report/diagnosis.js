@@ -1,0 +1,101 @@
+// Diagnosis: what was measured in the images and on the slopes, in words.
+//
+// Records of older versions lack some of it: what is undefined is not mentioned, null is what the
+// run could not tell or had no reason to measure.
+
+const percent = (share) => `${Number((100 * share).toPrecision(3))} %`;
+const pixels = (count) => `${Number(count.toPrecision(2))} pixels`;
+
+function listed(words) {
+  return words.length < 2 ? words.join('') : `${words.slice(0, -1).join(', ')} and ${words[words.length - 1]}`;
+}
+
+function lampText({singular_values: values = []}) {
+  if (values.length < 3 || !(values[0] > 0)) return null;
+  const [first, second, rest] = values.slice(1).map((value) => value / values[0]);
+  const text = `Against the brightness that all images share, relief in the two directions has ` +
+      `${percent(first)} and ${percent(second)}`;
+  return rest > 0 ? `${text}; what is left, noise and shadows, has ${percent(rest)}. Relief in the second direction ` +
+                    `is ${Number((second / rest).toPrecision(2))} times that.`
+                  : `${text}.`;
+}
+
+function ringText({unexplained_share: share, recipe}) {
+  if (share) {
+    return `Lamps of the ring leave ${percent(share.by_ring)} of the images unexplained; any lamps would leave ` +
+           `${percent(share.by_any_lamps)}.`;
+  }
+  return share === null && recipe.run === 'cali'
+      ? 'Whether the lamps are those of the ring cannot be told from these images.' : null;
+}
+
+function motionText({shifts_pixels: shifts}) {
+  if (!shifts) return null;
+  const told = shifts.filter((shift) => shift !== null);
+  if (told.length === 0) return 'Whether anything moved from photograph to photograph cannot be told.';
+  const farthest = Math.max(...told);
+  const image = `photograph ${shifts.indexOf(farthest) + 1}`;
+  const open = shifts.flatMap((shift, k) => shift === null ? [`photograph ${k + 1}`] : []);
+  return (farthest < 2 ? `Nothing moved by 2 pixels or more; ${image} lies farthest from the place of most, by ${pixels(farthest)}.`
+                       : `Against most photographs, ${image} moved farthest, by ${pixels(farthest)}.`) +
+         (open.length ? ` Of ${listed(open)} it cannot be told.` : '');
+}
+
+function noiseText({noise_share: share}) {
+  if (share === undefined) return null;
+  return share === null ? 'How much of the curvature is noise of the camera was not measured.'
+                        : `${percent(share)} of the curvature is noise of the camera.`;
+}
+
+function orientationText({orientation: found, recipe}) {
+  if (!found) {
+    return found === null && recipe.run !== 'cali'
+        ? 'Slopes are shown as they came: whether they are mirrored, turned or inverted was not measured.' : null;
+  }
+  const done = listed([found.is_mirrored && 'mirrored', found.is_turned && 'turned by a quarter',
+                       found.is_inverted && 'inverted'].filter(Boolean));
+  const turn = Math.round(Math.abs(found.turn_degrees));
+  return [
+    done ? `Slopes came ${done}, which was put right.` : 'Slopes came neither mirrored nor turned.',
+    !found.is_clear && 'Whether they are mirrored is not clear.',
+    `As they came, ${percent(found.curl_as_is)} of their changes fit no surface, mirrored ${percent(found.curl_mirrored)}.`,
+    turn > 1 && `They stay turned by ${turn} degrees, ${found.turn_degrees > 0 ? 'counter-clockwise' : 'clockwise'}.`,
+    found.has_mirrored_curvature && 'The curvature is that of the mirrored slopes, where it shows more.',
+  ].filter(Boolean).join(' ');
+}
+
+function signText({orientation: found, recipe}) {
+  if (!found) return null;
+  return found.is_sign_open
+      ? 'Open: bumps may be shown as dents. The direction of one lamp tells them apart (--lamp).'
+      : recipe.lamp ? `Bumps and dents are told apart by the lamp of photograph ${recipe.lamp.image + 1}.` : null;
+}
+
+function maskText({mask}) {
+  if (!mask) return null;
+  const which = mask.file === 'auto' ? 'Pixels that no lamp lights are left out' : `Pixels that are 0 in ${mask.file} are left out`;
+  return `${which}, ${percent(1 - mask.kept_share)} of all: they are 128 in the results, 0 in the height.`;
+}
+
+// What limits may be set to, in a batch.
+function measureText({measures, batch}) {
+  if (!measures) return null;
+  const {curvature_share: share, height_range: range} = measures;
+  return [
+    share !== null && `${percent(share)} of the pixels have a curvature more than ${batch.curvature_level} levels from its offset.`,
+    range !== null && `From the lowest to the highest place: ${short(range)}, in slope times pixels.`,
+  ].filter(Boolean).join(' ');
+}
+
+function fillDiagnosis({record}) {
+  const {warnings} = record;
+  byId('warnings').append(...(warnings || []).map(
+      (text) => element('li', {textContent: `Warning: ${text}`, className: 'warning'})));
+  const rows = [
+    ['Warnings', !warnings ? 'The images were not diagnosed.' : warnings.length ? null : 'The images gave no reason for a warning.'],
+    ['Lamps', lampText(record)], ['Ring', ringText(record)], ['Motion', motionText(record)], ['Noise', noiseText(record)],
+    ['Orientation', orientationText(record)], ['Sign', signText(record)], ['Mask', maskText(record)],
+    ['Measures', measureText(record)],
+  ];
+  fillTable(byId('findings'), rows);
+}
