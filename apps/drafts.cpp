@@ -103,31 +103,32 @@ Drafts::~Drafts() {
   for (const Draft& draft : drafts_) unlink(draft.path.c_str());
 }
 
-void Drafts::Write(const fs::path& place, const std::vector<uint8_t>& bytes) {
+int Drafts::Create(const fs::path& place) {
+  const std::lock_guard<std::mutex> lock(mutex_);
   drafts_.reserve(drafts_.size() + 1);  // once the file is there, its name cannot get lost
-  fs::path path;
   for (size_t k = drafts_.size();; ++k) {
-    path = place.parent_path() /
-           (kPrefix + std::to_string(getpid()) + '-' + std::to_string(k) + kSuffix);
+    fs::path path = place.parent_path() /
+                    (kPrefix + std::to_string(getpid()) + '-' + std::to_string(k) + kSuffix);
     Descriptor created(
         open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
     if (created.number() < 0 && errno != EEXIST) FailToWrite(place);
     if (created.number() < 0) continue;
     flock(created.number(), LOCK_EX);  // another process may be looking whether it is abandoned
     drafts_.push_back({std::move(path), place, std::move(created)});
-    break;
+    return drafts_.back().file.number();
   }
-  const Descriptor& file = drafts_.back().file;
+}
 
+void Drafts::Write(const fs::path& place, const std::vector<uint8_t>& bytes) {
+  const int file = Create(place);
   constexpr size_t kPiece = 1 << 20;  // a signal waits for no more
   for (size_t done = 0; done < bytes.size();) {
     SignalHold::Check();
-    const ssize_t written =
-        write(file.number(), bytes.data() + done, std::min(kPiece, bytes.size() - done));
+    const ssize_t written = write(file, bytes.data() + done, std::min(kPiece, bytes.size() - done));
     if (written < 0 && errno != EINTR) FailToWrite(place);
     if (written > 0) done += static_cast<size_t>(written);
   }
-  if (fsync(file.number()) != 0) FailToWrite(place);
+  if (fsync(file) != 0) FailToWrite(place);
 }
 
 void Drafts::PutInPlace() {

@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdint>
 #include <filesystem>
+#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -64,7 +65,8 @@ class Drafts {
   Drafts(const Drafts&) = delete;
   Drafts& operator=(const Drafts&) = delete;
 
-  // Writes a file of a new name into the folder of the place, down to the disk.
+  // Writes a file of a new name into the folder of the place, down to the disk. Threads may call it
+  // at once.
   void Write(const std::filesystem::path& place, const std::vector<uint8_t>& bytes);
 
   // In the order of writing; when the last one is in place, the others are on the disk.
@@ -77,6 +79,10 @@ class Drafts {
     Descriptor file;  // keeps the lock
   };
 
+  // Returns the descriptor of the new file.
+  int Create(const std::filesystem::path& place);
+
+  std::mutex mutex_;
   std::vector<Draft> drafts_;
 };
 

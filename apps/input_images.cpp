@@ -12,15 +12,16 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 #include <sstream>
 #include <system_error>
 
 #include "apps/bayer.h"
+#include "apps/codecs.h"
 #include "apps/commands.h"
 #include "apps/exif_orientation.h"
 #include "apps/parallel.h"
+#include "apps/png_decoder.h"
 #include "apps/stderr_capture.h"
 #include "velostrix/tool.hpp"
 
@@ -39,13 +40,11 @@ std::string SizeText(const cv::Mat& image) {
 void Add(std::string& note, const std::string& text) { note += (note.empty() ? "" : ", ") + text; }
 
 // Of any depth, in grey or colour, and turned as EXIF says.
-cv::Mat Decode(const std::vector<char>& bytes) {
-  return cv::imdecode(bytes, cv::IMREAD_ANYDEPTH | cv::IMREAD_ANYCOLOR);
-}
-
 cv::Mat DecodeBytes(const std::vector<char>& bytes, const std::string& file, std::string* remark) {
-  cv::Mat image;
-  *remark = CodeQuietly([&] { image = Decode(bytes); });
+  cv::Mat image = DecodePng(bytes);
+  if (!image.empty()) return image;
+  const Codecs& codecs = LoadCodecs();
+  *remark = CodeQuietly([&] { image = codecs.decode(bytes); });
   if (image.empty()) {
     throw Failure(file + ": cannot be decoded" + (remark->empty() ? "" : " (" + *remark + ")") +
                   kExpected);

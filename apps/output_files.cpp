@@ -8,10 +8,10 @@
 #include <cstring>
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <opencv2/imgcodecs.hpp>
 #include <set>
 #include <system_error>
 
+#include "apps/codecs.h"
 #include "apps/commands.h"
 #include "apps/drafts.h"
 #include "apps/parallel.h"
@@ -56,11 +56,13 @@ void RequireWritable(fs::path folder) {
 
 bool IsPng(const std::string& name) { return fs::path(name).extension() == ".png"; }
 
+bool NeedsCodecs(const std::string& name) {
+  const fs::path extension = fs::path(name).extension();
+  return extension == ".tiff" || extension == ".html";  // reports have JPEG pictures
+}
+
 // By OpenCV.
 std::vector<uint8_t> Encode(const std::string& name, const cv::Mat& image) {
-  // What OpenCV does with three channels of float, unless told otherwise, loses signs.
-  constexpr int kDeflate = 8;
-  const std::vector<int> lossless = {cv::IMWRITE_TIFF_COMPRESSION, kDeflate};
   // Room for what cannot be compressed, with strips of one row: the encoder's stream grows by
   // itself, and where it fails to, the TIFF library's own clean-up writes again and ends the
   // program.
@@ -68,8 +70,9 @@ std::vector<uint8_t> Encode(const std::string& name, const cv::Mat& image) {
   std::vector<uint8_t> bytes;
   bytes.reserve(pixels + pixels / 8 + 64 * static_cast<size_t>(image.rows) + (size_t{1} << 16));
   bool is_done = false;
+  const Codecs& codecs = LoadCodecs();
   const std::string said = CodeQuietly(
-      [&] { is_done = cv::imencode(fs::path(name).extension().string(), image, bytes, lossless); });
+      [&] { is_done = codecs.encode(fs::path(name).extension().string(), image, bytes); });
   if (!is_done) throw Failure(name + ": cannot be encoded (" + said + "); is memory short?");
   bytes.shrink_to_fit();
   return bytes;
@@ -87,8 +90,8 @@ OutputFiles::OutputFiles(OutputPlan plan) : plan_(std::move(plan)) {
   } catch (const Failure&) {
     check();  // a folder that was missing had no lock: another run may have made and filled it
   }
-  // Loads the encoders while there is memory: one of their libraries aborts when it gets none.
-  cv::haveImageWriter(".png");
+  // While there is memory: one of the libraries that it loads aborts when it gets none.
+  if (std::any_of(plan_.made.begin(), plan_.made.end(), NeedsCodecs)) LoadCodecs();
 }
 
 // A run that was killed between its first and its last file has left its record as a draft.
@@ -167,7 +170,7 @@ void OutputFiles::Commit(const std::function<std::string()>& record) {
     }
     drafts.Write(place, bytes);
   };
-  for (const auto& [name, bytes] : files_) write(name, bytes);
+  InParallel(files_.size(), [&](size_t k) { write(files_[k].first, files_[k].second); });
   if (record) {
     const std::string text = record();
     write(plan_.record, {text.begin(), text.end()});

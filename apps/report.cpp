@@ -6,9 +6,9 @@
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
-#include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "apps/codecs.h"
 #include "apps/commands.h"
 #include "apps/stderr_capture.h"
 
@@ -26,11 +26,11 @@ std::string Base64(const std::vector<uint8_t>& bytes) {
   return text;
 }
 
-std::string Encode(const char* extension, const cv::Mat& image,
-                   const std::vector<int>& parameters = {}) {
+std::string Encode(const char* extension, const cv::Mat& image) {
   std::vector<uint8_t> bytes;
   bool is_done = false;
-  CodeQuietly([&] { is_done = cv::imencode(extension, image, bytes, parameters); });
+  const Codecs& codecs = LoadCodecs();
+  CodeQuietly([&] { is_done = codecs.encode(extension, image, bytes); });
   if (!is_done) throw Failure("a picture of the report cannot be encoded");
   return Base64(bytes);
 }
@@ -83,7 +83,7 @@ Json InputPicture(const ReportInput& input, const std::optional<cv::Rect>& regio
     json["missing"] = input.missing;
   } else {
     const cv::Mat shown = region ? input.pixels(*region) : input.pixels;
-    json["jpeg"] = Encode(".jpg", Reduce(shown, size), {cv::IMWRITE_JPEG_QUALITY, 85});
+    json["jpeg"] = Encode(".jpg", Reduce(shown, size));
   }
   return json;
 }

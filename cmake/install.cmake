@@ -39,6 +39,8 @@ velostrix_find_beside(velostrix_host "\$ORIGIN"
 
 if(TARGET velostrix_cli)
   install(TARGETS velostrix_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
+  install(TARGETS velostrix_codecs
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_SKIP)
   velostrix_find_beside(velostrix_cli "\$ORIGIN/../${CMAKE_INSTALL_LIBDIR}"
     ${CMAKE_INSTALL_BINDIR}/velostrix)
   install(FILES ${CMAKE_CURRENT_LIST_DIR}/velostrix.bash RENAME velostrix

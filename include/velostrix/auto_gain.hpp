@@ -6,6 +6,7 @@
 #include <array>
 #include <cmath>
 #include <cstdint>
+#include <numeric>
 #include <opencv2/core.hpp>
 #include <vector>
 
@@ -23,13 +24,18 @@ struct Reach {
 
 /// mask: not 0 for pixels that count; or empty.
 inline Reach MeasureReach(const cv::Mat& image, int zero_level, const cv::Mat& mask = {}) {
-  std::array<int64_t, 256> histogram = {};
+  // Neighbours are often equal: counted in turn, none waits for the count of the one before.
+  std::array<std::array<int64_t, 4>, 256> counts = {};
   for (int i = 0; i < image.rows; ++i) {
     const auto* row = image.ptr<uint8_t>(i);
-    const auto* counts = mask.empty() ? nullptr : mask.ptr<uint8_t>(i);
+    const auto* in_mask = mask.empty() ? nullptr : mask.ptr<uint8_t>(i);
     for (int j = 0; j < image.cols; ++j) {
-      if (counts == nullptr || counts[j] != 0) ++histogram[row[j]];
+      if (in_mask == nullptr || in_mask[j] != 0) ++counts[row[j]][static_cast<size_t>(j & 3)];
     }
+  }
+  std::array<int64_t, 256> histogram = {};
+  for (size_t level = 0; level < histogram.size(); ++level) {
+    histogram[level] = std::accumulate(counts[level].begin(), counts[level].end(), int64_t{0});
   }
   const int64_t pixels =
       mask.empty() ? static_cast<int64_t>(image.total()) : cv::countNonZero(mask);
