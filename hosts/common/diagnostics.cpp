@@ -262,7 +262,11 @@ std::vector<std::string> DiagnoseImages(const std::vector<cv::Mat>& given,
   cv::Mat inside(images.front().size(), CV_8UC1, cv::Scalar(255));
   if (!mask.empty()) {
     inside = mask != 0;
-    for (cv::Mat& image : images) image = image & inside;
+    for (cv::Mat& image : images) {
+      cv::Mat masked;  // assigned in place, the caller's pixels would change
+      cv::bitwise_and(image, inside, masked);
+      image = masked;
+    }
   }
 
   const cv::Mat1d gram = Gram(images);
