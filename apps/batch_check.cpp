@@ -46,7 +46,7 @@ std::optional<cv::Size> CheckPart(const Part& part, bool may_leave_bits_open) {
   if (may_be_turned && ExifOrientation(ReadBytes(part.files.front(), "")) > 4) {
     size = cv::Size(size->height, size->width);
   }
-  const size_t count = part.split_channels ? 3 : part.files.size();
+  const size_t count = part.record.reading.split_channels ? 3 : part.files.size();
   if (size) Check(static_cast<int>(count), *size, recipe.parameters);
   std::error_code ignored;
   const fs::path inputs = fs::path(part.files.front()).parent_path();

@@ -42,13 +42,14 @@ json OptionsOf(const BatchPlan& plan) {
 
 // Whether an earlier run with this record made just what is to be made now, and it is still there.
 bool IsRecordOf(const json& record, const Part& part) {
+  const bool is_split = part.record.reading.split_channels;
   const bool is_same = At(record, "version") == VELOSTRIX_VERSION &&
                        At(record, "recipe") == json::parse(WriteRecipe(part.record.recipe)) &&
                        At(record, "batch") == json::parse(part.record.batch) &&
-                       At(record, "inputs").size() == (part.split_channels ? 3 : part.files.size());
+                       At(record, "inputs").size() == (is_split ? 3 : part.files.size());
   if (!is_same) return false;
   for (size_t k = 0; k < record["inputs"].size(); ++k) {
-    const std::string& file = part.files[part.split_channels ? 0 : k];
+    const std::string& file = part.files[is_split ? 0 : k];
     if (At(record["inputs"][k], "sha256") != HashFile(file)) return false;
   }
   for (const json& name : At(record, "outputs")) {
@@ -89,8 +90,7 @@ class Lap {
 Part BeginPart(const ManifestPart& entry, const BatchPlan& plan) {
   Part part;
   part.files = entry.files;
-  part.split_channels = plan.split_channels;
-  part.bayer = plan.bayer;
+  part.record.reading = {plan.split_channels, plan.bayer};
   part.compression = plan.compression;
   part.out = (std::filesystem::path(plan.out) / entry.name).string();
   part.record.arguments = plan.arguments;

@@ -129,8 +129,7 @@ OutputPlan PlanOutputs(const Part& part) {
 void LoadImages(Part& part) {
   const int64_t start = cv::getTickCount();
   RunRecord& record = part.record;
-  record.inputs =
-      LoadImages(part.files, part.flat_files, {part.split_channels, part.bayer}, record.recipe);
+  record.inputs = LoadImages(part.files, part.flat_files, record.reading, record.recipe);
   RequireOneSize(record.inputs);
   record.load_ms = MillisecondsSince(start);
 }

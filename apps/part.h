@@ -15,16 +15,14 @@ namespace velostrix::cli {
 
 struct Part {
   std::vector<std::string> files;         // an image each
-  bool split_channels = false;            // one colour file, whose channels are the images
   std::optional<Surface> view_without;    // also make a view of the height, without this surface
   std::vector<std::string> flat_files;    // a reference for each image; none: as the recipe says
-  std::string bayer;                      // pattern of raw frames; empty: none
   std::string mask_file;                  // or "auto"; empty: none
   cv::Mat mask;                           // that was loaded or found
   int compression = kUsualCompression;    // of the pictures
   std::string out;                        // the folder of the results
   std::optional<OrientationFound> known;  // how the slopes lie, once gains were chosen
-  RunRecord record;                       // the recipe, and what each step adds
+  RunRecord record;                       // recipe, how files are read, and what each step adds
 };
 
 // The files to read: those given, or those of the one folder that is given; of more than `choose`,

@@ -41,8 +41,7 @@ void Reconstruct(const ReconstructOptions& options, const std::vector<std::strin
   Part part;
   part.record.arguments = arguments;
   part.record.recipe = ParseRecipe(options);
-  part.split_channels = options.split_channels;
-  part.bayer = options.bayer;
+  part.record.reading = {options.split_channels, options.bayer};
   part.compression = options.compression;
   part.view_without = ParseHeightView(options, part.record.recipe);
   part.files = PartFiles(options.files, options.split_channels, options.choose);

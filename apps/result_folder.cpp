@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
+#include "apps/bayer.h"
 #include "apps/commands.h"
 #include "apps/input_images.h"
 #include "apps/run_record.h"
@@ -27,7 +28,6 @@ cv::Mat ReadResult(const std::string& file, Output output, cv::Size size) {
   throw Failure(file + ": is not the picture that the run made; reconstruct again");
 }
 
-// How one input was read and what it was, as the record says.
 struct NotedInput {
   std::string file;
   std::string sha256;
@@ -41,6 +41,19 @@ std::vector<NotedInput> NotedInputs(const Json& record) {
   return inputs;
 }
 
+// Records of older versions do not say it.
+Reading NotedReading(const Json& record, const std::vector<NotedInput>& inputs) {
+  if (const auto reading = record.find("reading"); reading != record.end()) {
+    const std::string bayer = reading->at("bayer");
+    const bool is_known =
+        std::find(kBayerPatterns.begin(), kBayerPatterns.end(), bayer) != kBayerPatterns.end();
+    if (!bayer.empty() && !is_known) throw Error("reading: bayer: '" + bayer + "' is unknown");
+    return {reading->at("split_channels"), bayer};
+  }
+  const auto is_first = [&](const NotedInput& input) { return input.file == inputs[0].file; };
+  return {inputs.size() == 3 && std::all_of(inputs.begin(), inputs.end(), is_first), ""};
+}
+
 }  // namespace
 
 ResultFolder ReadResults(const std::string& folder) {
@@ -51,7 +64,7 @@ ResultFolder ReadResults(const std::string& folder) {
   try {
     read.recipe = ParseRecipe(read.record);
     const Json record = Json::parse(read.record);
-    NotedInputs(record);
+    NotedReading(record, NotedInputs(record));
     record.at("outputs").get_to(read.outputs);
   } catch (const Error& e) {
     throw Failure(file + ": " + e.what() + kExpected);
@@ -76,17 +89,17 @@ std::vector<ReportInput> ReadInputs(const ResultFolder& folder) {
     return region ? region->size() == result && (*region & cv::Rect({}, size)) == *region
                   : size == result;
   };
-  const std::vector<NotedInput> noted = NotedInputs(Json::parse(folder.record));
-  const auto is_first = [&](const NotedInput& input) { return input.file == noted[0].file; };
-  const bool is_split = noted.size() == 3 && std::all_of(noted.begin(), noted.end(), is_first);
+  const Json record = Json::parse(folder.record);
+  const std::vector<NotedInput> noted = NotedInputs(record);
+  const Reading reading = NotedReading(record, noted);
   std::vector<ReportInput> inputs;
   for (size_t k = 0; k < noted.size(); ++k) {
     ReportInput& input = inputs.emplace_back(ReportInput{noted[k].file, {}, {}});
     try {
       Recipe recipe = folder.recipe;
-      recipe.flat.clear();  // photographs, and raw frames, are shown as they are
-      const std::vector<InputImage> images = LoadImages({input.file}, {}, {is_split, ""}, recipe);
-      const InputImage& image = is_split ? images[k] : images.front();
+      if (!reading.split_channels && k < recipe.flat.size()) recipe.flat = {recipe.flat[k]};
+      const std::vector<InputImage> images = LoadImages({input.file}, {}, reading, recipe);
+      const InputImage& image = reading.split_channels ? images.at(k) : images.front();
       if (image.sha256 == noted[k].sha256 && fits(image.pixels.size())) {
         input.pixels = image.pixels;
       } else {

@@ -20,7 +20,7 @@ struct ResultFolder {
 // Failure names the file and what is wrong with it.
 ResultFolder ReadResults(const std::string& folder);
 
-// The photographs that the run took; those that are gone or changed since are empty.
+// The photographs as the run took them, converted; those that are gone or changed since are empty.
 std::vector<ReportInput> ReadInputs(const ResultFolder& folder);
 
 }  // namespace velostrix::cli

@@ -16,6 +16,10 @@ using Json = nlohmann::ordered_json;
 
 Json ToJson(cv::Size size) { return {{"width", size.width}, {"height", size.height}}; }
 
+Json ToJson(const Reading& reading) {
+  return {{"split_channels", reading.split_channels}, {"bayer", reading.bayer}};
+}
+
 Json Inputs(const RunRecord& record) {
   Json inputs = Json::array();
   for (size_t k = 0; k < record.inputs.size(); ++k) {
@@ -147,6 +151,7 @@ std::string ToJson(const RunRecord& record) {
                {"date", Now()},
                {"host", HostName()},
                {"threads", record.threads},
+               {"reading", ToJson(record.reading)},
                {"inputs", Inputs(record)},
                {"singular_values", SingularValues(record.diagnostics)},
                {"unexplained_share", UnexplainedShare(record.diagnostics)},

@@ -25,6 +25,7 @@ struct Measures {
 
 struct RunRecord {
   std::vector<std::string> arguments;  // of the program
+  Reading reading;
   std::vector<InputImage> inputs;
   Diagnostics diagnostics;
   Recipe recipe;                     // as used

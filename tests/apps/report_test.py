@@ -3,6 +3,7 @@ import csv
 import json
 import math
 import pathlib
+import re
 import shutil
 import subprocess
 import sys
@@ -85,11 +86,31 @@ class Files(Report):
         self.assertEqual(json.loads((out / "run.json").read_text()), record)
         self.run_well("reconstruct", "inputs", "--out", "out", "--quiet", "--report")
 
+    def test_a_later_report_shows_the_inputs_as_the_run_took_them(self):
+        shots = [np.asarray(Image.open(self.folder / f"inputs/image{k}.png")) for k in range(4)]
+        (self.folder / "raw").mkdir()
+        for k, shot in enumerate(shots):
+            raw = shot * np.uint16(12)
+            raw[::2, 1::2] //= 2
+            Image.fromarray(raw).save(self.folder / f"raw/{k}.png")
+        Image.fromarray(np.dstack(shots[:3])).save(self.folder / "colour.png")
+        for arguments in ["raw --bayer grbg --flat raw --mask auto --roi 8,6,80,60",
+                          "colour.png --split-channels --bits 8"]:
+            self.run_well("reconstruct", *arguments.split(), "--out", "out", "--report", "--quiet")
+            page = self.folder / "out/report.html"
+            shown = re.findall(r'"jpeg":"([^"]+)"', page.read_text())
+            self.assertIn(len(shown), [3, 4])
+            self.run_well("report", "out")
+            self.assertEqual(re.findall(r'"jpeg":"([^"]+)"', page.read_text()), shown)
+
     def test_refusals_name_the_file_and_leave_everything(self):
         out = self.reconstruct("out")
         (self.folder / "empty").mkdir()
         (self.folder / "odd").mkdir()
         (self.folder / "odd/run.json").write_text('{"recipe": {"recipe_version": 1}, "outputs": 7}')
+        (self.folder / "filter").mkdir()
+        (self.folder / "filter/run.json").write_text(
+            '{"recipe": {"recipe_version": 1}, "reading": {"split_channels": 0, "bayer": "x"}}')
         shutil.copytree(out, self.folder / "lost")
         (self.folder / "lost/height.png").unlink()
         shutil.copytree(out, self.folder / "other")
@@ -97,6 +118,7 @@ class Files(Report):
         for arguments, expected in [
                 (["empty"], "empty/run.json: no such file"),
                 (["odd"], "odd/run.json: is not the record of a run"),
+                (["filter"], "filter/run.json: reading: bayer: 'x' is unknown"),
                 (["lost"], "lost/height.png: no such file"),
                 (["other"], "is not the picture that the run made"),
                 (["out", "--out", "out/factor.png"], "would be replaced"),
