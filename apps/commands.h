@@ -28,6 +28,7 @@ constexpr int kAllCores = -1;
 // Each adds one command with its options; parsing the arguments then runs it.
 // The arguments of the program are for the record of the run.
 void AddReconstructCommand(CLI::App& app, const std::vector<std::string>& arguments);
+void AddExploreCommand(CLI::App& app, const std::vector<std::string>& arguments);
 void AddBatchCommand(CLI::App& app, const std::vector<std::string>& arguments);
 void AddMergeCommand(CLI::App& app);
 void AddReportCommand(CLI::App& app);

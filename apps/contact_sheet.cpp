@@ -12,6 +12,33 @@ constexpr int kRowLabel = 30;   // pixels above a row
 constexpr int kTileLabel = 20;  // pixels above a tile
 const cv::Scalar kPaper(255, 255, 255);
 const cv::Scalar kInk(32, 32, 32);
+constexpr int kFont = cv::FONT_HERSHEY_SIMPLEX;
+constexpr double kTileText = 0.45;
+
+void Write(cv::Mat& sheet, const std::string& text, cv::Point baseline, double size) {
+  cv::putText(sheet, text, baseline, kFont, size, kInk, 1, cv::LINE_AA);
+}
+
+cv::Mat ComposeRow(const SheetRow& row, int tile_width, int sheet_width) {
+  std::vector<cv::Mat> thumbnails;
+  int tallest = 0;
+  for (const SheetTile& tile : row.tiles) {
+    thumbnails.push_back(Thumbnail(tile.image, tile_width));
+    tallest = std::max(tallest, thumbnails.back().rows);
+  }
+  const int below = row.tiles.empty() ? 0 : kTileLabel + tallest + kGap;
+  cv::Mat strip(kRowLabel + below, sheet_width, CV_8UC3, kPaper);
+  Write(strip, row.label, {kGap, kRowLabel - 8}, 0.7);
+  int x = kGap;
+  for (size_t k = 0; k < thumbnails.size(); ++k) {
+    Write(strip, row.tiles[k].label, {x, kRowLabel + kTileLabel - 6}, kTileText);
+    thumbnails[k].copyTo(strip({{x, kRowLabel + kTileLabel}, thumbnails[k].size()}));
+    x += tile_width + kGap;
+  }
+  return strip;
+}
+
+}  // namespace
 
 cv::Mat Thumbnail(const cv::Mat& image, int width) {
   cv::Mat shown = image;
@@ -25,29 +52,9 @@ cv::Mat Thumbnail(const cv::Mat& image, int width) {
   return thumbnail;
 }
 
-void Write(cv::Mat& sheet, const std::string& text, cv::Point baseline, double size) {
-  cv::putText(sheet, text, baseline, cv::FONT_HERSHEY_SIMPLEX, size, kInk, 1, cv::LINE_AA);
+int LabelWidth(const std::string& label) {
+  return cv::getTextSize(label, kFont, kTileText, 1, nullptr).width;
 }
-
-cv::Mat ComposeRow(const SheetRow& row, int tile_width, int sheet_width) {
-  std::vector<cv::Mat> thumbnails;
-  int tallest = 0;
-  for (const SheetTile& tile : row.tiles) {
-    thumbnails.push_back(Thumbnail(tile.image, tile_width));
-    tallest = std::max(tallest, thumbnails.back().rows);
-  }
-  cv::Mat strip(kRowLabel + kTileLabel + tallest + kGap, sheet_width, CV_8UC3, kPaper);
-  Write(strip, row.label, {kGap, kRowLabel - 8}, 0.7);
-  int x = kGap;
-  for (size_t k = 0; k < thumbnails.size(); ++k) {
-    Write(strip, row.tiles[k].label, {x, kRowLabel + kTileLabel - 6}, 0.45);
-    thumbnails[k].copyTo(strip({{x, kRowLabel + kTileLabel}, thumbnails[k].size()}));
-    x += tile_width + kGap;
-  }
-  return strip;
-}
-
-}  // namespace
 
 cv::Mat ComposeSheet(const std::vector<SheetRow>& rows, int tile_width) {
   size_t longest = 0;

@@ -9,8 +9,8 @@ namespace velostrix::cli {
 
 struct SheetTile {
   std::string label;
-  cv::Mat
-      image;  // 8-bit as it stands; other depths are stretched from their minimum to their maximum
+  // 8-bit as it stands; other depths are stretched from their minimum to their maximum.
+  cv::Mat image;
 };
 
 struct SheetRow {
@@ -18,7 +18,13 @@ struct SheetRow {
   std::vector<SheetTile> tiles;
 };
 
-// CV_8UC3. Tiles are tile_width pixels wide.
+// The image as a tile shows it: CV_8UC3, averaged to this width, or its pixels repeated.
+cv::Mat Thumbnail(const cv::Mat& image, int width);
+
+// Pixels that the label of a tile takes.
+int LabelWidth(const std::string& label);
+
+// CV_8UC3. Tiles are tile_width pixels wide; a row without tiles is a line of text.
 cv::Mat ComposeSheet(const std::vector<SheetRow>& rows, int tile_width);
 
 }  // namespace velostrix::cli

@@ -235,6 +235,11 @@ bool IsImageName(const std::string& file) {
   return std::find(kExtensions.begin(), kExtensions.end(), extension) != kExtensions.end();
 }
 
+void RequirePictureName(const std::string& out) {
+  if (IsImageName(out)) return;
+  throw UsageError("--out " + out + ": expected a name that ends in .png, .tiff or .jpg");
+}
+
 bool IsBefore(const std::string& a, const std::string& b) {
   return VelostrixCompareNames(a.c_str(), b.c_str()) < 0;
 }

@@ -19,6 +19,9 @@ std::vector<std::string> ImagesIn(const std::string& folder);
 // Whether the name ends as those of image files do.
 bool IsImageName(const std::string& file);
 
+// UsageError where a picture cannot be written into a file of this name.
+void RequirePictureName(const std::string& out);
+
 // The whole file. Failure says what is wrong with it, and then `expected`.
 std::vector<char> ReadBytes(const std::string& file, const std::string& expected);
 

@@ -107,6 +107,7 @@ int main(int argc, char** argv) {
       "  velostrix sheet scene relief --out overview.png\n\n"
       "Exit codes: 0 done, 1 failed, 2 wrong arguments.");
   AddReconstructCommand(app, {argv, argv + argc});
+  AddExploreCommand(app, {argv, argv + argc});
   AddBatchCommand(app, {argv, argv + argc});
   AddMergeCommand(app);
   AddReportCommand(app);

@@ -38,19 +38,9 @@ void KeepFreedMemory() {
 
 void Reconstruct(const ReconstructOptions& options, const std::vector<std::string>& arguments) {
   KeepFreedMemory();
-  Part part;
-  part.record.arguments = arguments;
-  part.record.recipe = ParseRecipe(options);
-  part.record.reading = {options.split_channels, options.bayer};
-  part.compression = options.compression;
-  part.view_without = ParseHeightView(options, part.record.recipe);
-  part.files = PartFiles(options.files, options.split_channels, options.choose);
+  Part part = ParsePart(options, arguments);
+  GiveFiles(part, options);
   part.out = options.out;
-  part.mask_file = options.mask;
-  RunRecord& record = part.record;
-  record.further = ParseExports(options, record.recipe, record.exports);
-  if (options.report) record.further.emplace_back(kReportName);
-  part.flat_files = FlatFiles(options.flat, options.files, part.files);
   OutputFiles files(PlanOutputs(part));
   std::optional<OutputFiles> recipe_file;
   if (!options.save_recipe.empty()) {
@@ -89,7 +79,19 @@ void AddReconstructCommand(CLI::App& app, const std::vector<std::string>& argume
   const auto options = std::make_shared<ReconstructOptions>();
   CLI::App* const command = app.add_subcommand(
       "reconstruct", "Make pictures of the relief from 3 to 8 image files of one part");
-  DeclareReconstructOptions(*command, *options);
+  DeclareImages(*command, *options);
+  DeclareReading(*command, *options);
+  command
+      ->add_option("--save-recipe", options->save_recipe,
+                   "Write what was used, chosen gains included, as a recipe of its own")
+      ->group("Recipes")
+      ->type_name("FILE");
+  DeclareMethod(*command, *options);
+  AddOut(*command, options->out, "Folder to write to; made when it is not there")
+      ->group(kResultsGroup)
+      ->type_name("DIR");
+  DeclareResults(*command, *options);
+  command->add_flag("--quiet", options->quiet, "Say nothing but errors")->group(kResultsGroup);
   command->callback([options, arguments] { Reconstruct(*options, arguments); });
   command->footer(
       "Writes factor.png (brightness), curvature.png, magnitude.png, channel0.png, channel1.png "

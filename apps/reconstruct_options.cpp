@@ -1,4 +1,4 @@
-// The arguments of `velostrix reconstruct` and what they mean.
+// The arguments of `velostrix reconstruct`, which other commands share, and what they mean.
 #include "apps/reconstruct_options.h"
 
 #include <algorithm>
@@ -14,6 +14,8 @@
 
 namespace velostrix::cli {
 namespace {
+
+constexpr int kMost = std::numeric_limits<int>::max();
 
 // The place of one of the names, which the parser has checked.
 template <typename Choice, size_t N>
@@ -41,21 +43,6 @@ OutputSet ParseOutputs(const std::string& text) {
     outputs.Add(*output);
   }
   return outputs;
-}
-
-cv::Rect ParseRegion(const std::string& text) {
-  std::vector<int> numbers;
-  for (const std::string& part : CLI::detail::split(text, ',')) {
-    if (!ParseNumber(part, numbers.emplace_back())) numbers.back() = -1;
-  }
-  const bool are_pixels =
-      std::all_of(numbers.begin(), numbers.end(), [](int number) { return number >= 0; });
-  if (!are_pixels || numbers.size() != 4) {
-    throw UsageError("--roi " + text +
-                     ": expected X,Y,WIDTH,HEIGHT, the first pixel of the region, counted from 0, "
-                     "and its size");
-  }
-  return {numbers[0], numbers[1], numbers[2], numbers[3]};
 }
 
 LampHint ParseLamp(const std::string& text) {
@@ -103,7 +90,59 @@ std::pair<Output, T> ParseScaling(const std::string& option, const std::string& 
   return {*output, value};
 }
 
+// The surface that a view of the height is to leave out, when one is asked for.
+std::optional<Surface> ParseHeightView(const ReconstructOptions& options, const Recipe& recipe) {
+  if (options.height_view.empty()) return std::nullopt;
+  if (!recipe.parameters.outputs.Contains(Output::kHeight)) {
+    throw UsageError("--height-view: the height is not made; see --outputs");
+  }
+  return Chosen<Surface>(kSurfaceNames, options.height_view);
+}
+
+// The files to export, and how.
+std::vector<std::string> ParseExports(const ReconstructOptions& options, const Recipe& recipe,
+                                      ExportOptions& exports) {
+  exports.decimate = options.decimate;
+  if (!options.export_normals.empty()) {
+    exports.normals = Chosen<NormalConvention>(kNormalConventionNames, options.export_normals);
+  }
+  if (!options.export_colours.empty()) {
+    exports.colours = Chosen<SurfaceColours>(kSurfaceColourNames, options.export_colours);
+  }
+  std::vector<std::string> names;
+  if (options.exports.empty()) return names;
+  const OutputSet made = WithChannels(recipe.parameters.outputs);
+  for (const std::string& name : CLI::detail::split(options.exports, ',')) {
+    if (std::find(kExportNames.begin(), kExportNames.end(), name) == kExportNames.end()) {
+      throw UsageError("--export " + options.exports + ": expected some of " +
+                       CLI::detail::join(kExportNames, ","));
+    }
+    const OutputSet needed = NeededFor(name, exports);
+    for (const Output output : kAllOutputs) {
+      if (!needed.Contains(output) || made.Contains(output)) continue;
+      throw UsageError("--export " + name + ": " + Name(output) + " is not made; see --outputs");
+    }
+    if (std::find(names.begin(), names.end(), name) == names.end()) names.push_back(name);
+  }
+  return names;
+}
+
 }  // namespace
+
+cv::Rect ParseRegion(const std::string& option, const std::string& text) {
+  std::vector<int> numbers;
+  for (const std::string& part : CLI::detail::split(text, ',')) {
+    if (!ParseNumber(part, numbers.emplace_back())) numbers.back() = -1;
+  }
+  const bool are_pixels =
+      std::all_of(numbers.begin(), numbers.end(), [](int number) { return number >= 0; });
+  if (!are_pixels || numbers.size() != 4) {
+    throw UsageError(option + ' ' + text +
+                     ": expected X,Y,WIDTH,HEIGHT, the first pixel of the region, counted from 0, "
+                     "and its size");
+  }
+  return {numbers[0], numbers[1], numbers[2], numbers[3]};
+}
 
 Recipe ReadRecipe(const std::string& file) {
   const std::vector<char> bytes = ReadBytes(file, "; expected a recipe, such as a run.json");
@@ -114,34 +153,35 @@ Recipe ReadRecipe(const std::string& file) {
   }
 }
 
-void DeclareReconstructOptions(CLI::App& command, ReconstructOptions& options) {
-  constexpr int kMost = std::numeric_limits<int>::max();
-  Recipe& recipe = options.recipe;
-  Parameters& p = recipe.parameters;
-  const char* const images = "Images";
+void DeclareImages(CLI::App& command, ReconstructOptions& options) {
   command
       .add_option(
           "IMAGE", options.files,
           "3 to 8 image files (PNG, BMP, TIFF, JPEG) of one part, each under another lamp, or the "
           "folder that has them, taken in natural order (2 before 10); colour and 16-bit files are "
           "converted to 8-bit grey")
-      ->group(images)
+      ->group(kImagesGroup)
       ->type_name("");
+}
+
+void DeclareReading(CLI::App& command, ReconstructOptions& options) {
+  Recipe& recipe = options.recipe;
+  recipe.parameters.orientation = Orientation::kUpright;
   command
       .add_flag("--split-channels", options.split_channels,
                 "IMAGE is one colour file: its red, green and blue channel are three lamps")
-      ->group(images);
+      ->group(kImagesGroup);
 
   command
       .add_option("--choose", options.choose,
                   "Of more files take this many, 3 to 8: those whose lamps differ most")
-      ->group(images)
+      ->group(kImagesGroup)
       ->check(CLI::Range(VELOSTRIX_FEWEST_IMAGES + 0, VELOSTRIX_MOST_IMAGES + 0))
       ->type_name("N");
   command
       .add_option("--bayer", options.bayer,
                   "Files are raw frames of a colour sensor, with filters of this pattern")
-      ->group(images)
+      ->group(kImagesGroup)
       ->check(OneOf(kBayerPatterns))
       ->type_name("PATTERN");
 
@@ -157,48 +197,45 @@ void DeclareReconstructOptions(CLI::App& command, ReconstructOptions& options) {
       ->group("Recipes")
       ->type_name("FILE");
   command
-      .add_option("--save-recipe", options.save_recipe,
-                  "Write what was used, chosen gains included, as a recipe of its own")
-      ->group("Recipes")
-      ->type_name("FILE");
-
-  p.orientation = Orientation::kUpright;
-  const char* const method = "Method";
-  command
       .add_option("--bits", recipe.bits,
                   "Bits in use of the samples of 16-bit files, 8 to 16; when not given, 10, 12, 14 "
                   "or 16, as the largest sample of all files needs")
-      ->group(images)
+      ->group(kImagesGroup)
       ->check(CLI::Range(8, 16))
       ->type_name("B");
   command
       .add_option("--white", recipe.white,
                   "The sample of 16-bit files that is white, for all files: in place of --bits")
-      ->group(images)
+      ->group(kImagesGroup)
       ->check(CLI::Range(1, 65535))
       ->type_name("LEVEL");
   command
       .add_option("--flat", options.flat,
                   "An image of a flat, matt part for each lamp, or their folder: every image is "
                   "divided by a smooth fit of its lamp's, against light that falls off")
-      ->group(images)
+      ->group(kImagesGroup)
       ->type_name("FILES");
   command
       .add_option("--roi,--region", options.region,
                   "Work on this region only: its first pixel, counted from 0, and its size")
-      ->group(images)
+      ->group(kImagesGroup)
       ->type_name("X,Y,WIDTH,HEIGHT");
   command
       .add_option(
           "--mask", options.mask,
           "Leave pixels out: those that are 0 in this image, or, with auto, those that no lamp "
           "lights, as before black; they count for no gain and come out as 128, in the height 0")
-      ->group(images)
+      ->group(kImagesGroup)
       ->type_name("FILE|auto");
+}
+
+void DeclareMethod(CLI::App& command, ReconstructOptions& options) {
+  Parameters& p = options.recipe.parameters;
+  const char* const method = "Method";
   command
       .add_option("--scale", p.scale,
                   "Work on images scaled by this (below 0.99): faster and calmer, less detail")
-      ->group(images)
+      ->group(kImagesGroup)
       ->check(CLI::Range(0.001, 1.0))
       ->check(IsNumber())
       ->capture_default_str()
@@ -206,7 +243,7 @@ void DeclareReconstructOptions(CLI::App& command, ReconstructOptions& options) {
   command
       .add_flag("--equalise", p.equalise,
                 "Even out the brightness of the columns of every image first")
-      ->group(images);
+      ->group(kImagesGroup);
   command
       .add_option(
           "--run", options.run,
@@ -259,18 +296,9 @@ void DeclareReconstructOptions(CLI::App& command, ReconstructOptions& options) {
       ->check(CLI::Range(-kMost, kMost).description(""))
       ->capture_default_str()
       ->type_name("N");
+}
 
-  const char* const results = "Results";
-  AddOut(command, options.out, "Folder to write to; made when it is not there")
-      ->group(results)
-      ->type_name("DIR");
-  command
-      .add_option("--outputs", options.outputs,
-                  "Images to make: all, or some of factor, curvature, magnitude, channel0, "
-                  "channel1, channel2, normal, height, joined by commas")
-      ->group(results)
-      ->default_str("all")
-      ->type_name("LIST");
+void DeclareGains(CLI::App& command, ReconstructOptions& options) {
   command
       .add_option(
           "--gain", options.gains,
@@ -278,7 +306,7 @@ void DeclareReconstructOptions(CLI::App& command, ReconstructOptions& options) {
           "channel2; repeat for several. Gains that are not given are chosen by trial runs, so "
           "that all but 1 % of the pixels at either end fill levels 16 to 240; to compare parts, "
           "run them by the recipe of the first")
-      ->group(results)
+      ->group(kResultsGroup)
       ->allow_extra_args(false)
       ->type_name("NAME=G");
   command
@@ -286,28 +314,38 @@ void DeclareReconstructOptions(CLI::App& command, ReconstructOptions& options) {
           "--offset", options.offsets,
           "Grey level of value 0, for the same names but factor; 128, or 0 for magnitude and "
           "one-sided channel2, when not given")
-      ->group(results)
+      ->group(kResultsGroup)
       ->allow_extra_args(false)
       ->type_name("NAME=O");
+}
+
+void DeclareResults(CLI::App& command, ReconstructOptions& options) {
+  command
+      .add_option("--outputs", options.outputs,
+                  "Images to make: all, or some of factor, curvature, magnitude, channel0, "
+                  "channel1, channel2, normal, height, joined by commas")
+      ->group(kResultsGroup)
+      ->default_str("all")
+      ->type_name("LIST");
+  DeclareGains(command, options);
   command
       .add_flag(
           "--height-view{quadratic}", options.height_view,
           "Also make height_view.png, the height for eyes: 8 bits, the border left out of the "
           "range, tilt and bowl removed; --height-view=plane removes the tilt only")
-      ->group(results)
+      ->group(kResultsGroup)
       ->check(OneOf(kSurfaceNames).description(""));
   command
       .add_option("--compression", options.compression,
                   "Of the PNG files: 0 is none, 1 fast, 9 small")
-      ->group(results)
+      ->group(kResultsGroup)
       ->check(CLI::Range(0, kMostCompression + 0))
       ->capture_default_str()
       ->type_name("LEVEL");
   command
       .add_flag("--report", options.report,
                 "Write report.html besides: one page that shows the surface and all that was found")
-      ->group(results);
-  command.add_flag("--quiet", options.quiet, "Say nothing but errors")->group(results);
+      ->group(kResultsGroup);
 
   const char* const exports = "Exports";
   CLI::Option* const names =
@@ -343,41 +381,6 @@ void DeclareReconstructOptions(CLI::App& command, ReconstructOptions& options) {
       ->type_name("HOW");
 }
 
-std::optional<Surface> ParseHeightView(const ReconstructOptions& options, const Recipe& recipe) {
-  if (options.height_view.empty()) return std::nullopt;
-  if (!recipe.parameters.outputs.Contains(Output::kHeight)) {
-    throw UsageError("--height-view: the height is not made; see --outputs");
-  }
-  return Chosen<Surface>(kSurfaceNames, options.height_view);
-}
-
-std::vector<std::string> ParseExports(const ReconstructOptions& options, const Recipe& recipe,
-                                      ExportOptions& exports) {
-  exports.decimate = options.decimate;
-  if (!options.export_normals.empty()) {
-    exports.normals = Chosen<NormalConvention>(kNormalConventionNames, options.export_normals);
-  }
-  if (!options.export_colours.empty()) {
-    exports.colours = Chosen<SurfaceColours>(kSurfaceColourNames, options.export_colours);
-  }
-  std::vector<std::string> names;
-  if (options.exports.empty()) return names;
-  const OutputSet made = WithChannels(recipe.parameters.outputs);
-  for (const std::string& name : CLI::detail::split(options.exports, ',')) {
-    if (std::find(kExportNames.begin(), kExportNames.end(), name) == kExportNames.end()) {
-      throw UsageError("--export " + options.exports + ": expected some of " +
-                       CLI::detail::join(kExportNames, ","));
-    }
-    const OutputSet needed = NeededFor(name, exports);
-    for (const Output output : kAllOutputs) {
-      if (!needed.Contains(output) || made.Contains(output)) continue;
-      throw UsageError("--export " + name + ": " + Name(output) + " is not made; see --outputs");
-    }
-    if (std::find(names.begin(), names.end(), name) == names.end()) names.push_back(name);
-  }
-  return names;
-}
-
 Recipe ParseRecipe(const ReconstructOptions& options) {
   Recipe recipe = options.recipe;
   Parameters& parameters = recipe.parameters;
@@ -390,7 +393,7 @@ Recipe ParseRecipe(const ReconstructOptions& options) {
   }
   if (!options.lamp.empty()) parameters.lamp = ParseLamp(options.lamp);
   if (!options.outputs.empty()) parameters.outputs = ParseOutputs(options.outputs);
-  if (!options.region.empty()) parameters.region = ParseRegion(options.region);
+  if (!options.region.empty()) parameters.region = ParseRegion("--roi", options.region);
 
   OutputSet scaled = {Output::kCurvature, Output::kMagnitude, Output::kChannel0, Output::kChannel1,
                       Output::kChannel2};
@@ -409,6 +412,25 @@ Recipe ParseRecipe(const ReconstructOptions& options) {
     recipe.kept_gains.Add(output);
   }
   return recipe;
+}
+
+Part ParsePart(const ReconstructOptions& options, const std::vector<std::string>& arguments) {
+  Part part;
+  RunRecord& record = part.record;
+  record.arguments = arguments;
+  record.recipe = ParseRecipe(options);
+  record.reading = {options.split_channels, options.bayer};
+  part.mask_file = options.mask;
+  part.view_without = ParseHeightView(options, record.recipe);
+  part.compression = options.compression;
+  record.further = ParseExports(options, record.recipe, record.exports);
+  if (options.report) record.further.emplace_back(kReportName);
+  return part;
+}
+
+void GiveFiles(Part& part, const ReconstructOptions& options) {
+  part.files = PartFiles(options.files, options.split_channels, options.choose);
+  part.flat_files = FlatFiles(options.flat, options.files, part.files);
 }
 
 }  // namespace velostrix::cli

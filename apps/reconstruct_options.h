@@ -1,14 +1,12 @@
-// The arguments of `velostrix reconstruct` and what they mean.
+// The arguments of `velostrix reconstruct`, which other commands share, and what they mean.
 #pragma once
 
 #include <CLI/CLI.hpp>
-#include <optional>
 #include <string>
 #include <vector>
 
-#include "apps/exports.h"
+#include "apps/part.h"
 #include "apps/png_encoder.h"
-#include "velostrix/height_view.hpp"
 #include "velostrix/recipe.hpp"
 
 namespace velostrix::cli {
@@ -49,18 +47,28 @@ struct ReconstructOptions {
 // The recipe of the file. Failure says what is wrong with it.
 Recipe ReadRecipe(const std::string& file);
 
-// Declares the arguments; parsing stores them in the options.
-void DeclareReconstructOptions(CLI::App& command, ReconstructOptions& options);
+// Of the options in a help text.
+constexpr const char* kImagesGroup = "Images";
+constexpr const char* kResultsGroup = "Results";
 
-// The surface that a view of the height is to leave out, when one is asked for. Throws UsageError
-// where the recipe makes no height.
-std::optional<Surface> ParseHeightView(const ReconstructOptions& options, const Recipe& recipe);
+// Declare arguments of reconstruct, from which commands choose; parsing stores them in the options.
+// Reading comes before method and results, which change a recipe that is read.
+void DeclareImages(CLI::App& command, ReconstructOptions& options);
+void DeclareReading(CLI::App& command, ReconstructOptions& options);
+void DeclareMethod(CLI::App& command, ReconstructOptions& options);
+void DeclareGains(CLI::App& command, ReconstructOptions& options);
+void DeclareResults(CLI::App& command, ReconstructOptions& options);  // with gains
 
-// The files to export, and how. Throws UsageError where the recipe does not make what they need.
-std::vector<std::string> ParseExports(const ReconstructOptions& options, const Recipe& recipe,
-                                      ExportOptions& exports);
+// X,Y,WIDTH,HEIGHT. Throws UsageError, which names the option.
+cv::Rect ParseRegion(const std::string& option, const std::string& text);
 
 // The recipe with all that is asked for. Throws UsageError.
 Recipe ParseRecipe(const ReconstructOptions& options);
+
+// What is asked for of a part, without its files. Throws UsageError.
+Part ParsePart(const ReconstructOptions& options, const std::vector<std::string>& arguments);
+
+// Gives the part the files to read. Throws UsageError.
+void GiveFiles(Part& part, const ReconstructOptions& options);
 
 }  // namespace velostrix::cli

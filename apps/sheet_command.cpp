@@ -50,9 +50,7 @@ SheetRow ReadRow(const std::string& folder, std::vector<std::string>& read) {
 
 void MakeSheet(const SheetOptions& options) {
   const fs::path out = options.out;
-  if (!IsImageName(options.out)) {
-    throw UsageError("--out " + options.out + ": expected a name that ends in .png, .tiff or .jpg");
-  }
+  RequirePictureName(options.out);
   OutputPlan plan = {out.parent_path(), {out.filename().string()}, {}, {}, {}};
   std::vector<SheetRow> rows;
   for (const std::string& folder : options.folders) rows.push_back(ReadRow(folder, plan.inputs));

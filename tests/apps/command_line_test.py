@@ -329,15 +329,32 @@ class CommandLine(unittest.TestCase):
         self.run_well("sheet inputs inputs/truth --out sheet.png --tile 50")
         self.assertEqual(self.read("sheet.png").shape[1], 8 + 5 * (50 + 8))
 
+    def test_explored_tiles_are_what_reconstruct_makes(self):
+        self.run_well("reconstruct inputs --quiet --out out --outputs curvature --difference forward")
+        gain = self.read_json("out/run.json")["recipe"]["gains"]["curvature"]
+        said = self.run_well("explore inputs --vary difference=central,forward --vary gain=x1,x2"
+                             " --crop 10,20,80,40")
+        self.assertIn("wrote explore.png", said)
+        sheet = self.read("explore.png")
+        width = (sheet.shape[1] - 3 * 8) // 2
+        tile = sheet[-8 - width // 2:-8, -8 - width:-8]  # the last, its pixels repeated
+        self.run_well("reconstruct inputs --quiet --out out --outputs curvature --difference forward"
+                      f" --gain curvature={2 * gain:.3g}")
+        shown = self.read("out/curvature.png")[20:60, 10:90]
+        np.testing.assert_array_equal(tile[..., 0], shown.repeat(width // 80, 0).repeat(width // 80, 1))
+
+        said = self.run_well("explore inputs --show height-view --vary blur=0,1 --out sheet.png")
+        self.assertIn("warning: --blur-radius makes no difference in height-view here", said)
+
     def test_it_tells_about_itself(self):
         self.assertIn("processor", self.run_well("info"))
         self.assertIn("velostrix ", self.run_well("--version"))
-        for command in ("", "reconstruct", "render", "sheet", "info"):
+        for command in ("", "reconstruct", "render", "sheet", "info", "explore"):
             self.assertIn("Exit codes: 0 done", self.run_well(command + " --help"))
 
     def test_bash_completes_commands_options_and_choices(self):
         script = pathlib.Path(__file__).parents[2] / "cmake/velostrix.bash"
-        for words, expected in (("rec", "reconstruct"), ("reconstruct a --blur", "--blur-radius"),
+        for words, expected in (("exp", "explore"), ("reconstruct a --blur", "--blur-radius"),
                                 ("reconstruct --run part", "partrows partcols"),
                                 ("render --out inp", "inputs")):
             call = (f"source {script}; COMP_WORDS=(velostrix {words}); n=${{#COMP_WORDS[@]}};"
@@ -366,7 +383,7 @@ class CommandLine(unittest.TestCase):
         pair = "reconstruct inputs/image0.png inputs/image1.png --quiet "
         two = pair + "--out out "
         for arguments, exit_code, *said in (
-            ("", 2, "expected one of reconstruct batch merge report compare render sheet info"),
+            ("", 2, "expected one of reconstruct explore batch merge report compare render sheet info"),
             ("recnostruct a", 2, "recnostruct: no such command; the nearest is reconstruct"),
             ("reconstruct a b c", 2, "--out is required"),
             (two, 2, "IMAGE: 2 files given", "expected 3 to 8"),
@@ -380,6 +397,13 @@ class CommandLine(unittest.TestCase):
             (good + "--bayer rgb", 2, "--bayer", "rggb"),
             (pair + "colour.png --bayer rggb --out out", 1, "colour.png: a colour image", "raw"),
             (good + "--compression 10", 2, "--compression", "0 to 9"),
+            ("explore inputs --vary blurr=1", 2, "--vary blurr=1", "NAME one of gain, blur"),
+            ("explore inputs --vary band=5", 2, "--band", "10 to"),
+            ("explore inputs --vary gain=1,2,3,4,5 --vary blur=" + "1," * 13 + "0", 2, "5 x 14 tiles"),
+            ("explore inputs --vary gain=2 --show height", 2, "--vary gain: height has none"),
+            ("explore inputs --quiet --crop 90,0,9,9", 2, "--crop 90,0,9,9", "96 x 72"),
+            ("explore inputs --quiet --tile 90", 2, "--tile 90", "as wide as the labels"),
+            ("explore inputs --out inputs/sheet.png", 2, "in the folder of the images"),
             (two + "--split-channels", 2, "expected 1 colour file"),
             (good + "--blurr 3", 2, "--blurr: no such option", "--blur-radius"),
             (good + "--run best", 2, "--run", "best", "uncali", "partcols"),
