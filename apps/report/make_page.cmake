@@ -1,21 +1,25 @@
 # Joins the parts of the report's page into a C++ source:
-#   cmake -D FOLDER=apps/report -D THREE=three.min.js -D ORBIT=OrbitControls.js -D D3=d3.min.js
-#         -D SOURCE=report_page.cpp -P make_page.cmake
-foreach(part IN ITEMS style.css relight.html notices.txt page.html)
-  file(READ ${FOLDER}/${part} ${part})
+#   cmake -D FOLDER=apps/report -D RELIGHTING=hosts/python/velostrix/relighting -D SOURCE=report_page.cpp
+#         -D THREE=three.min.js -D ORBIT=OrbitControls.js -D D3=d3.min.js -P make_page.cmake
+file(READ ${FOLDER}/page.html page)
+file(READ ${FOLDER}/notices.txt notices)
+file(READ ${RELIGHTING}/style.css style)
+file(READ ${RELIGHTING}/relight.html relight)
+list(APPEND scripts ${RELIGHTING}/data.js ${RELIGHTING}/relight.js)
+foreach(part IN ITEMS surface measure compare sections diagnosis main)
+  list(APPEND scripts ${FOLDER}/${part}.js)
 endforeach()
-foreach(part IN ITEMS data relight surface measure compare sections diagnosis main)
-  file(READ ${FOLDER}/${part}.js text)
+foreach(file IN LISTS scripts)
+  file(READ ${file} text)
   string(APPEND script "${text}\n")
 endforeach()
 foreach(library IN ITEMS THREE ORBIT D3)
   file(READ ${${library}} ${library})
 endforeach()
 
-set(page "${page.html}")
-string(REPLACE "@STYLE@" "${style.css}" page "${page}")
-string(REPLACE "@RELIGHT@" "${relight.html}" page "${page}")
-string(REPLACE "@NOTICES@" "${notices.txt}" page "${page}")
+string(REPLACE "@STYLE@" "${style}" page "${page}")
+string(REPLACE "@RELIGHT@" "${relight}" page "${page}")
+string(REPLACE "@NOTICES@" "${notices}" page "${page}")
 string(REPLACE "@SCRIPT@" "${script}" page "${page}")
 foreach(library IN ITEMS THREE ORBIT D3)
   string(REPLACE "@${library}@" "${${library}}" page "${page}")

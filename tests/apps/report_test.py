@@ -2,6 +2,7 @@
 import csv
 import json
 import math
+import os
 import pathlib
 import re
 import shutil
@@ -14,6 +15,9 @@ import unittest
 import numpy as np
 from PIL import Image
 
+import velostrix
+
+os.environ.pop("LD_PRELOAD", None)  # a sanitizer's, which was for this interpreter
 PROGRAM = pathlib.Path(sys.argv.pop()).resolve()
 SIZE = (96, 72)  # of the pictures, which a page of this size shows whole
 
@@ -90,7 +94,7 @@ class Files(Report):
         shots = [np.asarray(Image.open(self.folder / f"inputs/image{k}.png")) for k in range(4)]
         (self.folder / "raw").mkdir()
         for k, shot in enumerate(shots):
-            raw = shot * np.uint16(12)
+            raw = shot.astype(np.uint16) * 12
             raw[::2, 1::2] //= 2
             Image.fromarray(raw).save(self.folder / f"raw/{k}.png")
         Image.fromarray(np.dstack(shots[:3])).save(self.folder / "colour.png")
@@ -183,9 +187,9 @@ class Page(Report):
         self.script("return new Promise((done) => requestAnimationFrame(() => "
                     "requestAnimationFrame(done)))")
 
-    def pixel(self, canvas, x, y):
+    def pixel(self, canvas, x, y, width=1):
         return self.script("return [...document.getElementById(arguments[0]).getContext('2d')"
-                           ".getImageData(arguments[1], arguments[2], 1, 1).data]", canvas, x, y)
+                           ".getImageData(...arguments[1]).data]", canvas, [x, y, width, 1])
 
     def assert_quiet(self):
         said = [entry["message"] for entry in self.browser.get_log("browser")
@@ -397,6 +401,32 @@ class Page(Report):
         self.run_well("report", "out")
         self.open(out / "report.html")
         self.assertIn("not diagnosed", self.find("diagnosis").text)
+        self.assert_quiet()
+
+    def test_python_shows_the_same_in_notebooks_and_writes_the_same_report(self):
+        shots = [np.asarray(Image.open(self.folder / f"inputs/image{k}.png")) for k in range(4)]
+        wide = [shot.astype(np.uint16) * 16 for shot in shots]
+        parameters = velostrix.Parameters(run="cali", bits=12, region=(8, 6, 80, 60))
+        result = velostrix.reconstruct(wide, parameters)
+        page = self.folder / "-part 1.html"
+        result.report(page, wide, program=PROGRAM)
+        self.open(page)
+        said = self.find("summary").text + self.find("diagnosis").text
+        for words in ["cali, 80 x 60 pixels, 4 images", "Lamps of the ring leave", "No warnings"]:
+            self.assertIn(words, said)
+        self.assertEqual(self.find("photograph-text").text, "Photograph 1 of 4: image1.png")
+        relit = self.pixel("relight-canvas", 0, 30, 80)
+        self.assertGreater(len(set(relit)), 4)
+        self.assert_quiet()
+
+        page.write_text(f"<!doctype html><title>A notebook</title>{result._repr_html_()}")
+        self.browser.get(page.as_uri())
+        self.browser.switch_to.frame(0)
+        self.wait("return document.documentElement.dataset.ready")
+        self.assertEqual(self.pixel("relight-canvas", 0, 30, 80), relit)
+        self.find("relight-stage").send_keys(Keys.ARROW_LEFT)
+        self.wait("return document.getElementById('relight-text').textContent.includes('137')")
+        self.browser.switch_to.default_content()
         self.assert_quiet()
 
     def test_results_that_were_not_made_are_said(self):

@@ -49,7 +49,12 @@ class Marshalling(unittest.TestCase):
         self.assertEqual(len(result.timings.images), 4)
         self.assertRegex(repr(result), r"uncali, 80 x 60 pixels.*\n.*factor.*height.*\n.*curvature")
         self.assertEqual(len(repr(result).splitlines()), 3)
-        self.assertEqual(result._repr_html_().count("data:image/png"), 8)
+        shown = velostrix.reconstruct(noise(shape=(300, 400)), iteration_cap=3)._repr_html_()
+        self.assertEqual(shown.count("data:image/png"), 8)
+        self.assertIn("<iframe srcdoc", shown)
+        self.assertLess(len(shown), 1_000_000)
+        self.assertRaisesRegex(FileNotFoundError, "nowhere: .*build or install", result.report,
+                               "page.html", noise(), program="nowhere")
         with unittest.mock.patch.dict("sys.modules", PIL=None):
             self.assertIsNone(result._repr_html_())
         expect_equal(pickle.loads(pickle.dumps(result)), result)

@@ -19,7 +19,8 @@ function(check package folder)
   run(-i ${ENVIRONMENT} PYTHONPATH=${WORK}/${folder} ${ARGN} ${PYTHON} -W error -c "
 import importlib.metadata, pathlib, numpy, velostrix
 images = list(numpy.random.default_rng(1).integers(0, 256, (4, 60, 80), numpy.uint8))
-assert velostrix.reconstruct(images).height.shape == (60, 80)
+result = velostrix.reconstruct(images)
+assert result.height.shape == (60, 80) and 'srcdoc' in result._repr_html_()
 assert velostrix.__version__ == importlib.metadata.version('velostrix')
 mapped = pathlib.Path('/proc/self/maps').read_text().split()
 print(velostrix.__file__, *sorted({word for word in mapped if 'elostrix' in word}))

@@ -13,6 +13,7 @@ height = result.height
 curvature: NDArray[np.uint8] = result["curvature"]
 for name, image in result.items():
     print(result[name].shape == image.shape)
+result.report("part.html", images)
 with Tool() as tool:
     tool.prepare(4, images[0].shape, Parameters(outputs=["normal"]))
     warnings: str = "".join(tool.diagnose(iter(images)).warnings)

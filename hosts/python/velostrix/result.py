@@ -1,18 +1,15 @@
 """What a run made: the images, and how they show themselves."""
-import base64
 import ctypes
-import io
+import os
 from dataclasses import dataclass
-from typing import Any, Dict, Iterator, Literal, Optional, Tuple, Union, overload
+from typing import Any, Dict, Iterable, Iterator, Literal, Optional, Tuple, Union, overload
 
 import numpy as np
-from numpy.typing import NDArray
+from numpy.typing import ArrayLike, NDArray
 
-from . import _native
+from . import _native, pages
 from .images import read_image
 from .parameters import OUTPUTS, SURFACES, ByteOutput, Output, Parameters, Surface, index, integer
-
-_SHOWN_SIZE = (320, 320)  # pixels at most, in a notebook
 
 
 @dataclass(frozen=True)
@@ -136,23 +133,24 @@ class Result:
         )
 
     def _repr_html_(self) -> Optional[str]:
-        """The images for Jupyter, at most 320 pixels wide; None, so that the text is shown, without
-        PIL."""
+        """For Jupyter, below 1 MB: the surface under a lamp that the reader moves, and the images,
+        reduced. None, so that the text is shown, without PIL."""
         try:
-            from PIL import Image
+            return pages.for_notebook(self)
         except ImportError:
             return None
-        figures = []
-        for name, pixels in self.items():
-            # 16 bits to 8, channels 0, 1, 2 to blue, green, red.
-            levels = pixels >> 8 if name == "height" else pixels
-            picture = Image.fromarray(
-                np.ascontiguousarray(levels[..., ::-1] if levels.ndim == 3 else levels, np.uint8))
-            picture.thumbnail(_SHOWN_SIZE)
-            png = io.BytesIO()
-            picture.save(png, "png")
-            data = base64.b64encode(png.getvalue()).decode()
-            figures.append(
-                '<figure style="display: inline-block; margin: 4px">'
-                f'<img src="data:image/png;base64,{data}"/><figcaption>{name}</figcaption></figure>')
-        return "<div>" + "".join(figures) + "</div>"
+
+    def report(
+        self, path: Union[str, "os.PathLike[str]"], images: Iterable[ArrayLike] = (),
+        program: str = "velostrix"
+    ) -> None:
+        """Writes the page that ``velostrix report`` writes, one file that opens in any browser:
+        relighting, 3-D view, profiles, histograms, diagnosis, parameters.
+
+        path: of the page; its name without the suffix is the title.
+        images: those that were reconstructed, to show and diagnose them too.
+        program: the command line, which writes the page.
+
+        Needs PIL. Raises FileNotFoundError without the program, RuntimeError with what it says.
+        """
+        pages.write_report(self, path, images, program)
