@@ -8,7 +8,7 @@ string(COMPARE EQUAL "${CMAKE_SYSTEM_PROCESSOR}" aarch64 is_arm64)
 
 add_library(velostrix_flags INTERFACE)
 if(MSVC)
-  target_compile_options(velostrix_flags INTERFACE /fp:precise /arch:AVX /W4
+  target_compile_options(velostrix_flags INTERFACE /fp:precise /arch:AVX /bigobj /W4
     $<$<BOOL:${VELOSTRIX_WERROR}>:/WX>)
 else()
   target_compile_options(velostrix_flags INTERFACE
