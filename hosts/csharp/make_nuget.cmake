@@ -1,25 +1,38 @@
 # Makes the NuGet package, a zip, from a build: assemblies and native libraries.
-#   cmake -D VERSION= -D RUNTIME= -D BUILD= -D LIBRARIES= -D ASSEMBLIES= -D PACKAGE= -P make_nuget.cmake
-# RUNTIME: what the native libraries run on, in NuGet's words. LIBRARIES: their folder in an installed copy.
+#   cmake -D VERSION= -D RUNTIME= -D BUILD= -D STRIP= -D ASSEMBLIES= -D PACKAGE= -P make_nuget.cmake
+# RUNTIME: what the native libraries run on, in NuGet's words. STRIP: the build's program of that name.
+# The environment's VELOSTRIX_NUGET_WITH: the package of another RUNTIME, whose native libraries this one
+# has as well.
 cmake_minimum_required(VERSION 3.22)
 set(stage ${PACKAGE}.files)
-set(installed ${PACKAGE}.installed)
-file(REMOVE_RECURSE ${stage} ${installed} ${PACKAGE})
-# Installed libraries find each other in their own folder.
-execute_process(COMMAND ${CMAKE_COMMAND} --install ${BUILD} --component runtime --strip
-  --prefix ${installed} OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY)
+file(REMOVE_RECURSE ${stage} ${stage}.other ${PACKAGE})
 
 foreach(name IN ITEMS Velostrix Velostrix.Drawing)
   file(COPY ${ASSEMBLIES}/${name}.dll ${ASSEMBLIES}/${name}.xml
     DESTINATION ${stage}/lib/netstandard2.0)
 endforeach()
+# By the names that are asked for: the host's by C#, the module's by the host library.
 string(REGEX MATCH "^0\\.[0-9]+|^[0-9]+" soversion ${VERSION})
 set(native runtimes/${RUNTIME}/native)
-set(module ${native}/libVelostrixUncalibration.so.${soversion})
 file(MAKE_DIRECTORY ${stage}/${native})
-# By the names that are asked for: the host's by C#, the module's by the host library.
-file(COPY_FILE ${installed}/${LIBRARIES}/libvelostrix_host.so ${stage}/${native}/libvelostrix_host.so)
-file(COPY_FILE ${installed}/${LIBRARIES}/libVelostrixUncalibration.so ${stage}/${module})
+foreach(library IN ITEMS libvelostrix_host.so libVelostrixUncalibration.so.${soversion})
+  file(COPY_FILE ${BUILD}/${library} ${stage}/${native}/${library})
+  execute_process(COMMAND ${STRIP} ${stage}/${native}/${library} COMMAND_ERROR_IS_FATAL ANY)
+endforeach()
+set(other $ENV{VELOSTRIX_NUGET_WITH})
+if(other)
+  if(NOT IS_ABSOLUTE ${other} OR NOT EXISTS ${other})
+    message(FATAL_ERROR "VELOSTRIX_NUGET_WITH: no ${other}; expected the whole path of a package")
+  endif()
+  file(ARCHIVE_EXTRACT INPUT ${other} DESTINATION ${stage}.other)
+  file(READ ${stage}.other/Velostrix.nuspec manifest)
+  if(NOT manifest MATCHES "<version>${VERSION}</version>" OR EXISTS ${stage}.other/${native})
+    message(FATAL_ERROR "VELOSTRIX_NUGET_WITH: ${other} is not of version ${VERSION} or has "
+      "${native} itself; expected what a build for another platform has made")
+  endif()
+  file(COPY ${stage}.other/runtimes DESTINATION ${stage})
+  file(REMOVE_RECURSE ${stage}.other)
+endif()
 file(COPY ${CMAKE_CURRENT_LIST_DIR}/README.md DESTINATION ${stage})
 
 file(WRITE ${stage}/Velostrix.nuspec "<?xml version=\"1.0\" encoding=\"utf-8\"?>
@@ -47,15 +60,18 @@ set(types "<Default Extension=\"rels\"
 foreach(extension IN ITEMS nuspec dll xml md so)
   string(APPEND types "\n  <Default Extension=\"${extension}\" ContentType=\"application/octet\" />")
 endforeach()
+file(GLOB modules RELATIVE ${stage} ${stage}/runtimes/*/native/*.so.*)
+foreach(module IN LISTS modules)
+  string(APPEND types "\n  <Override PartName=\"/${module}\" ContentType=\"application/octet\" />")
+endforeach()
 file(WRITE "${stage}/[Content_Types].xml" "<?xml version=\"1.0\" encoding=\"utf-8\"?>
 <Types xmlns=\"http://schemas.openxmlformats.org/package/2006/content-types\">
   ${types}
-  <Override PartName=\"/${module}\" ContentType=\"application/octet\" />
 </Types>
 ")
 
 execute_process(COMMAND ${CMAKE_COMMAND} -E tar cf ${PACKAGE} --format=zip --
   "[Content_Types].xml" _rels/.rels Velostrix.nuspec README.md lib runtimes
   WORKING_DIRECTORY ${stage} COMMAND_ERROR_IS_FATAL ANY)
-file(REMOVE_RECURSE ${stage} ${installed})
+file(REMOVE_RECURSE ${stage})
 message(STATUS "${PACKAGE}")

@@ -31,6 +31,11 @@ endfunction()
 run(VELOSTRIX_LIBRARY_PATH=${LIBRARIES} ${pip} wheel ${options} -w dist source/hosts/python)
 file(GLOB wheel ${WORK}/dist/velostrix-*-py3-none-linux_*.whl)
 check(${wheel} wheel)
+# An empty element of the path is the current folder, where anybody's libraries may be.
+file(STRINGS ${WORK}/wheel/velostrix/libvelostrix_host.so paths REGEX "[$]ORIGIN")
+if(NOT paths STREQUAL "$ORIGIN")
+  message(FATAL_ERROR "libvelostrix_host.so looks for libraries in ${paths}")
+endif()
 
 execute_process(COMMAND ${PYTHON} setup.py --quiet sdist --dist-dir ${WORK}/dist
   WORKING_DIRECTORY ${WORK}/source/hosts/python COMMAND_ERROR_IS_FATAL ANY)
