@@ -1,4 +1,4 @@
-// Whether the parts of a batch can be run, before the first is.
+// Checks the parts of a batch before the first one is run.
 #include "apps/batch_check.h"
 
 #include <algorithm>
@@ -23,7 +23,7 @@ std::string Text(cv::Size size) {
   return std::to_string(size.width) + " x " + std::to_string(size.height) + " pixels";
 }
 
-// The size of its images, where their headers say it. Failure or Error for what is wrong.
+// The size of the part's images, if their headers have it. Throws Failure or Error for faults.
 std::optional<cv::Size> CheckPart(const Part& part, bool may_leave_bits_open) {
   const Recipe& recipe = part.record.recipe;
   std::optional<cv::Size> size;

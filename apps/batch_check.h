@@ -1,4 +1,4 @@
-// Whether the parts of a batch can be run, before the first is.
+// Checks the parts of a batch before the first one is run.
 #pragma once
 
 #include <cstdint>
@@ -10,9 +10,9 @@
 
 namespace velostrix::cli {
 
-// Adds what is wrong with the parts to the problems, from the headers of their files and from what
-// is in the folders of their results. Returns the most pixels that one of their images has.
-// Bits may be left open where they are yet to be chosen.
+// Checks the headers of the parts' files and the folders of their results, and adds what is wrong
+// to the problems. Returns the number of pixels of the largest image. Bits may be open when they
+// are still to be chosen.
 int64_t CheckParts(const std::vector<ManifestPart>& parts, const BatchPlan& plan,
                    bool may_leave_bits_open, std::vector<std::string>& problems);
 

@@ -54,22 +54,22 @@ void WriteText(const std::string& folder, const std::string& name, const std::st
   file.Commit();
 }
 
-// With parts of so many pixels, as many as fit into the machine.
+// How many parts of so many pixels the machine can run at the same time.
 int Workers(int64_t pixels) {
-  // Bytes a pixel of 8 images: the tool with the height's vectors, and of each of two parts in work
-  // the images as decoded, the results and the encoded files.
+  // Bytes a pixel with 8 images: the tool with the height's vectors; for each of two parts in work
+  // the decoded images, the results and the encoded files.
   constexpr int64_t kBytes = 84 + 5 * 8 + 2 * (4 * 8 + 24);
   const int64_t fitting = UsableMemory() / 10 * 8 / std::max<int64_t>(1, pixels * kBytes);
   return static_cast<int>(std::clamp<int64_t>(fitting, 1, UsableCores()));
 }
 
-// Rows of the table in the order in which parts are named first.
+// The rows of the table, in the order in which parts were first named.
 class Table {
  public:
   Table(std::string folder, std::string name)
       : folder_(std::move(folder)), name_(std::move(name)) {}
 
-  // Those that the file has.
+  // Reads the rows that the file has.
   void Load() {
     const std::string file = (std::filesystem::path(folder_) / name_).string();
     if (!std::filesystem::exists(file)) return;
@@ -95,7 +95,7 @@ class Table {
   std::map<std::string, size_t> places_;
 };
 
-// The next part that is through is said and put into the table; false when the time is over.
+// Waits for the next finished part, reports it and adds it to the table; empty after the time.
 std::optional<Outcome> TakeOutcome(BatchWorkers& team, std::chrono::milliseconds time,
                                    BatchProgress& progress, Table& table) {
   std::optional<Outcome> outcome = team.Wait(time);
@@ -106,7 +106,7 @@ std::optional<Outcome> TakeOutcome(BatchWorkers& team, std::chrono::milliseconds
   return outcome;
 }
 
-// Gives up what is in work after a signal, and returns that.
+// Stops the parts in work; returns the signal that asked for it, if any.
 int Stop(BatchWorkers& team, BatchProgress& progress, Table& table) {
   team.Stop();
   while (TakeOutcome(team, std::chrono::milliseconds(0), progress, table)) {
@@ -117,7 +117,7 @@ int Stop(BatchWorkers& team, BatchProgress& progress, Table& table) {
   return signal;
 }
 
-// Until a signal comes.
+// Runs the parts of a folder until a signal comes.
 void WatchFolder(const BatchOptions& options, const BatchPlan& plan, Console& console) {
   const auto quiet_time = std::chrono::duration<double>(options.quiet_seconds);
   WatchedFolder folder(options.watched, options.images, quiet_time);
@@ -175,7 +175,7 @@ void RunParts(const std::vector<ManifestPart>& parts, const BatchPlan& plan, int
   }
 }
 
-// The parts as a manifest of whole paths.
+// Prints the parts as a manifest of absolute paths.
 void PrintParts(const std::vector<ManifestPart>& parts) {
   for (const ManifestPart& part : parts) {
     nlohmann::ordered_json line = {{"part", part.name}};
@@ -235,7 +235,7 @@ void RunBatch(const BatchOptions& options, const std::vector<std::string>& argum
     WriteText(plan.out, "recipe.json", WriteRecipe(plan.recipe));
   }
   const int workers = options.workers != 0 ? options.workers : Workers(pixels);
-  // A worker has one core, for the height and for files, but has all where memory is for no more.
+  // A worker uses one core for height and files; a single one, where memory is short, uses all.
   const bool is_alone = options.workers == 0 && workers == 1;
   cv::setNumThreads(is_alone ? kAllCores : kNoThreads);
   LimitParallel(is_alone ? 0 : 1);
@@ -249,40 +249,40 @@ void RunBatch(const BatchOptions& options, const std::vector<std::string>& argum
 void AddBatchCommand(CLI::App& app, const std::vector<std::string>& arguments) {
   const auto options = std::make_shared<BatchOptions>();
   CLI::App* const command =
-      app.add_subcommand("batch", "Make pictures of the relief of many parts by one recipe");
+      app.add_subcommand("batch", "Make images of the relief of many parts by one recipe");
   command
       ->add_option(
           "PARTS", options->parts,
-          "Manifest of the parts, a .csv or .jsonl file, or folders of images, a part each")
+          "Manifest of the parts (a .csv or .jsonl file), or one folder of images for each part")
       ->type_name("");
   command
       ->add_option("--recipe", options->recipe,
-                   "What is done with every part: a run.json, or what --save-recipe wrote")
+                   "Parameters of every part: a run.json, or what --save-recipe wrote")
       ->type_name("FILE");
   AddOut(*command, options->plan.out,
-         "Folder to write to: a folder for each part, and the table results.csv")
+         "Folder to write to: a folder for each part and the table results.csv")
       ->type_name("DIR");
   command
-      ->add_option("--choose-gains", options->choose_gains,
-                   "Choose gains that the recipe leaves open by these parts, or by a sample of "
-                   "all, so that none of them leaves the grey levels; DIR/recipe.json keeps them")
+      ->add_option(
+          "--choose-gains", options->choose_gains,
+          "Choose the gains that the recipe leaves open from these parts, or from a sample "
+          "of all, so that none of them exceeds the grey levels; DIR/recipe.json keeps them")
       ->type_name("PART,...|sample");
   command
-      ->add_option(
-          "--shard", options->shard,
-          "Run only share I of N, for one of N machines; velostrix merge joins the tables. "
-          "auto/N or auto takes I from a Slurm job array or a Kubernetes indexed job")
+      ->add_option("--shard", options->shard,
+                   "Run only share I of N, on one of N machines; velostrix merge joins the tables. "
+                   "auto/N or auto: I is the task of a Slurm job array or a Kubernetes indexed job")
       ->type_name("I/N");
   command
       ->add_option("--workers", options->workers,
-                   "Parts that run at the same time; as many as cores and memory allow when not "
-                   "given")
+                   "Parts that run at the same time; when not given, as many as cores and memory "
+                   "allow")
       ->check(CLI::Range(1, 1024))
       ->type_name("N");
   command
       ->add_option("--curvature-level", options->plan.curvature_level,
-                   "Column curvature_share counts pixels of the curvature image that are more grey "
-                   "levels than this from its offset")
+                   "The column curvature_share counts pixels of the curvature image that are more "
+                   "than this from its offset")
       ->check(CLI::Range(0, 255))
       ->capture_default_str()
       ->type_name("LEVELS");
@@ -295,17 +295,16 @@ void AddBatchCommand(CLI::App& app, const std::vector<std::string>& arguments) {
       ->type_name("PATTERN");
   command
       ->add_option("--compression", options->plan.compression,
-                   "Of the PNG files: 0 is none, 1 fast, 9 small")
+                   "Compression of PNG files: 0 is none, 1 fast, 9 small")
       ->check(CLI::Range(0, kMostCompression + 0))
       ->capture_default_str()
       ->type_name("LEVEL");
   command->add_flag("--check", options->is_check,
-                    "Only look for problems; print the parts as a manifest of whole paths");
+                    "Only look for problems; print the parts as a manifest of absolute paths");
   command
-      ->add_option(
-          "--watch", options->watched,
-          "Run every part as soon as it is complete, a folder of images in this one, until "
-          "a signal (Ctrl-C, SIGTERM) comes")
+      ->add_option("--watch", options->watched,
+                   "Run every part, a folder of images in this one, as soon as it is complete, "
+                   "until Ctrl-C or SIGTERM")
       ->type_name("FOLDER");
   command
       ->add_option("--images", options->images,
@@ -314,24 +313,22 @@ void AddBatchCommand(CLI::App& app, const std::vector<std::string>& arguments) {
       ->type_name("N");
   command
       ->add_option("--quiet-time", options->quiet_seconds,
-                   "How long the files of a watched part have not changed when it is complete")
+                   "A watched part is complete when its files have not changed for this time")
       ->check(CLI::Range(0.0, 3600.0))
       ->check(IsNumber())
       ->capture_default_str()
       ->type_name("SECONDS");
-  command->add_flag("--quiet", options->quiet, "Say nothing but errors");
+  command->add_flag("--quiet", options->quiet, "Print only errors");
   command->callback([options, arguments] { RunBatch(*options, arguments); });
   command->footer(
-      "All problems of the manifest are said before the first part is run. Parts that are "
-      "finished, "
-      "by their images and the recipe, are not run again: after an interruption, or when parts "
-      "have "
-      "come, repeat the command.\n\n"
+      "All problems of the manifest are reported before the first part is run. Finished parts, "
+      "whose images and recipe are unchanged, are not run again: repeat the command after an "
+      "interruption or when there are new parts.\n\n"
       "Examples:\n"
       "  velostrix batch 'parts/*/' --out relief --choose-gains sample\n"
       "  velostrix batch parts.csv --out relief --recipe part1/run.json\n"
       "  velostrix batch parts.csv --out relief --recipe part1/run.json --shard 3/8\n"
-      "  velostrix batch --watch station --images 4 --out relief --recipe part1/run.json\n\n"
+      "  velostrix batch --watch station --out relief --recipe part1/run.json\n\n"
       "Exit codes: 0 all parts done, 1 some failed, 2 wrong arguments.");
 }
 

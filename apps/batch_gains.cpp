@@ -1,4 +1,4 @@
-// The gains of a batch, which are the same for all of its parts.
+// The gains of a batch, the same for all of its parts.
 #include "apps/batch_gains.h"
 
 #include <algorithm>
@@ -12,7 +12,7 @@
 namespace velostrix::cli {
 namespace {
 
-// A brightness that fills the levels from 0 has one sign; one with both signs suits either.
+// A gain for a brightness of one sign fills the levels from 0; one for both signs suits either.
 void KeepSmaller(OutputScaling& kept, const OutputScaling& other) {
   const auto rank = [](const OutputScaling& scaling) {
     return std::pair(-scaling.offset, std::abs(scaling.gain));

@@ -1,4 +1,4 @@
-// The gains of a batch, which are the same for all of its parts.
+// The gains of a batch, the same for all of its parts.
 #pragma once
 
 #include <string>
@@ -11,17 +11,17 @@
 
 namespace velostrix::cli {
 
-// The parts that gains are chosen by: "sample", up to nine that are spread over the manifest, or
-// names joined by commas. UsageError for a name that is not there.
+// The parts from which gains are chosen: for "sample" up to nine, spread over the manifest; else
+// those named, joined by commas. Throws UsageError for an unknown name.
 std::vector<ManifestPart> GainParts(const std::string& choice,
                                     const std::vector<ManifestPart>& parts);
 
-// The plan's recipe with what is open chosen by these parts: of each output the least gain, so that
-// it keeps all of them within the grey levels, and the most bits.
+// The plan's recipe, with its open gains and bits chosen from these parts: for each output the
+// smallest gain, which keeps all parts within the grey levels, and the largest number of bits.
 Recipe ChooseGainsBy(const std::vector<ManifestPart>& sample, const BatchPlan& plan,
                      Console& console);
 
-// UsageError when the recipe leaves a gain open.
+// Throws UsageError when a gain of the recipe is open.
 void RequireGains(const Recipe& recipe);
 
 }  // namespace velostrix::cli

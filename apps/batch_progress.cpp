@@ -1,4 +1,4 @@
-// How far a batch is, as it is said while it runs and at its end.
+// Reports the progress of a batch while it runs, and its result.
 #include "apps/batch_progress.h"
 
 #include <cmath>

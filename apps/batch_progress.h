@@ -1,4 +1,4 @@
-// How far a batch is, as it is said while it runs and at its end.
+// Reports the progress of a batch while it runs, and its result.
 #pragma once
 
 #include <chrono>
@@ -12,17 +12,17 @@ namespace velostrix::cli {
 
 class BatchProgress {
  public:
-  // total: 0 where it is not known.
+  // total: number of parts; 0 when unknown.
   BatchProgress(size_t total, Console& console) : total_(total), console_(console) {}
 
-  // A part is through; says what went wrong.
+  // Counts a finished part; reports what went wrong.
   void Count(const Outcome& outcome);
 
-  // To be called often. Shows the progress on a terminal and says it once a minute elsewhere; true
+  // Call it often. Shows the progress: on a terminal always, elsewhere once a minute. Returns true
   // once a minute.
   bool Tick();
 
-  // Says how it went, and where the time went.
+  // Reports how many parts were done, and how the time was spent.
   void Summarise();
 
   size_t through() const { return done_ + was_done_ + failed_; }

@@ -1,4 +1,4 @@
-// Parts in work: read, run and written on several threads, a tool for each worker.
+// Workers that read, run and write parts on several threads, each with its own tool.
 #include "apps/batch_workers.h"
 
 #include <filesystem>
@@ -32,7 +32,7 @@ json ReadRecord(const Part& part) {
   return stream ? json::parse(stream, nullptr, false) : json();
 }
 
-// What is asked for besides the recipe.
+// The options of the batch, besides the recipe.
 json OptionsOf(const BatchPlan& plan) {
   return {{"split_channels", plan.split_channels},
           {"bayer", plan.bayer},
@@ -40,7 +40,7 @@ json OptionsOf(const BatchPlan& plan) {
           {"curvature_level", plan.curvature_level}};
 }
 
-// Whether an earlier run with this record made just what is to be made now, and it is still there.
+// Whether an earlier run with this record made exactly these results, and its files still exist.
 bool IsRecordOf(const json& record, const Part& part) {
   const bool is_split = part.record.reading.split_channels;
   const bool is_same = At(record, "version") == VELOSTRIX_VERSION &&
@@ -61,7 +61,7 @@ bool IsRecordOf(const json& record, const Part& part) {
   return true;
 }
 
-// The row of the part when it is finished.
+// The row of the part if it is finished.
 std::optional<std::string> FinishedRow(const std::string& name, const Part& part) {
   try {
     const json record = ReadRecord(part);

@@ -1,4 +1,4 @@
-// Parts in work: read, run and written on several threads, a tool for each worker.
+// Workers that read, run and write parts on several threads, each with its own tool.
 #pragma once
 
 #include <chrono>
@@ -18,7 +18,7 @@
 
 namespace velostrix::cli {
 
-// What is the same for all parts of a batch.
+// What all parts of a batch have in common.
 struct BatchPlan {
   std::vector<std::string> arguments;  // of the program
   Recipe recipe;                       // with all gains
@@ -44,8 +44,8 @@ struct Outcome {
   double write_ms = 0.0;
 };
 
-// Each worker has a tool, whose buffers stay as long as parts have one size, and two threads: while
-// one part runs, another is read or written. Called by one thread.
+// Each worker has two threads: while one part runs, another is read or written. It also has a tool,
+// which keeps its buffers while parts have the same size. Called by one thread.
 class BatchWorkers {
  public:
   BatchWorkers(BatchPlan plan, int workers);
@@ -54,9 +54,9 @@ class BatchWorkers {
   BatchWorkers& operator=(const BatchWorkers&) = delete;
 
   void Add(ManifestPart part);
-  // Ends when the parts in work are through, or given up after a signal; the others are dropped.
+  // Waits for the parts in work, which end early after a signal; drops the others.
   void Stop();
-  // The next part that is through; nothing when the time is over.
+  // The next finished part; nothing when the time is over.
   std::optional<Outcome> Wait(std::chrono::milliseconds time);
 
  private:

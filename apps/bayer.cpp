@@ -18,9 +18,9 @@ double AlternatingSum(const T* row, int cols) {
 
 }  // namespace
 
-// Green pixels form a checkerboard, and hardly any light is as bright under green as under the mean
-// of red and blue. A picture has no such checkerboard: of ordinary ones at most 0.2 % of the mean
-// is left, of raw frames 5 to 40 %.
+// Green pixels form a checkerboard, and hardly any light is as bright through green filters as
+// through red and blue ones on average. The strength of the checkerboard is at most 0.2 % of the
+// mean in ordinary pictures and 5 to 40 % in raw frames.
 bool IsBayerFrame(const cv::Mat& image) {
   constexpr double kCheckerShare = 0.02;
   double checker = 0.0;

@@ -10,10 +10,10 @@ namespace velostrix::cli {
 // The filters of the first two rows, from the first pixel on.
 inline constexpr std::array<const char*, 4> kBayerPatterns = {"rggb", "grbg", "gbrg", "bggr"};
 
-// Whether an image of one channel is a raw frame.
+// Whether a single-channel image is a raw frame.
 bool IsBayerFrame(const cv::Mat& image);
 
-// A frame of one channel in grey, or in colour (blue, green, red), of its depth.
+// Converts a raw frame to grey, or to colour (blue, green, red), of the same depth.
 cv::Mat Demosaic(const cv::Mat& frame, const std::string& pattern, bool in_colour);
 
 }  // namespace velostrix::cli

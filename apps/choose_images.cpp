@@ -1,4 +1,4 @@
-// Some of many images of one part: those whose lamps differ most.
+// Chooses those of many images of one part whose lamps differ most.
 #include "apps/choose_images.h"
 
 #include <algorithm>
@@ -11,7 +11,7 @@
 namespace velostrix::cli {
 namespace {
 
-// A row for each image, in small.
+// One row for each image, reduced.
 cv::Mat1f Thumbnails(const std::vector<std::string>& files) {
   constexpr int kSide = 64;
   cv::Mat1f thumbnails(0, kSide * kSide);
@@ -26,9 +26,8 @@ cv::Mat1f Thumbnails(const std::vector<std::string>& files) {
   return thumbnails;
 }
 
-// The lamps' directions up to a linear map, a unit row each: images of a matt part are of rank
-// three (Hayakawa 1994). What is left out is noise, which dark images would differ by; theirs are
-// zero.
+// The directions of the lamps up to a linear map, as unit rows: images of a matt part have rank
+// three (Hayakawa 1994). The rest is noise. Dark images, which would differ by it, have zero rows.
 cv::Mat1d PseudoLamps(const cv::Mat1f& images) {
   constexpr double kDarkShare = 0.2;  // of the usual brightness
   cv::Mat1d gram;
@@ -54,8 +53,8 @@ cv::Mat1d PseudoLamps(const cv::Mat1f& images) {
 
 }  // namespace
 
-// Farthest-point sampling (Gonzalez 1985): from the two lamps that differ most on, always the one
-// that differs most from all that are taken.
+// Farthest-point sampling (Gonzalez 1985): starts with the two lamps that differ most, then always
+// takes the one that differs most from all taken.
 std::vector<size_t> ChooseImages(const std::vector<std::string>& files, size_t count) {
   const cv::Mat1d lamps = PseudoLamps(Thumbnails(files));
   cv::Mat1d likeness;  // cosines

@@ -1,4 +1,4 @@
-// Some of many images of one part: those whose lamps differ most.
+// Chooses those of many images of one part whose lamps differ most.
 #pragma once
 
 #include <cstddef>
@@ -7,7 +7,7 @@
 
 namespace velostrix::cli {
 
-// The places, in ascending order, of the `count` files whose images differ most in their light.
+// The indices, ascending, of the `count` files whose images differ most in their light.
 std::vector<size_t> ChooseImages(const std::vector<std::string>& files, size_t count);
 
 }  // namespace velostrix::cli

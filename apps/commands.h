@@ -1,4 +1,4 @@
-// The commands of the command line, and the errors that they end with.
+// The commands of the command line, and their errors.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -45,7 +45,7 @@ bool ParseNumber(const std::string& text, T& number) {
   return stream >> number && stream.peek() == std::istringstream::traits_type::eof();
 }
 
-// Refuses NaN, which is in every range by the parser's own check.
+// Refuses NaN, which passes the parser's range checks.
 inline CLI::Validator IsNumber() {
   return {[](std::string& text) {
             double number = 0.0;

@@ -1,4 +1,4 @@
-// `velostrix compare`: how far the results of two runs, or of a run and the truth, are apart.
+// `velostrix compare`: the differences between two runs, or between a run and the truth.
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
@@ -36,7 +36,7 @@ struct CompareOptions {
   bool quiet = false;
 };
 
-// One image on both sides, and what was found.
+// One image of both sides, and its differences.
 struct Compared {
   std::string name;
   cv::Mat a, b;  // as Levels gives them
@@ -166,7 +166,7 @@ cv::Mat Picture(const Comparison& comparison) {
   return ComposeSheet(rows, kTileWidth);
 }
 
-// For one file that replaces nothing that was read.
+// Plans one file that must not replace a file that was read.
 OutputFiles FileTo(const std::string& file, const Comparison& comparison) {
   const fs::path path = file;
   return OutputFiles({path.parent_path(), {path.filename().string()}, {}, {}, comparison.read});
@@ -219,7 +219,7 @@ std::string CompareAndWrite(const CompareOptions& options) {
   return what;
 }
 
-// As other programs that compare: what differs ends with 1, what went wrong with 2.
+// Like other programs that compare: exit code 1 for differences, 2 for errors.
 void CompareCommand(const CompareOptions& options) {
   std::string beyond;
   try {
@@ -235,39 +235,41 @@ void CompareCommand(const CompareOptions& options) {
 void AddCompareCommand(CLI::App& app) {
   const auto options = std::make_shared<CompareOptions>();
   CLI::App* const command = app.add_subcommand(
-      "compare", "Compare results with those of another run, or with the truth of a scene");
+      "compare",
+      "Compare results with those of another run, or with the truth of a rendered scene");
   command->add_option("A", options->a, "Folder that velostrix reconstruct wrote")
       ->required()
       ->type_name("");
   command
       ->add_option("B", options->b,
-                   "Another one, or a folder of velostrix render: its truth is fitted to A, since "
-                   "photometric stereo leaves scales open")
+                   "Another one, or a folder of velostrix render, whose truth is fitted to A, as "
+                   "photometric stereo does not determine scales")
       ->required()
       ->type_name("");
   command
-      ->add_option("--tolerance", options->tolerance,
-                   "Grey levels, of 255, that pixels may differ by; of the height 1 is 257 levels")
+      ->add_option(
+          "--tolerance", options->tolerance,
+          "Grey levels (of 255) by which pixels may differ; in the height, 1 is 257 levels")
       ->check(CLI::Range(0.0, 255.0))
       ->check(IsNumber())
       ->capture_default_str()
       ->type_name("LEVELS");
   command
       ->add_option("--share", options->share,
-                   "Share of the pixels, 0 to 1, that may differ by more")
+                   "Share of the pixels (0 to 1) that may differ by more")
       ->check(CLI::Range(0.0, 1.0))
       ->check(IsNumber())
       ->capture_default_str()
       ->type_name("SHARE");
-  command->add_option("--json", options->json, "Write all that was found")->type_name("FILE");
+  command->add_option("--json", options->json, "Write all numbers")->type_name("FILE");
   command
       ->add_option("--picture", options->picture,
-                   "Write one picture: of each image A, B and their difference")
+                   "Write one picture: for each image A, B and their difference")
       ->type_name("FILE");
-  command->add_flag("--quiet", options->quiet, "Say nothing but errors");
+  command->add_flag("--quiet", options->quiet, "Print only errors");
   command->callback([options] { CompareCommand(*options); });
   command->footer(
-      "Levels are compared as they are: give both runs one recipe, which keeps the gains.\n\n"
+      "Levels are compared directly: use one recipe for both runs, so that the gains are equal.\n\n"
       "Examples:\n"
       "  velostrix compare relief1 relief2 --tolerance 2 --picture differences.png\n"
       "  velostrix compare relief scene --tolerance 20 --share 0.02\n\n"

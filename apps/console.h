@@ -1,4 +1,4 @@
-// What a command says on stderr while it works: notes, warnings, progress.
+// The messages of a command on stderr: notes, warnings, progress.
 #pragma once
 
 #include <chrono>
@@ -10,10 +10,10 @@
 
 namespace velostrix::cli {
 
-// The text with control characters as \x1b: it stays on its line and does not steer the terminal.
+// The text with control characters written as \x1b, so that it cannot control the terminal.
 std::string Printable(const std::string& text);
 
-// What went wrong, in words.
+// The text of an exception, for users.
 std::string Explain(const std::exception& error);
 
 class Console {
@@ -25,15 +25,14 @@ class Console {
   Console& operator=(const Console&) = delete;
 
   void Note(const std::string& text);
-  // What has to be known, also by one who wants it quiet.
+  // Warnings are printed even with --quiet.
   void Complain(const std::string& text);
   void Warn(const std::string& text) { Note("warning: " + text); }
 
   // Whether Step shows anything.
   bool is_terminal() const { return shower_.joinable(); }
 
-  // What is being done now. When stderr is a terminal and a second has passed since the start, it
-  // is shown there with the time so far.
+  // What the command is doing. From the second second on it is shown on a terminal, with the time.
   void Step(const std::string& text);
 
  private:

@@ -1,4 +1,4 @@
-// Labelled pictures in labelled rows, as one picture.
+// One picture of labelled pictures in labelled rows.
 #include "apps/contact_sheet.h"
 
 #include <algorithm>

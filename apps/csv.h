@@ -11,12 +11,12 @@ struct CsvRow {
   std::vector<std::string> cells;
 };
 
-// Rows of the text but empty ones. Lines end in any usual way; a byte-order mark is skipped; cells
-// are separated by semicolons where the first line has some and no comma, as spreadsheets write
-// them where the comma is decimal. Failure for a quote that is not closed.
+// The rows of the text that are not empty. Accepts all usual line ends and skips a byte-order mark.
+// Cells are separated by semicolons when the first line has semicolons and no comma: spreadsheets
+// write them where the comma is decimal. Throws Failure for a quote that is not closed.
 std::vector<CsvRow> ParseCsv(const std::string& text);
 
-// One row with its line end; quoted where needed.
+// One row with its line end; cells are quoted where necessary.
 std::string CsvLine(const std::vector<std::string>& cells);
 
 }  // namespace velostrix::cli

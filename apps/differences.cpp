@@ -1,4 +1,4 @@
-// How far two images of one size are apart.
+// The differences between two images of one size.
 #include "apps/differences.h"
 
 #include <algorithm>

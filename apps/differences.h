@@ -1,4 +1,4 @@
-// How far two images of one size are apart.
+// The differences between two images of one size.
 #pragma once
 
 #include <opencv2/core.hpp>
@@ -6,7 +6,7 @@
 
 namespace velostrix::cli {
 
-// Grey levels of 8 bits as CV_32F; of 16-bit images, 257 levels are one.
+// The grey levels as CV_32F; 257 levels of 16-bit images count as one.
 cv::Mat Levels(const cv::Mat& image);
 
 struct Place {
@@ -14,7 +14,7 @@ struct Place {
   double difference = 0.0;
 };
 
-// In grey levels; of the channels of a pixel, the one that differs most.
+// In grey levels. The difference of a pixel is that of its most different channel.
 struct Differences {
   double largest = 0.0;
   double mean = 0.0;
@@ -24,7 +24,7 @@ struct Differences {
   cv::Mat image;              // CV_32FC1: of each pixel, 0 outside the part that is compared
 };
 
-// Of levels without NaN inside a rectangle that is not empty.
+// Compares levels without NaN inside a rectangle that is not empty.
 Differences Compare(const cv::Mat& a, const cv::Mat& b, const cv::Rect& inside, double tolerance);
 
 }  // namespace velostrix::cli

@@ -1,4 +1,4 @@
-// New files, written beside their places and put there together.
+// New files: written beside their places, then moved into place together.
 #include "apps/drafts.h"
 
 #include <fcntl.h>
@@ -91,7 +91,7 @@ std::vector<fs::path> AbandonedDrafts(const fs::path& folder) {
     if (name.rfind(kPrefix, 0) != 0 || entry.path().extension() != kSuffix) continue;
     const Descriptor file(open(entry.path().c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
     struct stat status = {};
-    // One that is empty may be another process's that has yet to lock it.
+    // An empty one may belong to another process that has not locked it yet.
     const bool is_left =
         flock(file.number(), LOCK_EX | LOCK_NB) == 0 && fstat(file.number(), &status) == 0;
     if (is_left && status.st_size > 0) abandoned.push_back(entry.path());

@@ -1,4 +1,4 @@
-// New files, written beside their places and put there together.
+// New files: written beside their places, then moved into place together.
 #pragma once
 
 #include <signal.h>
@@ -12,7 +12,7 @@
 
 namespace velostrix::cli {
 
-// While it lives, a signal that asks the program to end is kept; it has its effect afterwards.
+// While it lives, signals that end the program are held; they take effect afterwards.
 class SignalHold {
  public:
   SignalHold();
@@ -20,13 +20,13 @@ class SignalHold {
   SignalHold(const SignalHold&) = delete;
   SignalHold& operator=(const SignalHold&) = delete;
 
-  // Failure when such a signal has come.
+  // Throws Failure when such a signal has come.
   static void Check();
 
   // The signal that has come, or 0.
   static int Kept();
 
-  // The same; it is forgotten, and what checks for it goes on.
+  // Returns the signal and forgets it: Check no longer throws.
   static int Take();
 
  private:
@@ -49,15 +49,15 @@ class Descriptor {
   int number_;
 };
 
-// Waits for other processes that put files into the folder; the lock ends with the descriptor.
-// Where the file system has no locks there is none. Failure after half a minute.
+// Waits for other processes that move files into the folder; the lock ends with the descriptor.
+// File systems without locks are not locked. Throws Failure after half a minute.
 Descriptor LockFolder(const std::filesystem::path& folder);
 
-// The drafts in a folder whose writers died before they could put them in place or remove them.
+// The drafts in a folder whose writers died before they moved or removed them.
 std::vector<std::filesystem::path> AbandonedDrafts(const std::filesystem::path& folder);
 
-// Those not put in place are removed. A draft is locked as long as its writer lives. Trouble is a
-// Failure that names the place.
+// Drafts that were not moved into place are removed. A draft is locked as long as its writer lives.
+// Errors are Failures that name the place.
 class Drafts {
  public:
   Drafts() = default;
@@ -65,11 +65,11 @@ class Drafts {
   Drafts(const Drafts&) = delete;
   Drafts& operator=(const Drafts&) = delete;
 
-  // Writes a file of a new name into the folder of the place, down to the disk. Threads may call it
-  // at once.
+  // Writes a file with a new name into the folder of the place, and syncs it to the disk. May be
+  // called by several threads.
   void Write(const std::filesystem::path& place, const std::vector<uint8_t>& bytes);
 
-  // In the order of writing; when the last one is in place, the others are on the disk.
+  // Moves the files in the order of writing; once the last one is in place, all others are on disk.
   void PutInPlace();
 
  private:

@@ -1,5 +1,5 @@
-// How a camera was held: a tag in the first directory of a TIFF structure, which is the file itself
-// or is embedded in it.
+// The EXIF orientation of image files: a tag in the first directory of a TIFF structure, which is
+// the file itself or embedded in it.
 #include "apps/exif_orientation.h"
 
 #include <algorithm>
@@ -20,7 +20,7 @@ class Tiff {
     is_valid_ = is_big_endian_ || bytes.substr(0, 4) == "II*\0"sv;
   }
 
-  // Of the first directory's entry; nothing when there is none or the structure is cut.
+  // The value in the first directory; nothing when it is missing or the structure is cut.
   std::optional<uint32_t> ShortValue(uint32_t tag) const {
     constexpr size_t kEntry = 12;
     if (!is_valid_) return std::nullopt;

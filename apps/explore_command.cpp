@@ -266,7 +266,7 @@ void AddExploreCommand(CLI::App& app, const std::vector<std::string>& arguments)
       ->required(false)
       ->capture_default_str()
       ->type_name("FILE");
-  command->add_flag("--quiet", options->part.quiet, "Say nothing but errors")->group(sheet);
+  command->add_flag("--quiet", options->part.quiet, "Print only errors")->group(sheet);
   DeclareGains(*command, options->part);
   command->callback([options, arguments] { Explore(*options, arguments); });
   command->footer(

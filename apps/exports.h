@@ -29,7 +29,7 @@ struct ExportOptions {
   int decimate = 1;  // a vertex of the mesh is the mean of a block this wide and high
 };
 
-// The results that an export is made from.
+// The results that an export needs.
 OutputSet NeededFor(const std::string& name, const ExportOptions& options);
 
 // Adds the named exports to the files. All have x to the right, y up and z to the camera.
@@ -37,11 +37,10 @@ OutputSet NeededFor(const std::string& name, const ExportOptions& options);
 //   height.tiff  CV_32FC1: slope times pixels above the lowest place of the image
 //   surface.ply  binary, little-endian: vertices in pixels, z as in height.tiff, with unit normals
 //                of the slopes and colours; triangles
-//   normals.png  level = 127.5 + 127.5 n for the components of the unit normal: red x, green y,
-//   blue z
+//   normals.png  level = 127.5 + 127.5 n of the unit normal n: red x, green y, blue z
 //
-// Slopes of a calibrated run are those of the part. Those of other runs are too steep or too flat
-// by one unknown factor, and so are these. Failure when the height's scale cannot be found.
+// Slopes of a calibrated run are those of the part. Slopes of other runs are wrong by one unknown
+// factor, and so are these files. Throws Failure when the height's scale cannot be found.
 void AddExports(const std::vector<std::string>& names, const ExportOptions& options,
                 const Results& results, const Parameters& parameters, OutputFiles& files);
 

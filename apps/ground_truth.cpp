@@ -1,4 +1,4 @@
-// The ground truth that `velostrix render` leaves, and what a run should have made of it.
+// The ground truth that `velostrix render` writes, and the results that a run should give.
 #include "apps/ground_truth.h"
 
 #include <algorithm>
@@ -36,7 +36,7 @@ ExpectedResult Fit(Output output, const cv::Mat& levels, const cv::Mat& truth,
       for (int j = inside.x; j < inside.br().x; ++j) use(i, j, levels.at<float>(i, j));
     }
   };
-  // Least squares: (sum t t') s = sum t l, without the pixels that left the levels.
+  // Least squares: (sum t t') s = sum t l, without saturated pixels.
   cv::Matx44d normal = cv::Matx44d::zeros();
   Terms right;
   visit([&](int i, int j, double level) {

@@ -1,4 +1,4 @@
-// The ground truth that `velostrix render` leaves, and what a run should have made of it.
+// The ground truth that `velostrix render` writes, and the results that a run should give.
 #pragma once
 
 #include <opencv2/core.hpp>
@@ -17,23 +17,23 @@ struct GroundTruth {
   std::vector<std::string> files;
 };
 
-// Of a rendered scene's folder, or its folder truth; nothing when it is neither. Failure names the
-// file that cannot be used.
+// Reads the folder of a rendered scene, or its folder truth; nothing when it is neither. Throws
+// Failure, which names the file that cannot be used.
 std::optional<GroundTruth> ReadGroundTruth(const std::string& folder);
 
-// A result as it should be.
+// The result that a run should give.
 struct ExpectedResult {
   Output output;
   cv::Mat levels;    // CV_32FC1, as Levels gives them
   cv::Rect inside;   // without the border of the height
-  double explained;  // share of the result's variance (R2) that is the truth's
+  double explained;  // share of the result's variance (R2) that the truth explains
   bool is_inverted;  // the result falls where the truth rises
 };
 
-// Of those results that the truth knows: factor, channel0, channel1 and height. Photometric stereo
-// leaves scale and offset of slopes and brightness open, and of the height a plane besides
-// (Belhumeur, Kriegman and Yuille 1999, "The bas-relief ambiguity"): these are fitted to the
-// result by least squares. Failure when the truth is not as large as the images were.
+// For the results that follow from the truth: factor, channel0, channel1 and height. Photometric
+// stereo does not determine scale and offset of slopes and brightness, nor a plane in the height
+// (Belhumeur, Kriegman and Yuille 1999, "The bas-relief ambiguity"): these are fitted to the result
+// by least squares. Throws Failure when the truth is not as large as the images were.
 std::vector<ExpectedResult> ExpectedResults(const GroundTruth& truth, const ResultFolder& made);
 
 }  // namespace velostrix::cli

@@ -6,7 +6,7 @@
 
 namespace velostrix::cli {
 
-// The parser's help, its long lines broken at blanks and continued below where their text begins.
+// The parser's help, with long lines broken at blanks and continued below their texts.
 class HelpText : public CLI::Formatter {
  public:
   std::string make_help(const CLI::App* app, std::string name,

@@ -9,7 +9,7 @@
 namespace velostrix::cli {
 namespace {
 
-// Numbers at places of a file; a place behind its end makes the whole header void.
+// Numbers at places of a file; a place beyond its end makes the whole header invalid.
 class Reader {
  public:
   explicit Reader(const std::string& file) : stream_(file, std::ios::binary) {}
@@ -72,7 +72,7 @@ Found OfJpeg(Reader& file) {
   return {};
 }
 
-// Of the first image in the file.
+// Describes the first image in the file.
 Found OfTiff(Reader& file, bool is_little) {
   constexpr uint32_t kShort = 3;
   enum Tag : uint32_t { kWidth = 256, kHeight = 257, kBits = 258 };

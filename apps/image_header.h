@@ -12,8 +12,8 @@ struct ImageHeader {
   bool is_deep;   // more than 8 bits a sample
 };
 
-// Of a PNG, BMP, TIFF or JPEG file; nothing when the file cannot be read or says something unusual,
-// which only decoding can judge.
+// Reads a PNG, BMP, TIFF or JPEG file; nothing when the file cannot be read or is unusual, so that
+// only decoding can tell.
 std::optional<ImageHeader> ReadImageHeader(const std::string& file);
 
 }  // namespace velostrix::cli

@@ -80,7 +80,7 @@ std::vector<InputImage> DecodeFiles(const std::vector<std::string>& files) {
   return images;
 }
 
-// A camera that was held still, but turned its images by how it believed to be held.
+// The camera did not move, but marked its images with different orientations.
 void RequireOneOrientation(const std::vector<InputImage>& images) {
   const InputImage& first = images.front();
   for (const InputImage& image : images) {
@@ -94,7 +94,7 @@ void RequireOneOrientation(const std::vector<InputImage>& images) {
   }
 }
 
-// Raw frames in grey or colour, where the pattern of their sensor is given; else a warning.
+// Converts raw frames if the pattern of their sensor is given; else warns of them.
 void ConvertBayer(std::vector<InputImage>& images, const std::string& pattern, bool in_colour) {
   std::atomic<size_t> recognised = 0;
   InParallel(images.size(), [&](size_t k) {
@@ -193,7 +193,7 @@ std::vector<FlatField> LoadFlat(const std::vector<std::string>& files, const Inp
 
 }  // namespace
 
-// Exactly as many as the file says to have: some that the system makes up never end.
+// Reads exactly the size of the file: some files that the system generates never end.
 std::vector<char> ReadBytes(const std::string& file, const std::string& expected) {
   const std::string refusal = WhyUnreadable(file);
   if (!refusal.empty()) throw Failure(refusal + expected);

@@ -12,27 +12,26 @@ namespace velostrix::cli {
 // Natural order of names: 2 before 10.
 bool IsBefore(const std::string& a, const std::string& b);
 
-// The image files of the folder in natural order. Failure when there is no such folder
-// or no image in it.
+// The image files of the folder in natural order. Throws Failure when there is no folder or image.
 std::vector<std::string> ImagesIn(const std::string& folder);
 
-// Whether the name ends as those of image files do.
+// Whether the name ends like that of an image file.
 bool IsImageName(const std::string& file);
 
-// UsageError where a picture cannot be written into a file of this name.
+// Throws UsageError when a file of this name cannot be a picture.
 void RequirePictureName(const std::string& out);
 
-// The whole file. Failure says what is wrong with it, and then `expected`.
+// The bytes of the file. Throws Failure, which says what is wrong with it, and then `expected`.
 std::vector<char> ReadBytes(const std::string& file, const std::string& expected);
 
-// Why the path cannot be an image file, and what to give; empty when it may be one.
+// Why the path cannot be an image file, and what to give instead; empty when it may be one.
 std::string WhyUnreadable(const std::string& file);
 
-// SHA-256 of the file, as of an input image.
+// The SHA-256 of the file, as InputImage has it.
 std::string HashFile(const std::string& file);
 
-// The pixels of a PNG, BMP, TIFF or JPEG file, turned as EXIF says. Failure names the file and what
-// is wrong with it.
+// The pixels of a PNG, BMP, TIFF or JPEG file, turned as EXIF says. Throws Failure, which names the
+// file and what is wrong with it.
 cv::Mat DecodeFile(const std::string& file);
 
 struct InputImage {
@@ -44,22 +43,22 @@ struct InputImage {
   std::string warning;  // of this file or of all; empty as a rule
 };
 
-// What files hold.
+// What the files contain.
 struct Reading {
   bool split_channels = false;  // one colour file, whose red, green and blue channel are the images
   std::string bayer;            // pattern of raw frames of a colour sensor; empty: none
 };
 
-// Reads the files, which hold images of one size, and converts colour and 16-bit pixels to 8-bit
-// grey, all by the recipe's white level or bits, and divides them by its flat fields. Where the
-// recipe says neither, its bits become as many as the largest sample of all files needs; of `flat`,
-// a reference for each lamp, the fields become the recipe's. Failure also for images that EXIF
-// turns differently.
+// Reads the files, which have images of one size, converts colour and 16-bit pixels to 8-bit grey
+// by the recipe's white level or bits, and divides them by its flat fields. When the recipe has
+// neither white level nor bits, sets its bits to what the largest sample of all files needs.
+// `flat`, a reference for each lamp, sets its flat fields. Also throws Failure when EXIF turns the
+// images differently.
 std::vector<InputImage> LoadImages(const std::vector<std::string>& files,
                                    const std::vector<std::string>& flat, const Reading& reading,
                                    Recipe& recipe);
 
-// Failure if the images differ in size.
+// Throws Failure if the images differ in size.
 void RequireOneSize(const std::vector<InputImage>& images);
 
 }  // namespace velostrix::cli

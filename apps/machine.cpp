@@ -1,4 +1,4 @@
-// What the machine, or the container around this process, gives it.
+// The cores and the memory that this process may use.
 #include "apps/machine.h"
 
 #include <algorithm>

@@ -1,14 +1,14 @@
-// What the machine, or the container around this process, gives it.
+// The cores and the memory that this process may use.
 #pragma once
 
 #include <cstdint>
 
 namespace velostrix::cli {
 
-// Processor cores that the process may use, at least 1: by its affinity and its control group.
+// The processor cores that the process may use by its affinity and control group; at least 1.
 int UsableCores();
 
-// Bytes of memory that are free, or that its control group allows where that is less.
+// The bytes of free memory, or those that the control group allows where that is less.
 int64_t UsableMemory();
 
 }  // namespace velostrix::cli

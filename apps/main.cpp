@@ -1,5 +1,4 @@
-// The command line `velostrix`: parses the arguments, runs a command, turns exceptions into exit
-// codes.
+// The command line `velostrix`: parses arguments, runs a command, turns exceptions into exit codes.
 #include <signal.h>
 
 #include <CLI/CLI.hpp>
@@ -42,7 +41,7 @@ size_t Distance(const std::string& from, const std::string& to) {
   return row.back();
 }
 
-// The name that begins with the word or, of several, the one that is spelled most alike.
+// The name that begins with the word or, failing that, is spelled most like it.
 std::string Nearest(const std::string& word, const std::vector<std::string>& names) {
   std::string nearest;
   std::pair<size_t, size_t> least;
@@ -55,7 +54,7 @@ std::string Nearest(const std::string& word, const std::vector<std::string>& nam
   return nearest;
 }
 
-// What was not understood, with the option that was perhaps meant.
+// What was not understood, and the option that may have been meant.
 std::string DescribeExtra(const CLI::App& app) {
   const CLI::App& command = app.get_subcommands().empty() ? app : *app.get_subcommands().front();
   const std::string extra = command.remaining(true).front();
@@ -68,7 +67,7 @@ std::string DescribeExtra(const CLI::App& app) {
   return word + ": no such option; the nearest is " + Nearest(word, names);
 }
 
-// The parser's own words do not name the command that it does not know.
+// The parser's own message does not name the unknown command.
 void RequireCommand(const CLI::App& app, int argc, char** argv) {
   const std::string first = argc > 1 ? argv[1] : "";
   std::vector<std::string> names;
@@ -89,13 +88,13 @@ int main(int argc, char** argv) {
   signal(SIGXFSZ, SIG_IGN);  // a file that grows beyond the limit is a failed write
   // OpenCV's own threads gain nothing here, and where none can be started they end the program.
   cv::setNumThreads(kNoThreads);
-  // Of a file that cannot be read, our own line tells.
+  // We report a file that cannot be read ourselves.
   cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
 
   CLI::App app(
-      "Surface relief by photometric stereo: from 3 to 8 pictures of one part, taken from one "
-      "place, "
-      "each under another lamp. Print and stains fade; dents, scratches and embossing stand out.",
+      "Surface relief by photometric stereo: from 3 to 8 images of one part, taken by one camera, "
+      "each under a different lamp. Print and stains fade; dents, scratches and embossing stand "
+      "out.",
       "velostrix");
   app.set_version_flag("--version", "velostrix " VELOSTRIX_VERSION);
   app.require_subcommand(1);

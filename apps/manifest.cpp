@@ -26,7 +26,7 @@ namespace fs = std::filesystem;
 
 constexpr const char* kExpected = "; expected a manifest (.csv, .jsonl) or folders of images";
 
-// A part as the manifest says it, before its folder is looked into.
+// A part as the manifest has it, before its folder is read.
 struct Entry {
   std::string name;
   std::vector<std::string> files;  // or one folder
@@ -132,7 +132,7 @@ void ReadCsv(const std::string& file, const std::string& text, Collector& parts)
   }
 }
 
-// The object as an entry, or why it is none.
+// The object as an entry, or what is wrong with it.
 std::string ReadObject(const std::string& file, const nlohmann::json& object, Entry& entry) {
   constexpr const char* kObject =
       "expected an object such as {\"part\": \"a\", \"images\": [\"a0.png\", ...]} or {\"part\": "
@@ -185,7 +185,7 @@ void ReadFolders(const std::vector<std::string>& given, Collector& parts) {
     for (const std::string& folder : Matches(pattern)) {
       std::error_code ignored;
       if (!fs::is_directory(folder, ignored)) {
-        // Among what a pattern matches, a file is no part; given by name it is a mistake.
+        // A file that a pattern matches is ignored; a file given by name is a mistake.
         if (folder == pattern) parts.Refuse(folder, std::string("no such folder") + kExpected);
         continue;
       }

@@ -18,15 +18,15 @@ struct Manifest {
   std::vector<std::string> unused;    // columns that mean nothing here
 };
 
-// From what is given: one manifest, by its extension .csv, .jsonl or .ndjson, or folders of images
-// and patterns of such folders, as in 'parts/*/'. With split_channels a part is one colour file.
+// Reads one manifest (.csv, .jsonl or .ndjson), or takes folders of images and patterns of such
+// folders, as in 'parts/*/'. With split_channels a part is one colour file.
 //
 // A CSV file has a header line and the columns `part` and either `folder` or `image1`, `image2` and
-// so on; in a line of JSON they are "part" and either "folder" or "images", a list. Files are
-// relative to the folder of the manifest. Failure when there is no part at all.
+// so on; a line of JSON has "part" and either "folder" or "images", a list. Files are relative to
+// the folder of the manifest. Throws Failure when there is no part at all.
 Manifest ReadManifest(const std::vector<std::string>& given, bool split_channels);
 
-// Whether results can be in a folder of this name.
+// Whether a folder of results can have this name.
 bool IsPartName(const std::string& name);
 
 }  // namespace velostrix::cli

@@ -1,4 +1,4 @@
-// A few numbers of the results that limits can be set to.
+// Numbers measured in the results, for limits.
 #include "apps/measures.h"
 
 #include <opencv2/core.hpp>

@@ -1,4 +1,4 @@
-// A few numbers of the results that limits can be set to.
+// Numbers measured in the results, for limits.
 #pragma once
 
 #include <optional>
@@ -8,16 +8,16 @@
 
 namespace velostrix::cli {
 
-// The height image is stretched to 16 bits, h, so that the height is z = a h + b: a, in slope times
-// pixels. The slopes are those that it was integrated from, and least squares over the differences
-// of neighbours gives a: the sum of dh * slope over that of dh * dh. (Of a solution by conjugate
-// gradients, or one of least squares, the same quotient over z is 1.) Pixels whose slopes left the
-// grey levels are left out; nothing when that leaves none. Needs height, channel0 and channel1.
+// The scale a of the height image, in slope times pixels: the image h is stretched to 16 bits, and
+// the height is z = a h + b. Least squares over the differences of neighbours gives a, the sum of
+// dh * slope over the sum of dh * dh, with the slopes that the height was integrated from. (For z
+// itself the quotient is 1, when z is a solution by conjugate gradients or least squares.) Leaves
+// out saturated slopes; nothing when none remain. Needs height, channel0 and channel1.
 std::optional<double> HeightScale(const Results& results, const Parameters& parameters);
 
-// curvature_share: pixels of the curvature image more than `level` grey levels from its offset.
+// curvature_share: share of the curvature's pixels more than `level` grey levels from its offset.
 //
-// height_range: that of the height image by its scale; needs what that needs.
+// height_range: the range of the height by the scale of HeightScale; needs the same results.
 Measures MeasureResults(const Results& results, const Parameters& parameters, int level);
 
 }  // namespace velostrix::cli

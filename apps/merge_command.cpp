@@ -1,4 +1,4 @@
-// `velostrix merge`: the tables of a batch's shards as one.
+// `velostrix merge`: joins the tables of a batch's shards.
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -20,7 +20,7 @@ namespace fs = std::filesystem;
 
 using Rows = std::vector<std::vector<std::string>>;
 
-// By their index. Failure unless there is one table for each shard.
+// The tables by the index of their shard. Throws Failure unless every shard has one.
 std::map<size_t, fs::path> FindTables(const std::string& folder) {
   std::map<size_t, fs::path> tables;
   size_t count = 0;
@@ -66,7 +66,7 @@ void MergeTables(const std::string& folder, bool quiet) {
       ++total;
     }
   }
-  // Shares of one manifest: as many parts each, the first ones perhaps one more.
+  // Shards of one manifest have equally many parts; the first ones may have one more.
   for (size_t k = 0; k < tables.size(); ++k) {
     const size_t expected = total / tables.size() + (k < total % tables.size() ? 1 : 0);
     if (tables[k].size() == expected) continue;
@@ -95,7 +95,7 @@ void AddMergeCommand(CLI::App& app) {
   command->add_option("DIR", options->folder, "The folder that --out named")
       ->required()
       ->type_name("");
-  command->add_flag("--quiet", options->quiet, "Say nothing but errors");
+  command->add_flag("--quiet", options->quiet, "Print only errors");
   command->callback([options] { MergeTables(options->folder, options->quiet); });
 }
 

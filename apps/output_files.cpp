@@ -1,4 +1,4 @@
-// Files of one command, written completely or not at all.
+// The files of one command: written completely or not at all.
 #include "apps/output_files.h"
 
 #include <unistd.h>
@@ -41,7 +41,7 @@ std::set<std::string> ReadRecord(const fs::path& path) {
   return names;
 }
 
-// Files can be made in the folder, or in that above it where it is yet to be made.
+// Requires that files can be created in the folder, or in the one above it if it is missing.
 void RequireWritable(fs::path folder) {
   std::error_code ignored;
   while (!folder.empty() && !fs::exists(fs::status(folder, ignored))) folder = folder.parent_path();
@@ -61,11 +61,10 @@ bool NeedsCodecs(const std::string& name) {
   return extension == ".tiff" || extension == ".html";  // reports have JPEG pictures
 }
 
-// By OpenCV.
+// Encodes by OpenCV.
 std::vector<uint8_t> Encode(const std::string& name, const cv::Mat& image) {
-  // Room for what cannot be compressed, with strips of one row: the encoder's stream grows by
-  // itself, and where it fails to, the TIFF library's own clean-up writes again and ends the
-  // program.
+  // Room for incompressible images, with strips of one row: if the encoder's stream failed to grow,
+  // the TIFF library's clean-up would write again and end the program.
   const size_t pixels = image.total() * image.elemSize();
   std::vector<uint8_t> bytes;
   bytes.reserve(pixels + pixels / 8 + 64 * static_cast<size_t>(image.rows) + (size_t{1} << 16));
@@ -90,11 +89,11 @@ OutputFiles::OutputFiles(OutputPlan plan) : plan_(std::move(plan)) {
   } catch (const Failure&) {
     check();  // a folder that was missing had no lock: another run may have made and filled it
   }
-  // While there is memory: one of the libraries that it loads aborts when it gets none.
+  // Load the codecs while there is memory: one of their libraries aborts without.
   if (std::any_of(plan_.made.begin(), plan_.made.end(), NeedsCodecs)) LoadCodecs();
 }
 
-// A run that was killed between its first and its last file has left its record as a draft.
+// A run that was killed between its first and its last file left its record as a draft.
 std::vector<fs::path> OutputFiles::CheckPlaces() const {
   const fs::path record = plan_.folder / plan_.record;
   std::set<std::string> listed = ReadRecord(record);
@@ -178,7 +177,7 @@ void OutputFiles::Commit(const std::function<std::string()>& record) {
   const Descriptor lock = LockFolder(plan_.folder);
   std::vector<fs::path> outdated = CheckPlaces();
   SignalHold::Check();
-  // First the record, last replaced: without it the folder is not complete.
+  // The record is removed first and replaced last: without it the folder is incomplete.
   if (!plan_.record.empty()) outdated.insert(outdated.begin(), plan_.folder / plan_.record);
   for (const fs::path& file : outdated) {
     std::error_code error;

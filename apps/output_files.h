@@ -1,4 +1,4 @@
-// Files of one command, written completely or not at all.
+// The files of one command: written completely or not at all.
 #pragma once
 
 #include <filesystem>
@@ -12,35 +12,33 @@
 
 namespace velostrix::cli {
 
-// What a command writes into a folder, and what it must not touch.
+// What a command writes into a folder, and what it must not change.
 struct OutputPlan {
-  std::filesystem::path folder;     // made on Commit when it is not there
+  std::filesystem::path folder;     // created by Commit if necessary
   std::vector<std::string> made;    // names of the files to be added
   std::vector<std::string> others;  // that other runs of the command make
-  // One of those made, a JSON object whose member "outputs" lists the others: a file that is there
-  // already is replaced, and one of `others` removed, only where an earlier record lists it. Empty:
-  // files that are there are replaced.
+  // The name of one of `made`, a JSON object whose member "outputs" lists the files. An existing
+  // file is replaced, and one of `others` removed, only if an earlier record lists it. Empty:
+  // existing files are replaced.
   std::string record;
   std::vector<std::string> inputs;      // never replaced
   int compression = kUsualCompression;  // of PNG files
 };
 
-// Files are encoded as they are added and appear in the folder on Commit, in that order; a reader
-// who finds the last one finds them all. Before Commit nothing is touched. Any trouble is a Failure
-// that names the file.
+// Files are encoded when they are added, and appear in the folder on Commit, in that order: where
+// the last one is, all are. Before Commit nothing changes. Errors are Failures that name the file.
 class OutputFiles {
  public:
-  // Failure when the plan cannot be carried out.
+  // Throws Failure when the plan cannot be carried out.
   explicit OutputFiles(OutputPlan plan);
 
-  // The extension of a name says the format. PNG files are encoded on all cores.
+  // The extension of the name determines the format. PNG files are encoded on all cores.
   void AddImages(const std::vector<std::pair<std::string, cv::Mat>>& images);
   void AddImage(const std::string& name, const cv::Mat& image) { AddImages({{name, image}}); }
   void AddBytes(const std::string& name, std::vector<uint8_t> bytes);
   void AddText(const std::string& name, const std::string& text);
 
-  // `record`, when given, makes the text of the plan's record, once all other files are written
-  // beside their places.
+  // `record`, if given, makes the text of the plan's record when all other drafts are written.
   void Commit(const std::function<std::string()>& record = nullptr);
 
  private:

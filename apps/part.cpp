@@ -1,4 +1,4 @@
-// One part on its way from image files to pictures of its relief, in steps that commands combine.
+// The steps from the image files of a part to images of its relief, which commands combine.
 #include "apps/part.h"
 
 #include <algorithm>
@@ -41,9 +41,9 @@ std::string PartReport(const Part& part, const Results& results) {
 }
 
 // The parameters with gains in grey levels per slope of the part. Slopes of unknown lamps are in
-// units of their singular vectors: what they change in the images is s1 / s0 and s2 / s0, and lamps
-// about 45 degrees from the camera's axis, all around, make sqrt(2) of it. One unit for both keeps
-// shapes.
+// units of their singular vectors: one unit changes the brightness by s1 / s0 or s2 / s0, and is a
+// slope of sqrt(2) times that under lamps all around, about 45 degrees from the camera's axis. One
+// unit for both slopes keeps shapes.
 Parameters WithSlopeUnits(const RunRecord& record) {
   Parameters parameters = record.recipe.parameters;
   const double* const s = record.diagnostics.singular_values;
@@ -55,7 +55,7 @@ Parameters WithSlopeUnits(const RunRecord& record) {
   return parameters;
 }
 
-// Of one folder its files; returns whether it was one.
+// Replaces a single folder by its files; returns whether it was one.
 bool Unfold(std::vector<std::string>& files) {
   std::error_code ignored;  // what cannot be looked at is refused as a file
   const bool is_folder = files.size() == 1 && std::filesystem::is_directory(files.front(), ignored);

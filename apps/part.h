@@ -1,4 +1,4 @@
-// One part on its way from image files to pictures of its relief, in steps that commands combine.
+// The steps from the image files of a part to images of its relief, which commands combine.
 #pragma once
 
 #include <opencv2/core.hpp>
@@ -16,63 +16,61 @@ namespace velostrix::cli {
 struct Part {
   std::vector<std::string> files;         // an image each
   std::optional<Surface> view_without;    // also make a view of the height, without this surface
-  std::vector<std::string> flat_files;    // a reference for each image; none: as the recipe says
+  std::vector<std::string> flat_files;    // a reference for each image; none: the recipe's fields
   std::string mask_file;                  // or "auto"; empty: none
   cv::Mat mask;                           // that was loaded or found
   int compression = kUsualCompression;    // of the pictures
   std::string out;                        // the folder of the results
-  std::optional<OrientationFound> known;  // how the slopes lie, once gains were chosen
+  std::optional<OrientationFound> known;  // orientation of the slopes, from the choice of gains
   RunRecord record;                       // recipe, how files are read, and what each step adds
 };
 
-// The files to read: those given, or those of the one folder that is given; of more than `choose`,
-// unless that is 0, the ones that differ most. UsageError if they are not as many as a run takes.
+// The files to read: those given, or those of the one folder given. With `choose` not 0, the
+// `choose` that differ most. Throws UsageError when a run cannot take this number.
 std::vector<std::string> PartFiles(std::vector<std::string> given, bool split_channels,
                                    int choose = 0);
 
-// The references of a flat part for those of the `given` files that are read: one for each of them,
-// or one for each that is given.
+// The references of a flat part for the files that are read. flat: one reference for each of these,
+// or for each of the `given` files.
 std::vector<std::string> FlatFiles(std::vector<std::string> flat, std::vector<std::string> given,
                                    const std::vector<std::string>& read);
 
-// What is to be written and must not be touched.
+// What is written, and what must not be changed.
 OutputPlan PlanOutputs(const Part& part);
 
-// The steps, in their order. Each throws Failure, Error or OutOfMemory, which name what is wrong.
+// The steps, in order. Each throws Failure, Error or OutOfMemory, which say what is wrong.
 
-// Reads the files; finds the bits of the recipe where they are not given.
+// Reads the files; finds the recipe's bits if they are not given.
 void LoadImages(Part& part);
 
-// Loads the mask, or finds it in the images, and gives it to the tool.
+// Loads the mask, or finds it in the images, and sets it in the tool.
 void SetMask(Tool& tool, Part& part, Console& console);
 
-// The images of the part that is loaded, as a tool takes them.
+// The images of the loaded part, as a tool takes them.
 std::vector<cv::Mat> Images(const Part& part);
 
-// Whether the images are fit for reconstruction.
+// Checks whether the images are fit for reconstruction.
 void DiagnoseImages(Part& part);
 
-// Says what was found in the images.
+// Prints what was found in the images.
 void SayDiagnostics(const Part& part, Console& console);
 
-// Chooses the gains that are not given, which are kept in the recipe from here on.
+// Chooses the gains that are not given and keeps them in the recipe.
 void ChooseGains(Tool& tool, Part& part);
 
-// Both of these, side by side.
+// Both of these, in parallel.
 void DiagnoseAndChooseGains(Tool& tool, Part& part);
 
-// Says which gains and offsets are used.
+// Prints which gains and offsets are used.
 void SayGains(const Part& part, Console& console);
 
-// The results live as long as those of Tool::ReconstructViews. The height uses OpenCV's number of
-// threads.
+// Results are valid as those of Tool::ReconstructViews. The height uses OpenCV's number of threads.
 Results RunPart(Tool& tool, Part& part);
 
-// Says how the slopes lay on the scene and what was done, when it was measured.
+// Prints the orientation of the slopes and how it was corrected, if it was measured.
 void SayOrientation(const Part& part, Console& console);
 
-// Encodes the results and the record into files that were planned for the part, and puts them in
-// place.
+// Encodes the results and the record into the part's planned files and moves them into place.
 void WriteResults(Part& part, const Results& results, OutputFiles& files);
 
 }  // namespace velostrix::cli

@@ -1,5 +1,5 @@
-// Images as PNG files: the format's few bytes of frame around what libdeflate compresses, in half
-// the time of libpng's zlib.
+// Images as PNG files: the headers of the format around data compressed by libdeflate, in half the
+// time of libpng's zlib.
 #include "apps/png_encoder.h"
 
 #include <libdeflate.h>

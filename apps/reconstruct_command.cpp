@@ -1,4 +1,4 @@
-// `velostrix reconstruct`: image files of one part under N lamps to pictures of its relief.
+// `velostrix reconstruct`: image files of one part under N lamps to images of its relief.
 #ifdef __linux__
 #include <malloc.h>
 #endif
@@ -26,8 +26,8 @@ OutputPlan PlanRecipe(const std::string& file, const std::vector<std::string>& i
   return {path.parent_path(), {path.filename().string()}, {}, {}, inputs};
 }
 
-// Memory that is freed is used again, by any thread. By itself the C library returns blocks as
-// large as images to the system, which clears them again page by page: a third of all page faults.
+// Keeps freed memory for later use by any thread. By default the C library returns blocks as large
+// as images to the system, which clears them again page by page: a third of all page faults.
 void KeepFreedMemory() {
 #ifdef __GLIBC__
   mallopt(M_MMAP_MAX, 0);
@@ -78,28 +78,27 @@ void Reconstruct(const ReconstructOptions& options, const std::vector<std::strin
 void AddReconstructCommand(CLI::App& app, const std::vector<std::string>& arguments) {
   const auto options = std::make_shared<ReconstructOptions>();
   CLI::App* const command = app.add_subcommand(
-      "reconstruct", "Make pictures of the relief from 3 to 8 image files of one part");
+      "reconstruct", "Make images of the relief from 3 to 8 image files of one part");
   DeclareImages(*command, *options);
   DeclareReading(*command, *options);
   command
       ->add_option("--save-recipe", options->save_recipe,
-                   "Write what was used, chosen gains included, as a recipe of its own")
+                   "Write all parameters, including chosen gains, to a separate recipe")
       ->group("Recipes")
       ->type_name("FILE");
   DeclareMethod(*command, *options);
-  AddOut(*command, options->out, "Folder to write to; made when it is not there")
+  AddOut(*command, options->out, "Folder to write to; made when it is missing")
       ->group(kResultsGroup)
       ->type_name("DIR");
   DeclareResults(*command, *options);
-  command->add_flag("--quiet", options->quiet, "Say nothing but errors")->group(kResultsGroup);
+  command->add_flag("--quiet", options->quiet, "Print only errors")->group(kResultsGroup);
   command->callback([options, arguments] { Reconstruct(*options, arguments); });
   command->footer(
       "Writes factor.png (brightness), curvature.png, magnitude.png, channel0.png, channel1.png "
       "(slopes), channel2.png (brightness), normal.png (the three channels), height.png (16-bit), "
-      "height_view.png, report.html and exports if they are asked for, and run.json with all that "
-      "was used, found and timed. "
-      "Replaces or removes the results that "
-      "an earlier run.json in DIR lists, and no other file.\n\n"
+      "height_view.png, report.html and exports if requested, and run.json with all parameters, "
+      "diagnostics and times. Replaces or removes only results that an earlier run.json in DIR "
+      "lists.\n\n"
       "Examples:\n"
       "  velostrix reconstruct part1 --out relief1 --report\n"
       "  velostrix reconstruct part1 --out relief1 --export surface.ply --decimate 4\n"

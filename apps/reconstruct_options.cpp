@@ -17,7 +17,7 @@ namespace {
 
 constexpr int kMost = std::numeric_limits<int>::max();
 
-// The place of one of the names, which the parser has checked.
+// The index of the name, which the parser has checked.
 template <typename Choice, size_t N>
 Choice Chosen(const std::array<const char*, N>& names, const std::string& name) {
   return static_cast<Choice>(std::find(names.begin(), names.end(), name) - names.begin());
@@ -66,7 +66,7 @@ LampHint ParseLamp(const std::string& text) {
   return lamp;
 }
 
-// NAME=VALUE; the name joins those given.
+// Parses NAME=VALUE and adds the name to those given.
 template <typename T>
 std::pair<Output, T> ParseScaling(const std::string& option, const std::string& text,
                                   const OutputSet& accepted, const OutputSet& made,
@@ -157,8 +157,8 @@ void DeclareImages(CLI::App& command, ReconstructOptions& options) {
   command
       .add_option(
           "IMAGE", options.files,
-          "3 to 8 image files (PNG, BMP, TIFF, JPEG) of one part, each under another lamp, or the "
-          "folder that has them, taken in natural order (2 before 10); colour and 16-bit files are "
+          "3 to 8 image files (PNG, BMP, TIFF, JPEG) of one part, each under a different lamp, or "
+          "their folder, read in natural order (2 before 10); colour and 16-bit files are "
           "converted to 8-bit grey")
       ->group(kImagesGroup)
       ->type_name("");
@@ -174,7 +174,7 @@ void DeclareReading(CLI::App& command, ReconstructOptions& options) {
 
   command
       .add_option("--choose", options.choose,
-                  "Of more files take this many, 3 to 8: those whose lamps differ most")
+                  "Use this many of more files, 3 to 8: those whose lamps differ most")
       ->group(kImagesGroup)
       ->check(CLI::Range(VELOSTRIX_FEWEST_IMAGES + 0, VELOSTRIX_MOST_IMAGES + 0))
       ->type_name("N");
@@ -185,7 +185,7 @@ void DeclareReading(CLI::App& command, ReconstructOptions& options) {
       ->check(OneOf(kBayerPatterns))
       ->type_name("PATTERN");
 
-  // First of those that set the recipe: the parser calls them in the order of their declaration.
+  // Declared before the options that change the recipe: the parser calls them in this order.
   command
       .add_option_function<std::string>(
           "--recipe",
@@ -193,38 +193,38 @@ void DeclareReading(CLI::App& command, ReconstructOptions& options) {
             options.recipe = ReadRecipe(file);
             options.recipe_file = file;
           },
-          "Take what is not given here from a recipe: a run.json, or what --save-recipe wrote")
+          "Read what is not given here from a recipe: a run.json, or what --save-recipe wrote")
       ->group("Recipes")
       ->type_name("FILE");
   command
       .add_option("--bits", recipe.bits,
-                  "Bits in use of the samples of 16-bit files, 8 to 16; when not given, 10, 12, 14 "
-                  "or 16, as the largest sample of all files needs")
+                  "Bits in use of 16-bit samples, 8 to 16; when not given: 10, 12, 14 or 16, from "
+                  "the largest sample of all files")
       ->group(kImagesGroup)
       ->check(CLI::Range(8, 16))
       ->type_name("B");
   command
       .add_option("--white", recipe.white,
-                  "The sample of 16-bit files that is white, for all files: in place of --bits")
+                  "The 16-bit sample that is white, in all files; replaces --bits")
       ->group(kImagesGroup)
       ->check(CLI::Range(1, 65535))
       ->type_name("LEVEL");
   command
       .add_option("--flat", options.flat,
-                  "An image of a flat, matt part for each lamp, or their folder: every image is "
-                  "divided by a smooth fit of its lamp's, against light that falls off")
+                  "One image of a flat, matt part under each lamp, or their folder: every image is "
+                  "divided by a smooth fit of its lamp's, which corrects uneven light")
       ->group(kImagesGroup)
       ->type_name("FILES");
   command
       .add_option("--roi,--region", options.region,
-                  "Work on this region only: its first pixel, counted from 0, and its size")
+                  "Process only this region: its first pixel, counted from 0, and its size")
       ->group(kImagesGroup)
       ->type_name("X,Y,WIDTH,HEIGHT");
   command
       .add_option(
           "--mask", options.mask,
-          "Leave pixels out: those that are 0 in this image, or, with auto, those that no lamp "
-          "lights, as before black; they count for no gain and come out as 128, in the height 0")
+          "Leave out pixels that are 0 in this image or, with auto, that no lamp lights, such as a "
+          "black background; they do not count for gains, and are 128 in results, 0 in the height")
       ->group(kImagesGroup)
       ->type_name("FILE|auto");
 }
@@ -234,7 +234,7 @@ void DeclareMethod(CLI::App& command, ReconstructOptions& options) {
   const char* const method = "Method";
   command
       .add_option("--scale", p.scale,
-                  "Work on images scaled by this (below 0.99): faster and calmer, less detail")
+                  "Scale the images first (below 0.99): faster, less noise, less detail")
       ->group(kImagesGroup)
       ->check(CLI::Range(0.001, 1.0))
       ->check(IsNumber())
@@ -249,7 +249,7 @@ void DeclareMethod(CLI::App& command, ReconstructOptions& options) {
           "--run", options.run,
           "uncali: lamps unknown, whole frame (start here); cali: lamps in the fixed ring; "
           "partrows, partcols: lamps unknown, bands of rows or strips of columns, for light "
-          "that changes over the frame")
+          "that changes across the frame")
       ->group(method)
       ->check(OneOf(kRunNames))
       ->default_str(kRunNames[0])
@@ -269,8 +269,8 @@ void DeclareMethod(CLI::App& command, ReconstructOptions& options) {
   command
       .add_option(
           "--orientation", options.orientation,
-          "upright: slopes that come out mirrored or turned are put right, by runs on flipped "
-          "images; as-is: left as they come. cali has nothing to put right")
+          "Of uncali, partrows, partcols. upright: mirrored or turned slopes are measured and "
+          "corrected, by runs on flipped images; as-is: slopes are left unchanged")
       ->group(method)
       ->check(OneOf(kOrientationNames))
       ->default_str("upright")
@@ -278,8 +278,8 @@ void DeclareMethod(CLI::App& command, ReconstructOptions& options) {
   command
       .add_option(
           "--lamp", options.lamp,
-          "From where one lamp shines, roughly: the number of its image, counted from 0, and left, "
-          "right, up, down or degrees (0 right, 90 up), as in 0=left; tells bumps from dents")
+          "Rough direction of one lamp, which tells bumps from dents: the number of its image, "
+          "counted from 0, and left, right, up, down or degrees (0 right, 90 up), as in 0=left")
       ->group(method)
       ->type_name("K=FROM");
   command
@@ -290,8 +290,8 @@ void DeclareMethod(CLI::App& command, ReconstructOptions& options) {
       ->type_name("PIXELS");
   command
       .add_option("--iteration-cap", p.iteration_cap,
-                  "Steps of the height at most: 50 shows local relief, more also slow changes; "
-                  "negative: as many as it takes")
+                  "Most steps of the height: 50 shows local relief, more also slow changes; "
+                  "negative: until it converges")
       ->group(method)
       ->check(CLI::Range(-kMost, kMost).description(""))
       ->capture_default_str()
@@ -303,17 +303,17 @@ void DeclareGains(CLI::App& command, ReconstructOptions& options) {
       .add_option(
           "--gain", options.gains,
           "Grey levels per unit for factor, curvature, magnitude, channel0, channel1 or "
-          "channel2; repeat for several. Gains that are not given are chosen by trial runs, so "
-          "that all but 1 % of the pixels at either end fill levels 16 to 240; to compare parts, "
-          "run them by the recipe of the first")
+          "channel2; repeat for several. Trial runs choose gains that are not given: all but 1 % "
+          "of the pixels at either end fill levels 16 to 240. To compare parts, run them with the "
+          "recipe of the first")
       ->group(kResultsGroup)
       ->allow_extra_args(false)
       ->type_name("NAME=G");
   command
       .add_option(
           "--offset", options.offsets,
-          "Grey level of value 0, for the same names but factor; 128, or 0 for magnitude and "
-          "one-sided channel2, when not given")
+          "Grey level of value 0, for the same names except factor; when not given: 128, or 0 for "
+          "magnitude and one-sided channel2")
       ->group(kResultsGroup)
       ->allow_extra_args(false)
       ->type_name("NAME=O");
@@ -329,35 +329,35 @@ void DeclareResults(CLI::App& command, ReconstructOptions& options) {
       ->type_name("LIST");
   DeclareGains(command, options);
   command
-      .add_flag(
-          "--height-view{quadratic}", options.height_view,
-          "Also make height_view.png, the height for eyes: 8 bits, the border left out of the "
-          "range, tilt and bowl removed; --height-view=plane removes the tilt only")
+      .add_flag("--height-view{quadratic}", options.height_view,
+                "Also make height_view.png, the height for display: 8 bits, tilt and bowl removed, "
+                "border ignored; --height-view=plane removes only the tilt")
       ->group(kResultsGroup)
       ->check(OneOf(kSurfaceNames).description(""));
   command
       .add_option("--compression", options.compression,
-                  "Of the PNG files: 0 is none, 1 fast, 9 small")
+                  "Compression of PNG files: 0 is none, 1 fast, 9 small")
       ->group(kResultsGroup)
       ->check(CLI::Range(0, kMostCompression + 0))
       ->capture_default_str()
       ->type_name("LEVEL");
   command
-      .add_flag("--report", options.report,
-                "Write report.html besides: one page that shows the surface and all that was found")
+      .add_flag(
+          "--report", options.report,
+          "Also write report.html: one page with relighting, 3-D view, profiles and diagnosis")
       ->group(kResultsGroup);
 
   const char* const exports = "Exports";
   CLI::Option* const names =
       command
           .add_option("--export", options.exports,
-                      "Write for other tools besides, joined by commas: surface.ply, a mesh; "
+                      "Also write for other tools, joined by commas: surface.ply, a mesh; "
                       "height.tiff, 32-bit float in slope times pixels; normals.png, a normal map")
           ->group(exports)
           ->type_name("LIST");
   command
       .add_option("--decimate", options.decimate,
-                  "A vertex of the mesh for every block of this width and height")
+                  "One vertex of the mesh for every block of N x N pixels")
       ->group(exports)
       ->needs(names)
       ->check(CLI::Range(1, kMost).description(""))
@@ -365,7 +365,7 @@ void DeclareResults(CLI::App& command, ReconstructOptions& options) {
       ->type_name("N");
   command
       .add_option("--mesh-colours", options.export_colours,
-                  "factor: the part's brightness, its print; grey: all alike")
+                  "Colours of the mesh: factor, the part's brightness; or one grey")
       ->group(exports)
       ->needs(names)
       ->check(OneOf(kSurfaceColourNames))
@@ -373,7 +373,7 @@ void DeclareResults(CLI::App& command, ReconstructOptions& options) {
       ->type_name("HOW");
   command
       .add_option("--normal-convention", options.export_normals,
-                  "Of the normal map: opengl, green points up; directx, green points down")
+                  "Green of the normal map: opengl, up; directx, down")
       ->group(exports)
       ->needs(names)
       ->check(OneOf(kNormalConventionNames))

@@ -1,4 +1,4 @@
-// The arguments of `velostrix reconstruct`, which other commands share, and what they mean.
+// The arguments of `velostrix reconstruct`, which other commands share, and their meaning.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -12,7 +12,7 @@
 namespace velostrix::cli {
 
 struct ReconstructOptions {
-  // As they stand on the command line.
+  // The arguments as on the command line.
   std::vector<std::string> files;
   std::string out;
   std::string save_recipe;
@@ -38,31 +38,31 @@ struct ReconstructOptions {
   std::vector<std::string> gains;
   std::vector<std::string> offsets;
 
-  // That of --recipe with the numbers and flags that stand there; bits are 0: to be found. Upright,
-  // unless a recipe says otherwise.
+  // The recipe of --recipe, with numbers and flags from the command line. Bits 0: found from files.
+  // Orientation is upright unless a recipe says otherwise.
   Recipe recipe;
   std::string recipe_file;
 };
 
-// The recipe of the file. Failure says what is wrong with it.
+// The recipe of the file. Throws Failure, which says what is wrong with it.
 Recipe ReadRecipe(const std::string& file);
 
 // Of the options in a help text.
 constexpr const char* kImagesGroup = "Images";
 constexpr const char* kResultsGroup = "Results";
 
-// Declare arguments of reconstruct, from which commands choose; parsing stores them in the options.
-// Reading comes before method and results, which change a recipe that is read.
+// Declare the arguments of reconstruct that a command needs; parsing stores them in the options.
+// Call DeclareReading before those of method and results, which change the recipe that is read.
 void DeclareImages(CLI::App& command, ReconstructOptions& options);
 void DeclareReading(CLI::App& command, ReconstructOptions& options);
 void DeclareMethod(CLI::App& command, ReconstructOptions& options);
 void DeclareGains(CLI::App& command, ReconstructOptions& options);
 void DeclareResults(CLI::App& command, ReconstructOptions& options);  // with gains
 
-// X,Y,WIDTH,HEIGHT. Throws UsageError, which names the option.
+// Parses X,Y,WIDTH,HEIGHT. Throws UsageError, which names the option.
 cv::Rect ParseRegion(const std::string& option, const std::string& text);
 
-// The recipe with all that is asked for. Throws UsageError.
+// The recipe with all options applied. Throws UsageError.
 Recipe ParseRecipe(const ReconstructOptions& options);
 
 // What is asked for of a part, without its files. Throws UsageError.

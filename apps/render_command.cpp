@@ -99,10 +99,10 @@ void AddRenderCommand(CLI::App& app) {
   options->size = std::to_string(scene.width) + "x" + std::to_string(scene.height);
   CLI::App* command = app.add_subcommand(
       "render",
-      "Render the sample scene: a part with relief and print, once for each lamp, as image0.png, "
-      "image1.png ... and what is to be found, the ground truth, in the folder truth");
-  AddOut(*command, options->out, "Folder to write to; made when it is not there")->type_name("DIR");
-  command->add_option("--images", scene.images, "Number of images, that is, of lamps")
+      "Render the sample scene, a part with relief and print, under each lamp: image0.png, "
+      "image1.png ..., and its ground truth in the folder truth");
+  AddOut(*command, options->out, "Folder to write to; made when it is missing")->type_name("DIR");
+  command->add_option("--images", scene.images, "Number of images and lamps")
       ->check(CLI::Range(3, kMostImages))
       ->capture_default_str()
       ->type_name("N");
@@ -116,7 +116,7 @@ void AddRenderCommand(CLI::App& app) {
       ->check(CLI::IsMember({"ring", "random"}))
       ->capture_default_str()
       ->type_name("LAYOUT");
-  command->add_option("--seed", scene.seed, "Another seed gives other noise and other random lamps")
+  command->add_option("--seed", scene.seed, "Each seed gives different noise and random lamps")
       ->check(CLI::Range(0, std::numeric_limits<int>::max()).description(""))
       ->capture_default_str()
       ->type_name("S");
@@ -127,12 +127,12 @@ void AddRenderCommand(CLI::App& app) {
       ->type_name("SIGMA");
   command
       ->add_option("--steepness", scene.steepness,
-                   "Steepest slope of the relief; above 0.43 a lamp of the ring may leave shadows")
+                   "Steepest slope of the relief; above 0.43 a lamp of the ring may cast shadows")
       ->check(CLI::Range(0.0, 4.0))
       ->check(IsNumber())
       ->capture_default_str()
       ->type_name("SLOPE");
-  command->add_flag("--quiet", options->quiet, "Say nothing but errors");
+  command->add_flag("--quiet", options->quiet, "Print only errors");
   command->callback([options] { RenderScene(*options); });
 }
 

@@ -1,5 +1,4 @@
-// The report of a reconstruction: one page with its pictures, its numbers and the program that
-// shows them.
+// The report of a reconstruction: one page with images, numbers and the script that shows them.
 #include "apps/report.h"
 
 #include <nettle/base64.h>
@@ -143,7 +142,7 @@ std::string MakeReport(const std::string& record, const std::string& title, cons
     std::string page(kReportPage.substr(0, place));
     page.reserve(kReportPage.size() + text.size());
     for (const char letter : text) {
-      // Nothing in a name ends the element that the data are in.
+      // No text in the data can end the element that contains it.
       if (letter == '<')
         page += "\\u003c";
       else

@@ -1,5 +1,4 @@
-// The report of a reconstruction: one page with its pictures, its numbers and the program that
-// shows them.
+// The report of a reconstruction: one page with images, numbers and the script that shows them.
 #pragma once
 
 #include <opencv2/core.hpp>
@@ -22,8 +21,8 @@ struct ReportInput {
 };
 
 // A self-contained page below 8 MB: pictures are reduced until they fit. record: the run's record
-// as JSON text; title: what is reconstructed; results: as written, at least one, of one size;
-// region: what of the inputs they show.
+// as JSON text; title: name of the part; results: as written, at least one, of one size; region:
+// the part of the inputs that they show.
 std::string MakeReport(const std::string& record, const std::string& title, const Results& results,
                        const std::vector<ReportInput>& inputs,
                        const std::optional<cv::Rect>& region);

@@ -1,4 +1,4 @@
-// `velostrix report`: the report of results that exist.
+// `velostrix report`: writes the report of existing results.
 #include <algorithm>
 #include <filesystem>
 #include <memory>
@@ -23,7 +23,7 @@ struct ReportOptions {
   bool quiet = false;
 };
 
-// The record, which lists the report from now on: the next run replaces or removes it.
+// The record with the report in its list, so that the next run replaces or removes it.
 std::string WithReport(const std::string& record) {
   auto json = nlohmann::ordered_json::parse(record);
   auto& outputs = json["outputs"];
@@ -66,7 +66,7 @@ void Report(const ReportOptions& options) {
 void AddReportCommand(CLI::App& app) {
   const auto options = std::make_shared<ReportOptions>();
   CLI::App* const command = app.add_subcommand(
-      "report", "Write one page that shows results: relighting, 3-D view, profiles, record");
+      "report", "Write a page that shows results: relighting, 3-D view, profiles, record");
   command->add_option("FOLDER", options->folder, "Folder that velostrix reconstruct wrote")
       ->required()
       ->type_name("");
@@ -74,11 +74,11 @@ void AddReportCommand(CLI::App& app) {
       ->add_option("--out", options->out,
                    "The page to write; when not given, report.html in the folder")
       ->type_name("FILE");
-  command->add_flag("--quiet", options->quiet, "Say nothing but errors");
+  command->add_flag("--quiet", options->quiet, "Print only errors");
   command->callback([options] { Report(*options); });
   command->footer(
-      "The page opens in any browser and needs no network. Its pictures are reduced, so that it "
-      "stays below 8 MB; it says how much.\n\n"
+      "The page opens in any browser and needs no network. It stays below 8 MB: its pictures are "
+      "reduced by a factor that it names.\n\n"
       "Example:\n"
       "  velostrix report relief1\n\n"
       "Exit codes: 0 done, 1 failed, 2 wrong arguments.");

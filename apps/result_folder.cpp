@@ -1,4 +1,4 @@
-// What `velostrix reconstruct` left in a folder.
+// The results that `velostrix reconstruct` wrote to a folder.
 #include "apps/result_folder.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// What `velostrix reconstruct` left in a folder.
+// The results that `velostrix reconstruct` wrote to a folder.
 #pragma once
 
 #include <string>
@@ -17,10 +17,11 @@ struct ResultFolder {
   std::vector<std::string> outputs;  // names of all files that the record lists
 };
 
-// Failure names the file and what is wrong with it.
+// Throws Failure, which names the file and what is wrong with it.
 ResultFolder ReadResults(const std::string& folder);
 
-// The photographs as the run took them, converted; those that are gone or changed since are empty.
+// The images as the run took them, converted; those that are missing or have changed since are
+// empty.
 std::vector<ReportInput> ReadInputs(const ResultFolder& folder);
 
 }  // namespace velostrix::cli

@@ -10,16 +10,16 @@ namespace velostrix::cli {
 // The names of the columns.
 std::string TableHeader();
 
-// The cells of the rows of a table that is a file. Failure when it is none of this version.
+// The cells of the rows of a table file. Throws Failure when it is not a table of this version.
 std::vector<std::vector<std::string>> ReadTable(const std::string& file);
 
-// Of a part that is finished, from its run.json.
+// The row of a finished part, from its run.json.
 std::string DoneRow(const std::string& part, const nlohmann::json& record);
 
-// Of one that could not be run, and why.
+// The row of a part that failed, and why.
 std::string FailedRow(const std::string& part, const std::string& error);
 
-// Of one that is yet to be run.
+// The row of a part that has not been run yet.
 std::string OpenRow(const std::string& part);
 
 }  // namespace velostrix::cli

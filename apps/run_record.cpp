@@ -1,4 +1,4 @@
-// What one `velostrix reconstruct` did, as it is kept in run.json.
+// The record of a run, which run.json contains.
 #include "apps/run_record.h"
 
 #include <unistd.h>
@@ -44,7 +44,7 @@ Json UnexplainedShare(const Diagnostics& d) {
   return {{"by_ring", d.unexplained_by_ring}, {"by_any_lamps", d.unexplained_by_any}};
 }
 
-// What is negative was not told.
+// Negative numbers were not measured.
 Json Shifts(const Diagnostics& diagnostics) {
   Json shifts = Json::array();
   for (int k = 0; k < diagnostics.image_count; ++k) {

@@ -1,4 +1,4 @@
-// What one `velostrix reconstruct` did, as it is kept in run.json.
+// The record of a run, which run.json contains.
 #pragma once
 
 #include <array>
@@ -15,11 +15,11 @@
 
 namespace velostrix::cli {
 
-// What an engineer may set limits to.
+// Measures for limits.
 struct Measures {
-  // Of the pixels, those of large curvature; nothing where the curvature is not made.
+  // The share of pixels with large curvature; nothing when the run makes no curvature.
   std::optional<double> curvature_share;
-  // Largest height less the smallest, in slope times pixels: see MeasureResults.
+  // Largest minus smallest height, in slope times pixels: see MeasureResults.
   std::optional<double> height_range;
 };
 
@@ -51,14 +51,14 @@ constexpr const char* kRecordName = "run.json";
 constexpr const char* kHeightViewName = "height_view.png";
 constexpr const char* kReportName = "report.html";
 
-// Files that a run makes besides the results when they are asked for.
+// Files that a run makes besides the results if requested.
 inline constexpr std::array kFurtherFiles = {kReportName, kSurfaceName, kHeightMapName,
                                              kNormalMapName};
 
 // Of a result.
 std::string FileName(Output output);
 
-// Reads as a recipe that repeats the run.
+// The text of run.json, which is also a recipe that repeats the run.
 std::string ToJson(const RunRecord& record);
 
 }  // namespace velostrix::cli

@@ -1,4 +1,4 @@
-// A share of a manifest's parts, for one of several machines that do not know of each other.
+// A share of a manifest's parts, for one of several machines that work without coordination.
 #include "apps/shard.h"
 
 #include <cstdlib>
@@ -8,7 +8,7 @@
 namespace velostrix::cli {
 namespace {
 
-// Nothing where there is no such variable. UsageError where it is no number.
+// Nothing when there is no such variable. Throws UsageError when it is not a number.
 std::optional<size_t> Variable(const char* name) {
   const char* const text = std::getenv(name);
   if (text == nullptr) return std::nullopt;
@@ -20,8 +20,8 @@ std::optional<size_t> Variable(const char* name) {
   return number;
 }
 
-// The count is 0 where the environment does not say it. Tasks of Slurm count from 1 here; when only
-// some tasks of an array are submitted again, the variables do not say how many there were.
+// The count is 0 when the environment does not give it: when only some tasks of a Slurm array are
+// submitted again, the variables do not say how many there were. Slurm's tasks count from 1 here.
 Shard FromEnvironment(const std::string& option) {
   if (const auto task = Variable("SLURM_ARRAY_TASK_ID")) {
     const size_t count = Variable("SLURM_ARRAY_TASK_COUNT").value_or(0);

@@ -1,4 +1,4 @@
-// A share of a manifest's parts, for one of several machines that do not know of each other.
+// A share of a manifest's parts, for one of several machines that work without coordination.
 #pragma once
 
 #include <optional>
@@ -20,10 +20,10 @@ struct Shard {
 // 1-N. Throws UsageError.
 Shard ParseShard(const std::string& text);
 
-// Of the shard's table: results.csv of a whole manifest, else results-I-of-N.csv.
+// The name of the shard's table: results.csv of a whole manifest, else results-I-of-N.csv.
 std::string TableName(const Shard& shard);
 
-// The shard whose table has this name; nothing when it is not that of a shard.
+// The shard whose table has this name; nothing when the name is not that of a shard's table.
 std::optional<Shard> ShardOfTable(const std::string& name);
 
 }  // namespace velostrix::cli

@@ -1,4 +1,4 @@
-// `velostrix sheet`: the pictures of folders, a labelled row for each folder, as one picture.
+// `velostrix sheet`: one picture of the images in folders, a labelled row for each folder.
 #include <algorithm>
 #include <filesystem>
 #include <memory>
@@ -22,7 +22,7 @@ struct SheetOptions {
   int tile_width = 240;
 };
 
-// The place of a result image among the others; 0 for any other picture.
+// The position of a result image among the others; 0 for any other picture.
 size_t Rank(const fs::path& file) {
   size_t rank = 1;
   for (const Output output : kAllOutputs) {
@@ -32,7 +32,7 @@ size_t Rank(const fs::path& file) {
   return 0;
 }
 
-// The files are added to those that were read.
+// Adds the files to those read.
 SheetRow ReadRow(const std::string& folder, std::vector<std::string>& read) {
   std::vector<std::string> files = ImagesIn(folder);
   std::stable_sort(files.begin(), files.end(),

@@ -1,4 +1,4 @@
-// Keeps what image codecs print on stderr, so that it can be said in a line of our own.
+// Captures what image codecs print on stderr, so that our own messages can contain it.
 #include "apps/stderr_capture.h"
 
 #include <unistd.h>
@@ -18,8 +18,8 @@ ssize_t Route(void* /*cookie*/, const char* text, size_t length) {
   return static_cast<ssize_t>(length);
 }
 
-// The codecs print to the variable stderr, one for all threads, which is ours to set. It stays so:
-// another thread may be printing. The program's own lines go by std::cerr, which keeps the first.
+// Codecs print to the variable stderr, which all threads share; we replace it for good, as another
+// thread may be printing. The program's own lines go through std::cerr, which keeps the first.
 void RouteStderr() {
   std::FILE* const routed = fopencookie(nullptr, "w", {nullptr, Route, nullptr, nullptr});
   if (routed == nullptr) return;  // no memory: it is printed

@@ -1,4 +1,4 @@
-// Keeps what image codecs print on stderr, so that it can be said in a line of our own.
+// Captures what image codecs print on stderr, so that our own messages can contain it.
 #pragma once
 
 #include <functional>
@@ -6,8 +6,8 @@
 
 namespace velostrix::cli {
 
-// Calls OpenCV's reading or writing of images; returns the first line that was remarked on this
-// thread, or the error. Memory that cannot be had is thrown.
+// Calls OpenCV's reading or writing of images; returns the first line that this thread printed, or
+// the error. Throws when memory runs out.
 std::string CodeQuietly(const std::function<void()>& code);
 
 }  // namespace velostrix::cli

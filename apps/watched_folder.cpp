@@ -1,4 +1,4 @@
-// A folder that a station writes parts into, a folder of images each.
+// A folder into which a station writes parts, each as a folder of images.
 #include "apps/watched_folder.h"
 
 #include <algorithm>
@@ -33,7 +33,7 @@ std::vector<ManifestPart> WatchedFolder::Look() {
   return complete;
 }
 
-// Files and folders may go at any moment: what cannot be looked at is not complete.
+// Files and folders may disappear at any moment: a part that cannot be read is not complete.
 bool WatchedFolder::IsComplete(const fs::path& folder, State& state) const {
   std::error_code error;
   const fs::file_time_type folder_time = fs::last_write_time(folder, error);

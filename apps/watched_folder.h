@@ -1,4 +1,4 @@
-// A folder that a station writes parts into, a folder of images each.
+// A folder into which a station writes parts, each as a folder of images.
 #pragma once
 
 #include <chrono>
@@ -11,20 +11,20 @@
 
 namespace velostrix::cli {
 
-// Looked at again and again, which works on file systems of other machines, too.
+// Reads the folder again and again, which also works on network file systems.
 class WatchedFolder {
  public:
-  // A part is complete when it has `images` image files, or any number that a run takes for 0, and
-  // they have been as they are for the time.
+  // A part is complete when it has `images` image files (0: any number that a run takes) that have
+  // not changed for the quiet time.
   WatchedFolder(std::string folder, size_t images, std::chrono::duration<double> quiet_time)
       : folder_(std::move(folder)), images_(images), quiet_time_(quiet_time) {}
 
-  // The parts that have become complete, or another, since the last call. Failure when the folder
-  // cannot be read.
+  // The parts that have become complete, or changed, since the last call. Throws Failure when the
+  // folder cannot be read.
   std::vector<ManifestPart> Look();
 
-  // A part of Look has been run, and is looked at again: when it went well, only once files come or
-  // go, else also when they change.
+  // A part of Look has been run and may be returned again: after files come or go; if it failed,
+  // also after files change.
   void Through(const std::string& part, bool went_well) {
     parts_[part].is_in_work = false;
     parts_[part].is_done = went_well;
