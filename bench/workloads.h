@@ -21,8 +21,7 @@ class Session;
 
 struct Workload {
   std::string name;
-  double bytes_per_pixel;  // that it must move at least: each plane read or written once; 0 for
-                           // whole runs
+  double bytes_per_pixel;  // least bytes to move, each plane read or written once; 0 for whole runs
   bool parallel;           // uses all threads
   std::function<void()> product;
   std::function<void()> reference;

@@ -1,9 +1,9 @@
-# What targets of ours share: velostrix_flags (arithmetic, warnings, hardening), for all of them, and
-# velostrix_eigen, for those that decompose.
+# Flags of our targets: velostrix_flags (arithmetic, warnings, hardening) for all of them, and
+# velostrix_eigen for those that decompose.
 #
-# Element-wise results are the same bits whatever the vector width and the processor, so nothing that
-# reassociates or contracts floating-point arithmetic is allowed; GCC contracts on ARM unless told. errno and trap state are nobody's business here, and
-# giving them up changes no result but lets square roots and selects vectorise.
+# Element-wise results are the same bits for every vector width and processor, so nothing may
+# reassociate or contract floating-point arithmetic; GCC contracts on ARM by default. errno and trap
+# state are not needed: without them results are the same, and square roots and selects vectorise.
 string(COMPARE EQUAL "${CMAKE_SYSTEM_PROCESSOR}" aarch64 is_arm64)
 
 add_library(velostrix_flags INTERFACE)

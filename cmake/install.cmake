@@ -1,10 +1,10 @@
-# What `cmake --install` puts where: headers, libraries, command line, and what finds them.
+# Where `cmake --install` puts headers, libraries, command line, and the files that find them.
 #
-# Component runtime: what a line runs. Component development: what a program is built with. The
-# unversioned names of the libraries are runtime, as hosts in C# and Python load them by these names.
+# Component runtime: for running. Component development: for building programs. The unversioned names
+# of the libraries are runtime, as C# and Python load the libraries by these names.
 include(CMakePackageConfigHelpers)
 
-# Before 1.0 a minor version may change what hosts see.
+# Before 1.0 a minor version may change the interface.
 set(soversion ${PROJECT_VERSION_MAJOR})
 if(soversion EQUAL 0)
   string(APPEND soversion .${PROJECT_VERSION_MINOR})
@@ -65,7 +65,7 @@ if(TARGET velostrix_cli)
   endif()
 endif()
 
-# The reference is there once its target was built.
+# The reference exists once its target has been built.
 set(documentation_folder ${CMAKE_INSTALL_DATAROOTDIR}/doc/velostrix)
 file(GLOB pages CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md)
 install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/CHANGELOG.md
@@ -81,7 +81,7 @@ install(EXPORT VelostrixTargets NAMESPACE Velostrix:: FILE VelostrixTargets.cmak
   DESTINATION ${package_folder} COMPONENT development)
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/VelostrixConfig.cmake.in
   ${PROJECT_BINARY_DIR}/VelostrixConfig.cmake INSTALL_DESTINATION ${package_folder})
-# Before 1.0 a minor version may change what hosts see.
+# Before 1.0 a minor version may change the interface.
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/VelostrixConfigVersion.cmake
   COMPATIBILITY SameMinorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/VelostrixConfig.cmake

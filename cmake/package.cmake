@@ -26,7 +26,7 @@ if(EXISTS /etc/debian_version)
   file(WRITE ${debian}/shlibs
     "libVelostrixUncalibration ${soversion} ${abi}\nlibvelostrix_host ${soversion} ${abi}\n")
   file(WRITE ${debian}/velostrix
-    "# Hosts in C# and Python load the libraries by the names without a version.\n"
+    "# C# and Python load the libraries by the names without a version.\n"
     "link-to-shared-library-in-wrong-package\n"
     "# The command line and the libraries are one package; others depend on ${abi}.\n"
     "package-name-doesnt-match-sonames\n"
@@ -60,12 +60,12 @@ if(EXISTS /etc/debian_version)
   set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
   set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "velostrix (= ${PROJECT_VERSION}), libopencv-dev")
   set(purpose
-    "From 3 to 8 images of one part, each under another lamp, Velostrix makes\n"
-    "images in which print and stains fade, and dents, scratches and embossing\n"
-    "stand out.\n\n")
+    "Photometric stereo: from 3 to 8 images of one part, each under a different\n"
+    "lamp, Velostrix makes images in which print and stains fade, and dents,\n"
+    "scratches and embossing stand out.\n\n")
   string(CONCAT CPACK_COMPONENT_RUNTIME_DESCRIPTION ${purpose}
-    "This package has the libraries that hosts in C, C++, C# and Python load,\n"
-    "and the command line.")
+    "This package has the libraries for C, C++, C# and Python, and the command\n"
+    "line.")
   string(CONCAT CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION ${purpose}
     "This package has what a program is built with: headers, CMake package and\n"
     "pkg-config file.")

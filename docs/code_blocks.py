@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Follows the code blocks of one page of the documentation as a reader does: in one folder.
 
-What becomes of a block is told by its fence:
+The fence of a block says what happens with it:
 
     sh            run by bash, in order; a command that fails fails the test
     cpp NAME      written to the file NAME, which an sh block of the page has to build

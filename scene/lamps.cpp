@@ -9,7 +9,7 @@
 namespace velostrix::scene {
 namespace {
 
-// The calibrated run takes its angles, meant as degrees, for radians: so does its sample scene.
+// The calibrated run takes its angles, which were degrees, as radians; so does its sample scene.
 // Volatile, because a compiler that folds the sines and cosines gets another last digit.
 cv::Vec3f RingLamp(int azimuth_angle) {
   const volatile float slant = 45.0F;

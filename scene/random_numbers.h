@@ -1,5 +1,4 @@
-// Random numbers that are the same bits on every platform, which the distributions of <random> are
-// not.
+// Random numbers, the same bits on every platform, unlike the distributions of <random>.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
-// Every exported name of the module: the floating-point state, a refusal of null pointers and one
-// call, under both its names.
+// The exported functions of the module, each under both its names: sets the floating-point state,
+// refuses null pointers, and makes one call.
 #include "base/floating_point_scope.h"
 #include "pipeline/run.h"
 #include "tool/buffers.h"

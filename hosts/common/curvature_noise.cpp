@@ -1,4 +1,4 @@
-// How much of the curvature image is noise of the camera.
+// The share of camera noise in the curvature image.
 #include "curvature_noise.h"
 
 #include <algorithm>
@@ -9,11 +9,11 @@
 namespace velostrix {
 namespace {
 
-// Slopes beyond this are those of pixels too dark to divide by.
+// Larger slopes come from pixels that are too dark to divide by.
 constexpr float kSteepest = 4.0F;
 
-// What is left of the variance of the difference of two pixels, one pixel between them, when noise
-// without correlation is smoothed by the Gaussian of a blur radius, across and along.
+// The share of variance that remains in the difference of two pixels, one pixel apart, when white
+// noise is smoothed by the Gaussian of a blur radius in both directions.
 double LeftByBlur(int blur_radius) {
   if (blur_radius == 0) return 1.0;
   const double s = 2.0 * blur_radius / 3.0;
@@ -33,13 +33,13 @@ double LeftByBlur(int blur_radius) {
 
 }  // namespace
 
-// Of the slope maps P = x1 / x0 and Q = x2 / x0 the curvature image has P[j+1] - P[j-1] and the
-// like of Q, in which noise of variance v has 2 v. v is measured where most relief has nothing: by
-// the mean of |M|, M = [1 -2 1; -2 4 -2; 1 -2 1] of a slope (Immerkaer 1996).
+// The curvature image is P[j+1] - P[j-1] of the slope map P = x1 / x0, plus the same of Q = x2 / x0
+// across the rows; noise of variance v has 2 v in each. v is measured by a filter that most relief
+// does not pass: the mean of |M|, M = [1 -2 1; -2 4 -2; 1 -2 1] of a slope (Immerkaer 1996).
 double NoiseOfCurvature(const std::vector<cv::Mat>& images, const cv::Mat1d& weights,
                         const cv::Mat1b& usable) {
   constexpr double kNormOfM = 6.0;
-  constexpr int kPixels = 1000000;  // looked at in larger images
+  constexpr int kPixels = 1000000;  // sampled in larger images
   const cv::Size size = usable.size();
   std::array<cv::Mat1f, 3> vectors;
   for (cv::Mat1f& rows : vectors) rows.create(3, size.width);

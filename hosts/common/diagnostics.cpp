@@ -15,28 +15,27 @@
 namespace velostrix {
 namespace {
 
-// Pixels without information pull the factorisation towards themselves; a few per cent do no harm.
+// Saturated and black pixels distort the factorisation; a few per cent do no harm.
 constexpr double kManyPixels = 0.05;
-// Below this mean, rounding to whole grey levels alone blurs slopes by more than a per cent.
+// Below this mean level, rounding to whole grey levels costs more than a per cent of the slopes.
 constexpr double kDarkMean = 20.0;
-// Sensor noise and rounding of well exposed images reach about this share of the first singular
-// value.
+// Noise and rounding of well exposed images have about this share of the first singular value.
 constexpr double kNoiseLevel = 0.01;
-// Without light, a sensor's offset and noise and a few hot or lit spots are left.
+// Without light, only a sensor's offset and noise and a few bright spots are left.
 constexpr double kDeadShare = 0.95;
 constexpr double kDeadMean = 2.0;
-// What lamps elsewhere, or in another order, leave unexplained by the ring over what no lamps
-// explain: noise, shadows and gloss are in both. Under the ring at most 1.03 on the sample scene
-// (noise to 8 levels, slopes to 1.5) and 1.0 on photographs; elsewhere 1.55 and more.
+// The limit of what the ring leaves unexplained over what lamps anywhere leave unexplained; noise,
+// shadows and gloss are in both. Under the ring at most 1.03 on the sample scene (noise up to 8
+// levels, slopes up to 1.5) and 1.0 on photographs; with lamps elsewhere at least 1.55.
 constexpr double kForeignLamps = 1.25;
-// So little is rounding.
+// Less than this is rounding.
 constexpr double kRingRounding = 0.002;
-// The third singular value over the fourth: noise alone, shadows and gloss have neighbours that are
-// alike, relief in a second direction lies above them.
+// The limit of the third singular value over the fourth: values of noise, shadows and gloss are
+// similar, relief in a second direction lies above them.
 constexpr double kAboveNoise = 1.2;
-// A last singular value down here is the rounding of sums: an image is made of the others.
+// Below this the last singular value is rounding of sums: an image is a mixture of the others.
 constexpr double kNothing = 1e-5;
-// Pixels. What is below is the limit of the measurement.
+// Pixels; smaller shifts cannot be measured.
 constexpr double kMoved = 2.0;
 constexpr double kNoisyCurvature = 0.5;
 
@@ -124,7 +123,7 @@ std::string PercentRange(double least, double most) {
 
 using Strings = std::vector<std::string>;
 
-// Says once what is wrong with several images: their number, the worst one's name, and the range.
+// One warning for several images: their number, the name of the worst one, and the range.
 void WarnOfShares(const VelostrixDiagnostics& d, const Strings& names,
                   double VelostrixExposure::*share, const char* what, Strings& warnings) {
   double least = 1.0;
@@ -174,11 +173,11 @@ void WarnOfExposures(const VelostrixDiagnostics& d, const Strings& names, String
   }
 }
 
-// What the lamps' difference says; values as in the record.
+// Warns when lamps are too alike; values as in the record.
 void WarnOfLamps(const VelostrixDiagnostics& d, Strings& warnings) {
   const double* const values = d.singular_values;
   const int count = d.image_count;
-  bool is_one_missing = false;  // said already
+  bool is_one_missing = false;  // already warned of
   for (int k = 0; k < count; ++k) {
     is_one_missing = is_one_missing || d.exposures[k].is_dead != 0 || d.exposures[k].equal_to >= 0;
   }
@@ -218,8 +217,7 @@ void WarnOfMotion(const VelostrixDiagnostics& d, const Strings& names, Strings& 
                      others + "; part and camera have to stay where they are from lamp to lamp");
 }
 
-// How many rows or columns the last piece of a partial run has; 0 for other runs and for frames of
-// one piece.
+// The rows or columns of the last piece of a partial run; 0 for other runs and frames of one piece.
 int LastPiece(cv::Size size, const Parameters& p) {
   const int band = std::max(p.band, VELOSTRIX_SMALLEST_BAND + 0);
   const int whole = p.run == Run::kPartRows   ? size.height
@@ -232,7 +230,7 @@ int LastPiece(cv::Size size, const Parameters& p) {
 void WarnOfLastPiece(cv::Size size, const Parameters& p, int last, Strings& warnings) {
   const int band = std::max(p.band, VELOSTRIX_SMALLEST_BAND + 0);
   if (last == 0 || 2 * last >= band) return;
-  // As many pieces, or one less, of one size.
+  // The band that gives as many equal pieces, or one less.
   const int whole = p.run == Run::kPartRows ? size.height : size.width;
   const int pieces = (whole + band / 2) / band;
   const int better = (whole + pieces - 1) / pieces;
@@ -300,7 +298,7 @@ std::vector<std::string> DiagnoseImages(const std::vector<cv::Mat>& given,
       level += cv::mean(image, inside)[0] / gram.rows;
       cv::max(brightest, image, brightest);
     }
-    constexpr double kDark = 0.1;  // of the mean level: slopes there are nothing but noise
+    constexpr double kDark = 0.1;  // of the mean level: slopes there are only noise
     cv::Mat1b usable;
     cv::bitwise_and(brightest > kDark * level, brightest < 255, usable);
     noise = NoiseOfCurvature(images, weights, usable);

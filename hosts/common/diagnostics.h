@@ -11,9 +11,9 @@
 
 namespace velostrix {
 
-// Fills *diagnostics, but for struct_size, and returns the warnings, in which the images have the
-// names. The images are those that a run with the parameters takes. mask: as large, CV_8UC1, pixels
-// to leave out are 0; or empty.
+// Writes all of *diagnostics except struct_size and returns the warnings, which call the images by
+// their names. images: as a run with the parameters takes them. mask: as large, CV_8UC1, 0 for
+// pixels to leave out; or empty.
 std::vector<std::string> DiagnoseImages(const std::vector<cv::Mat>& images,
                                         const std::vector<std::string>& names,
                                         const Parameters& parameters, const cv::Mat& mask,

@@ -1,6 +1,6 @@
-// How far images of one scene are shifted against each other: by phase correlation (Kuglin and
-// Hines 1975) of the strength of their gradients. The direction of a gradient changes with the
-// lamp, and its strength with the light: so without the one, and with the other evened out.
+// The shifts between images of one scene, by phase correlation (Kuglin and Hines 1975) of the
+// strength of their gradients. The direction of a gradient depends on the lamp and is not used; its
+// strength depends on the light and is evened out.
 #include "image_shifts.h"
 
 #include <algorithm>
@@ -13,17 +13,17 @@
 namespace velostrix {
 namespace {
 
-// The images are reduced to about so many blocks along the longer side.
+// The images are reduced to about this many blocks along the longer side.
 constexpr int kBlocks = 320;
 constexpr int kSmallestSide = 16;  // blocks
-// Levels of the gradient that count as nothing.
+// Gradients below this level count as zero.
 constexpr float kNoGradient = 1.0F;
-// Half the side of the surroundings that gradients are measured by.
+// Half the side of the neighbourhood by which gradients are evened out.
 constexpr int kSurroundings = 8;
 // The peak in standard deviations of the correlation: noise reaches 6, images of one scene 60.
 constexpr double kClearPeak = 12.0;
 
-// The means over the square surroundings of every place, along the columns.
+// The means over the neighbourhood of every place, along the columns.
 cv::Mat1f MeansAlongColumns(const cv::Mat1f& map) {
   cv::Mat1f means(map.size());
   for (int j = 0; j < map.cols; ++j) {
@@ -95,7 +95,7 @@ std::optional<cv::Point2d> ShiftBetween(const cv::Mat2f& a, const cv::Mat2f& b) 
     for (int j = 0; j < product.cols; ++j) {
       cv::Vec2f& value = product(i, j);
       const double norm = std::hypot(double{value[0]}, double{value[1]});
-      // Phases alone, less of those that jump from block to block.
+      // Only phases count; high frequencies count less.
       const double smooth = fall * (0.5 + 0.5 * std::cos(2.0 * CV_PI * j / product.cols));
       value *= norm > 0.0 ? static_cast<float>(smooth / norm) : 0.0F;
     }

@@ -1,4 +1,4 @@
-// How far images of one scene are shifted against each other.
+// The shifts between images of one scene.
 #pragma once
 
 #include <opencv2/core.hpp>
@@ -6,9 +6,9 @@
 
 namespace velostrix {
 
-// The distance in pixels of each image from the place of most of them; -1 where it cannot be told,
-// as for images without structure. The images are CV_8UC1 of one size. mask: as large, pixels to
-// leave out are 0; or empty.
+// How many pixels each image is shifted against most of them; -1 if it cannot be measured, as for
+// images without structure. images: CV_8UC1, of one size. mask: as large, 0 for pixels to leave
+// out; or empty.
 std::vector<double> ImageShifts(const std::vector<cv::Mat>& images, const cv::Mat& mask);
 
 }  // namespace velostrix

@@ -1,4 +1,4 @@
-// The order of file names that counts: 2 before 10.
+// The natural order of file names: 2 before 10.
 #include <cstring>
 #include <string_view>
 

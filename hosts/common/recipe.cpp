@@ -49,7 +49,7 @@ std::string Joined(const std::vector<std::string>& names) {
   return text;
 }
 
-// The place of the value among the names.
+// The index of the value among the names.
 size_t Choice(const std::string& field, const Json& value, const std::vector<std::string>& names) {
   const auto place = value.is_string() ? std::find(names.begin(), names.end(), value) : names.end();
   if (place == names.end()) Refuse(field, value, "one of " + Joined(names));
@@ -58,7 +58,7 @@ size_t Choice(const std::string& field, const Json& value, const std::vector<std
 
 using Readers = std::map<std::string, std::function<void(const std::string&, const Json&)>>;
 
-// Hands every member of an object to its reader. `path` is empty for the recipe itself.
+// Passes every member of an object to its reader. `path` is empty for the recipe itself.
 void ReadMembers(const std::string& path, const Json& object, const Readers& readers) {
   if (!object.is_object()) Refuse(path, object, "an object");
   for (const auto& [name, value] : object.items()) {
@@ -158,7 +158,7 @@ Readers OffsetReaders(Recipe& recipe) {
   return readers;
 }
 
-// Refuses members of one name, of which the parser would take the last.
+// Refuses repeated names: the parser would take the last one.
 Json Parse(std::string_view text) {
   std::vector<std::set<std::string>> names;
   const auto watch = [&](int, Json::parse_event_t event, const Json& parsed) {

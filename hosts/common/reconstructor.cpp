@@ -46,7 +46,7 @@ void Copy(const char* text, VelostrixMessage* message) noexcept {
   if (message != nullptr) std::snprintf(message->text, sizeof message->text, "%s", text);
 }
 
-// What `work` ends with; `report` gets what an exception says.
+// Calls `work` and returns its status; passes the text of an exception to `report`.
 template <typename Work, typename Report>
 VelostrixStatus Guarded(const Work& work, const Report& report) noexcept {
   const auto failed = [&](VelostrixStatus status, const char* text) {
@@ -81,7 +81,7 @@ VelostrixStatus GuardedFor(VelostrixMessage* message, const Work& work) noexcept
   return Guarded(work, [&](const char* text) { Copy(text, message); });
 }
 
-// Does the work on the reconstructor for this thread alone.
+// Calls the work on the reconstructor for this thread alone.
 template <typename Work>
 VelostrixStatus Use(VelostrixReconstructor* reconstructor, const Work& work) noexcept {
   if (reconstructor == nullptr) return VELOSTRIX_INVALID_ARGUMENT;
@@ -119,7 +119,7 @@ cv::Size SizeOf(int32_t width, int32_t height) {
   return width > 0 && height > 0 ? cv::Size(width, height) : cv::Size();
 }
 
-// The image, not copied.
+// A header over the image, not a copy.
 cv::Mat Wrap(const VelostrixImage& image, const std::string& name) {
   const auto refuse = [&](const std::string& what) { throw Error(name + what); };
   const int64_t sample = image.sample_bytes;
@@ -138,7 +138,7 @@ cv::Mat Wrap(const VelostrixImage& image, const std::string& name) {
           const_cast<void*>(image.data), static_cast<size_t>(stride)};
 }
 
-// The image, not copied where it needs no conversion.
+// The image as a run takes it; a header where no conversion is needed.
 cv::Mat Take(const VelostrixImage& image, int index, const velostrix::Recipe& recipe) {
   const std::string name = "image " + std::to_string(index + 1);
   return velostrix::ToLevels(Wrap(image, name), recipe, static_cast<size_t>(index), name);
@@ -222,7 +222,7 @@ VelostrixStatus VelostrixCheckVersion(int32_t major, int32_t minor, VelostrixMes
 }
 
 VelostrixStatus VelostrixSetThreads(int32_t count) {
-  constexpr int kAllCores = -1;  // cv::setNumThreads counts otherwise
+  constexpr int kAllCores = -1;  // for cv::setNumThreads
   if (count < 0) return VELOSTRIX_INVALID_ARGUMENT;
   return GuardedFor(nullptr, [&] { cv::setNumThreads(count == 0 ? kAllCores : count); });
 }

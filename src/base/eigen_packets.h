@@ -1,10 +1,9 @@
-// Eigen on 64-bit ARM, with the results of x86-64 to the last bit. Included before Eigen
-// everywhere, by the build (cmake/flags.cmake).
+// Eigen on 64-bit ARM, with the results of x86-64 to the last bit. The build includes this file
+// before Eigen everywhere (cmake/flags.cmake).
 //
-// The order in which Eigen sums, and with it the last digit, follows from the width of its packets,
-// and its own packets for ARM are half as wide and fuse products with sums. So it gets those for
-// AVX, with their instructions from SIMDe. The decompositions, all that is computed with it, are of
-// small matrices.
+// The width of Eigen's packets determines the order of its sums, and so their last digit; its
+// packets for ARM are half as wide and fuse products with sums. So Eigen uses its packets for AVX
+// here, with their instructions from SIMDe: fast enough, as it only decomposes small matrices.
 #pragma once
 
 #if defined(__aarch64__)

@@ -5,8 +5,8 @@
 
 namespace velostrix {
 
-// Sets the default state of this thread (round to nearest, no traps, subnormals kept) and gives the
-// host's back, flags included. Stands around code that the compiler cannot see into: it does not
+// Sets the default state of this thread (round to nearest, no traps, subnormals kept) and restores
+// the caller's, flags included. Use it around calls that the compiler cannot see into: it does not
 // know that arithmetic depends on the state.
 class FloatingPointScope {
  public:

@@ -20,8 +20,8 @@ struct FreeLargeArray {
 
 using LargeArray = std::unique_ptr<float[], FreeLargeArray>;
 
-// Pages of 2 MB where the system has them: a frame spans thousands of the usual ones, and finding
-// them takes a sweep over memory up to a tenth of its time. Out of memory: std::bad_alloc.
+// Uses pages of 2 MB where the system has them: a frame spans thousands of the usual pages, and
+// looking them up takes up to a tenth of a sweep's time. Out of memory: std::bad_alloc.
 inline LargeArray AllocateLargeArray(int64_t count) {
   const size_t bytes = static_cast<size_t>(count) * sizeof(float);
   LargeArray array(static_cast<float*>(std::calloc(bytes, 1)));

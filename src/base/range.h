@@ -16,7 +16,7 @@ struct Range {
   bool IsFlat() const { return min == max; }
 };
 
-// Extends the range by a row of the map. A NaN changes no bound.
+// Extends the range by a row of the map. NaN changes no bound.
 inline void MinMaxOfMap(const float* row, int64_t cols, Range& range) {
   Float8 min = range.min;
   Float8 max = range.max;

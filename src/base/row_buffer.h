@@ -5,8 +5,7 @@
 
 namespace velostrix {
 
-// Row i of the map is where row i - capacity was before it. With the frame's height as capacity
-// this is the whole map.
+// Row i of the map replaces row i - capacity. The frame's height as capacity keeps all rows.
 struct RowBuffer {
   float* data;
   int64_t stride;    // elements from row to row

@@ -12,12 +12,12 @@
 namespace velostrix {
 namespace {
 
-// While any thread is in a parallel loop, which may have one element, OpenCV runs all further loops
-// of the process serially. The first thread that comes here opens such a loop; those that come
-// while it is open are guests, and it stays open until they have left.
+// While any thread is in a parallel loop, even of one element, OpenCV runs all other loops of the
+// process serially. The first thread that comes here opens such a loop; threads that come while it
+// is open are guests, and it stays open until they have left.
 class SerialSection {
  public:
-  // Whether the section is open, and this thread now its guest. Else this thread has to open it.
+  // Whether the section was open: this thread is then a guest. If not, it has to open the section.
   bool EnterAsGuest() {
     std::unique_lock lock(mutex_);
     changed_.wait(lock, [&] { return state_ != State::kChanging; });
@@ -61,7 +61,7 @@ class SerialSection {
   int guests_ = 0;
 };
 
-// Of the process. In a forked child it starts anew: those inside stayed with the parent.
+// One for the process. A forked child gets a new one: the threads inside stayed with the parent.
 SerialSection& Section() {
   static SerialSection section;
 #if defined(__unix__) || defined(__APPLE__)

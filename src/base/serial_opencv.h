@@ -5,9 +5,9 @@
 
 namespace velostrix {
 
-// Makes the calls on this thread. OpenCV's own pool must not start in the host's process: it cannot
-// where threads are scarce, and a forked child waits for it for ever. The host's settings of OpenCV
-// are left alone. Calls must not come here again.
+// Makes the calls on this thread. OpenCV's thread pool must not start in the application's process:
+// it cannot where threads are scarce, and a forked child waits for it for ever. The application's
+// OpenCV settings are unchanged. The calls must not call this function again.
 void OnThisThread(const std::function<void()>& calls);
 
 }  // namespace velostrix

@@ -5,7 +5,7 @@
 
 namespace velostrix {
 
-// Measures one stage after the other.
+// Measures one stage after another.
 class Stopwatch {
  public:
   // Milliseconds since the last lap or the start.

@@ -13,8 +13,8 @@
 namespace velostrix {
 namespace {
 
-// Signals are the host's: its handlers do not run on threads that it does not know. New threads
-// inherit the mask.
+// Blocks signals: the application's handlers must not run on threads that it does not know. New
+// threads inherit the mask.
 class SignalsBlocked {
  public:
 #if defined(__unix__)
@@ -91,7 +91,7 @@ void ThreadTeam::Share(int64_t count) {
   if (unfinished_ == 0) return;
   const Clock::time_point end = Clock::now();
   AwaitHelpers();
-  // A piece in work takes no longer than all that the caller did, unless its thread lost the core.
+  // A piece takes no longer than all the caller's work, unless its thread lost the core.
   const Clock::duration excess = (Clock::now() - end) - (end - begin);
   if (excess > Clock::duration::zero()) lost_ += excess;
   constexpr auto kTolerable = std::chrono::milliseconds(1);
@@ -107,8 +107,7 @@ void ThreadTeam::AwaitHelpers() {
   caller_sleeps_ = false;
 }
 
-// Some 30 microseconds at most: less than it takes to wake a thread, and too short to keep a core
-// from others.
+// At most 30 microseconds or so: less than waking a thread takes, and too short to block a core.
 template <typename Condition>
 bool ThreadTeam::SpinUntil(const Condition& is_met) const {
   constexpr auto kLongest = std::chrono::microseconds(30);

@@ -11,14 +11,14 @@
 
 namespace velostrix {
 
-// Shares loops between the caller and helpers. Nothing outlives the team: a process may fork,
-// unload the library or exit between two solves.
+// Shares loops between the caller and helper threads. Nothing outlives the team: a process may
+// fork, unload the library or exit between two solves.
 //
 // On busy cores a helper may lose its core in the middle of its work, and the caller waits. When
-// that has cost too much the helpers are dismissed and the caller goes on alone.
+// that has cost too much, the helpers are dismissed and the caller goes on alone.
 class ThreadTeam {
  public:
-  // A team of `threads` with the caller. A thread that the system does not give is done without.
+  // A team of `threads`, the caller included; fewer when the system cannot start as many.
   explicit ThreadTeam(int threads);
   ~ThreadTeam();
   ThreadTeam(const ThreadTeam&) = delete;

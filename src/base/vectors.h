@@ -1,5 +1,5 @@
-// The vector types of the byte and float kernels: one set of operations, once for each instruction
-// set, and the same bits from all of them.
+// The vector types of the byte and float kernels: one set of operations, implemented for each
+// instruction set with the same bits.
 //
 // Float8 is eight floats as one value. Element-wise kernels are templates over V and run with
 // V = Float8 over the blocks of a row and with V = float over the rest, so that the rule of a pixel
@@ -18,8 +18,8 @@
 //   StoreSum                 a + b + offset, modulo 65536 as a signed word, clamped to 0..255
 //   AddProducts, Total       ProductSums is four 32-bit sums, to each of which a block adds two
 //                            products; their total
-//   Prefetch                 has the cache line of an address fetched; any address will do
-//   Pause                    what a waiting loop does between two looks
+//   Prefetch                 fetches the cache line of an address; any address is allowed
+//   Pause                    for waiting loops, between two reads
 #pragma once
 
 #include <array>

@@ -1,6 +1,5 @@
-// The vector types on 64-bit ARM, with the results of x86-64 to the last bit. Where the processors
-// differ, a comment says how. A NaN that arithmetic makes has another sign here: no result shows
-// it.
+// The vector types on 64-bit ARM, with the results of x86-64 to the last bit. Comments say where
+// the processors differ. A NaN from arithmetic has another sign here, which no result shows.
 #pragma once
 
 #include <arm_neon.h>
@@ -42,8 +41,7 @@ inline Float8 IfGreater(Float8 a, Float8 b, Float8 value, Float8 otherwise) {
   return {vbslq_f32(vcgtq_f32(a.low, b.low), value.low, otherwise.low),
           vbslq_f32(vcgtq_f32(a.high, b.high), value.high, otherwise.high)};
 }
-// Compared and selected: the minimum and maximum of ARM hand on a NaN of either operand, and order
-// the zeros.
+// By comparison: ARM's own minimum and maximum return a NaN of either operand and order the zeros.
 inline Float8 Min(Float8 a, Float8 b) { return IfGreater(b, a, a, b); }
 inline Float8 Max(Float8 a, Float8 b) { return IfGreater(a, b, a, b); }
 
@@ -62,7 +60,7 @@ inline void Store(float* to, Float8 value) {
 inline void StoreStreaming(float* to, Float8 value) { Store(to, value); }
 inline void FinishStreaming() {}
 
-// What no int32 holds: conversions saturate and make 0 of a NaN; x86 makes the lowest int32 of all.
+// Beyond int32, conversions saturate here and turn NaN into 0; x86 gives the lowest int32 for all.
 inline int32x4_t LowestIfNone(float32x4_t levels, int32x4_t converted) {
   const uint32x4_t has_integer = vcltq_f32(levels, vdupq_n_f32(0x1p31F));
   return vbslq_s32(has_integer, converted, vdupq_n_s32(std::numeric_limits<int32_t>::min()));

@@ -6,16 +6,14 @@
 namespace velostrix {
 namespace {
 
-// What a truncating conversion adds to round: just under a half, so that no sum reaches the next
-// integer.
+// Truncating conversions add just under a half to round, so that no sum reaches the next integer.
 constexpr float kAlmostHalf = 0.4999999F;
 
 uint8_t SaturatedByte(int64_t level) {
   return static_cast<uint8_t>(std::clamp<int64_t>(level, 0, 255));
 }
 
-// block: values scaled to levels, not rounded yet; tail: one of the last cols mod 4 values to its
-// byte.
+// block: scales values to unrounded levels; tail: makes one of the last cols mod 4 values a byte.
 template <typename Block, typename Tail>
 void RowToBytes(const float* in, int64_t cols, uint8_t* out, Block block, Tail tail) {
   const auto levels = [&](int64_t j) { return block(Load<Float8>(in + j)); };
@@ -33,8 +31,7 @@ void RowToBytes(const float* in, int64_t cols, uint8_t* out, Block block, Tail t
   for (; j < cols; ++j) out[j] = tail(in[j]);
 }
 
-// Blocks are scaled in single precision, the tail in double and truncated; magnitude picks |v| or
-// v.
+// Blocks are scaled in single precision, the tail in double and truncated; magnitude: |v| or v.
 template <typename Magnitude>
 void LinearToBytes(const float* row, int64_t cols, double gain, int32_t offset, uint8_t* out,
                    Magnitude magnitude) {

@@ -20,13 +20,12 @@ void MapToByteAbsLinear(const float* row, int64_t cols, double gain, int32_t off
 
 // out = saturate((v - min) x 255 / (max - min) x gain) for the range of the whole map, blocks of
 // four rounded to nearest even, the last cols mod 4 pixels by adding just under a half and
-// truncating. A flat map fills the row with 128, as far as the stride goes.
+// truncating. A flat map fills the whole stride with 128.
 void MapToByteNormalized(const float* row, int64_t cols, int64_t stride, const Range& range,
                          double gain, uint8_t* out);
 
 // out = saturate((v - min) x 65535 / (max - min)) for the range of the whole map, by adding just
-// under a half and truncating. A flat map deliberately gives zeros, not mid-grey, as far as the
-// stride goes.
+// under a half and truncating. A flat map deliberately fills the whole stride with 0, not mid-grey.
 void MapToWordNormalized(const float* row, int64_t cols, int64_t stride, const Range& range,
                          uint16_t* out);
 

@@ -24,7 +24,7 @@ void Blur(const UnCalibrationTool& tool, const cv::Mat& source, cv::Mat destinat
       [&] { cv::GaussianBlur(source, destination, size, sigma, sigma, cv::BORDER_DEFAULT); });
 }
 
-// Takes one of two offsets off again. Wraps at the lowest value, like the sum that it goes into.
+// Removes one of two offsets. Wraps at the lowest value, like the sum that it enters.
 int32_t NegatedOffset(int32_t offset) { return static_cast<int32_t>(-int64_t{offset}); }
 
 // What both kinds have in common: the planes to write and the row to derive into.
@@ -95,8 +95,7 @@ class FullFrameImages : public Images {
       SumBytes(p_half, q_half, cols, NegatedOffset(offset), CurvatureRow(i));
     }
     if (magnitude_) {
-      // The derivative of P deliberately has no part in this image: the half of Q is summed with
-      // itself.
+      // This image deliberately ignores the derivative of P: the half of Q is summed with itself.
       const int32_t offset = tool_.magnitude_offset;
       MapToByteAbsLinear(dq, cols, tool_.magnitude_gain, offset, q_half);
       SumBytes(q_half, q_half, cols, NegatedOffset(offset), MagnitudeRow(i));

@@ -23,8 +23,7 @@ class DerivativeImages {
   virtual void Smooth() = 0;
 };
 
-// Of the full-frame runs: from the derivatives of both slopes, of which smoothing keeps the whole
-// maps.
+// Of the full-frame runs: from the derivatives of both slopes; smoothing keeps their whole maps.
 std::unique_ptr<DerivativeImages> FullFrameDerivativeImages(UnCalibrationTool& tool,
                                                             const SlopeRows& slopes);
 

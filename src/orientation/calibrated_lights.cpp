@@ -21,8 +21,8 @@ struct Angle {
   float cosine;
 };
 
-// Degrees taken for radians; deliberate: every calibrated result depends on it. Written out,
-// because libraries and compilers give some of these another last digit.
+// Degrees taken as radians; deliberate: every calibrated result depends on it. Written out, because
+// libraries and compilers compute some of these with another last digit.
 constexpr Angle kAngles[] = {
     {0, 0x0p+0F, 0x1p+0F},
     {45, 0x1.b3a9ap-1F, 0x1.0cf7p-1F},
@@ -119,7 +119,7 @@ class CalibratedLights : public LightStage {
       : frame_(frame), lamps_(lamps), inverse_(inverse) {}
 
   void WriteRow(int64_t i, const MapRow& out) const override {
-    // The largest float below 1e-6, at which an albedo counts as none.
+    // The largest float below 1e-6: an albedo up to here counts as 0.
     constexpr float kLargestDark = 1e-6F;
     static_assert(double{kLargestDark} < 1e-6);
     Solve(i, [&](int64_t j, auto squared_rho, const auto& g) {

@@ -1,9 +1,8 @@
 // Eigen's singular value decompositions in a form that survives running out of memory.
 //
-// JacobiSVD of Eigen 3.4 destroys its pivoting QR and constructs it anew in the same place. When
-// the new one cannot be had, what the old place holds is destroyed a second time. BDCSVD has a
-// JacobiSVD inside. Here the QR is a local variable; the operations, and so the bits of the result,
-// are Eigen's.
+// JacobiSVD of Eigen 3.4 destroys its pivoting QR and constructs a new one in the same place. When
+// memory for the new one runs out, the old one is destroyed a second time. BDCSVD contains a
+// JacobiSVD. Here the QR is a local variable; operations and results are Eigen's to the bit.
 #pragma once
 
 #include <Eigen/SVD>
@@ -56,8 +55,8 @@ class Eigen::internal::qr_preconditioner_impl<MatrixType, velostrix::kLocalPivot
 
 namespace velostrix {
 
-// BDCSVD of the transpose of a tall matrix with fewer than 16 columns, both sides thin. Eigen takes
-// this way, a bidiagonal matrix and its Jacobi decomposition, from 16 rows on; so can fewer.
+// BDCSVD of the transpose of a tall matrix with fewer than 16 columns, both sides thin: bidiagonal
+// matrix and its Jacobi decomposition. Eigen goes this way from 16 rows on; fewer work as well.
 template <typename Matrix>
 struct BlockwiseSvd {
   explicit BlockwiseSvd(const Matrix& tall) {

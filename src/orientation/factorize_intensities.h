@@ -20,14 +20,13 @@ namespace velostrix {
 // at a pixel come factor x0, slope P x1 / x0, slope Q -x2 / x0 and gated factor x0. Signs are the
 // decomposition's. Row 0 is a copy of row 1. Out of memory: std::bad_alloc.
 
-// The matrix pixels x images of the whole frame, of three pixels or more. SlopeRows are 0 where
-// |x0|
-// <= 1e-6. Keeps the matrix in tool.intensity_matrix; writes time_fill_ms (the matrix) and
+// The matrix pixels x images of the whole frame, of three pixels or more. Slopes are 0 where |x0|
+// is at most 1e-6. Keeps the matrix in tool.intensity_matrix; writes time_fill_ms (the matrix) and
 // time_svd_ms (inner products and decomposition).
 std::unique_ptr<LightStage> FactorizeIntensities(UnCalibrationTool& tool);
 
-// The matrices images x pixels of pieces, of three pixels or more each. SlopeRows and gated factor
-// are 0 where |x0| <= 1e-7. The run mirrors the factor map about the middle of its range.
+// The matrices images x pixels of pieces, of three pixels or more each. Slopes and gated factor are
+// 0 where |x0| <= 1e-7. The run mirrors the factor map about the middle of its range.
 
 // Bands of `band` whole rows; every band keeps the signs of its own decomposition.
 std::unique_ptr<LightStage> FactorizeIntensitiesPartRows(const UnCalibrationTool& tool,

@@ -12,8 +12,7 @@ namespace {
 
 constexpr int64_t kBlock = Byte8::kCount;
 
-// Adds the products of images kFirst and kFirst + 1 with themselves and with all that follow, over
-// whole blocks.
+// Adds the products of images kFirst and kFirst + 1 with themselves and all later ones, in blocks.
 template <int kImages, int kFirst>
 void AddProductsOfPair(const uint8_t* const (&bytes)[kImages], int64_t count,
                        ProductSums (&sums)[8][8]) {

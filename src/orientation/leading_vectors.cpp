@@ -1,22 +1,21 @@
 // The first three pixel-side singular vectors of a piece of the image stack.
 //
 // A piece of P pixels under N lamps is a P x N matrix A = U S V^T. Its left vectors need not be
-// computed from all of A. With A_top its first N rows, A_bot the rest and any R with R^T R =
-// A_bot^T A_bot,
+// computed from all of A. With A_top its first N rows, A_bot the rest and R^T R = A_bot^T A_bot,
 //   A = blockdiag(I, Q) Y,   Y = [A_top; R] (2N x N),   Q^T Q = I,
 // and every Householder reflection, pivot choice and Jacobi rotation that the decomposition makes
 // on A is the image of the one that it makes on Y: the entries whose sign decides a reflection lie
 // in the first N rows, which Y keeps. So Y has the singular values of A, its V, and U up to Q with
 // the same signs, and
 //   u(pixel) = a(pixel) W,   W = V S^-1 (N x 3).
-// The same holds for A^T, whose right vectors are wanted then.
+// The same holds for A^T and its right vectors.
 //
 // The inner products are exact. Their eigenvalues s^2, found in double, have errors of about
 // N eps s1^2 (Weyl 1912), so u of a singular value s has unit length and right angles to within
 //   N eps (s1 / s)^2.
-// Where this nears 1, s cannot be told from 0 and u is free: any unit vector orthogonal to the
-// determined ones, and so to the images, will do. One that lives in three pixels has to be
-// orthogonal to three entries of each only, and those are two vectors at most.
+// Where this nears 1, s cannot be distinguished from 0 and u is free: any unit vector orthogonal to
+// the determined ones, and so to the images, is correct. A vector that is 0 outside three pixels
+// only has to be orthogonal to three entries of each, and at most two vectors are determined.
 #include "orientation/leading_vectors.h"
 
 #include <Eigen/Eigenvalues>
@@ -39,8 +38,8 @@ constexpr int64_t kSmallestReducedPiece = 1024;
 // Vectors are free from where their lengths may be wrong by a hundredth on.
 constexpr double kLargestError = 0.01;
 
-// A vector's weights are to those of the first as s1 to s, but its entries are no larger: their
-// sums cancel to s / s1. From here on floats would leave a hundredth of round-off.
+// A vector's weights exceed those of the first by s1 / s, but its entries are no larger: the sums
+// cancel to s / s1. From here on floats would leave a hundredth of round-off.
 constexpr double kDeepCancellation = 1e-5;
 
 // The singular values of a piece and its vectors on the side of the images.

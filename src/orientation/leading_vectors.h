@@ -13,8 +13,8 @@
 
 namespace velostrix {
 
-// Answers for every pixel of a piece with its entries of the first three singular vectors, signs as
-// the decomposition gives them.
+// Gives, for every pixel of a piece, the entries of the first three singular vectors, with the
+// decomposition's signs.
 class LeadingVectors {
  public:
   static constexpr int kVectors = 3;

@@ -16,7 +16,7 @@ struct MapRow {
   float* gated_factor;
 };
 
-// What a light stage has found out about the images, which it reads again for each row.
+// The result of a light stage for the images, from which it makes the maps row by row.
 class LightStage {
  public:
   virtual ~LightStage() = default;
@@ -24,8 +24,8 @@ class LightStage {
   // Writes row i of the maps.
   virtual void WriteRow(int64_t i, const MapRow& out) const = 0;
 
-  // The range of the factor map, found without the other maps. Where the stage mirrors that map
-  // about the middle of its range, it does so from here on. scratch: room for a row.
+  // Finds the range of the factor map without the other maps. A stage that mirrors this map about
+  // the middle of its range does so from now on. scratch: room for a row.
   virtual Range FactorRange(float* scratch) = 0;
 };
 

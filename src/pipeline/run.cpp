@@ -1,12 +1,10 @@
 // The four runs: from the images of a tool to its results.
 //
-// Images are limited by memory, so a row is taken through all stages while it is in the cache:
+// Memory limits the speed, so a row is taken through all stages while it is in the cache:
 //   1. the light stage looks at the images as a whole (a decomposition; nothing when calibrated);
-//   2. the range of the factor map, where the factor image is asked for, from the bytes alone;
-//   3. row by row: working maps, factor and channel images, and, a row behind, curvature and
-//      magnitude.
-// A later stage that reads whole maps has them kept: the height the slopes, smoothing the
-// derivatives.
+//   2. the range of the factor map, if the factor image is requested, from the bytes alone;
+//   3. row by row: working maps, factor and channel images; a row behind, curvature and magnitude.
+// Whole maps are kept only for later stages: slopes for the height, derivatives for smoothing.
 #include "pipeline/run.h"
 
 #include <algorithm>
@@ -52,7 +50,7 @@ int64_t SmallestPiece(const UnCalibrationTool& tool, RunKind kind, int64_t band)
   }
 }
 
-// Everything that refuses a run, in the order of the public header.
+// Everything that makes a run refuse, in the order of the public header.
 bool IsRefused(const UnCalibrationTool& tool, const ResultImages& results, RunKind kind,
                int64_t band) {
   if (!BuffersHoldImages(tool)) return true;

@@ -18,7 +18,7 @@ enum class RunKind {
   kPartCols       // unknown lamps, strips of columns
 };
 
-// Where a run puts its results; those that are switched off may be null.
+// The images that a run writes; those that are switched off may be null.
 struct ResultImages {
   cv::Mat* factor;
   cv::Mat* curvature;

@@ -31,8 +31,7 @@ void ForEachBuffer(UnCalibrationTool& tool, Visitor visit) {
   visit(tool.spare_stack, tool.image_count);
 }
 
-// Zero-filled, so that a run on images that were never set is repeatable; null when it cannot be
-// had.
+// Zero-filled, so that a run on images that were never set is repeatable; null when out of memory.
 template <typename T>
 T* AllocatePlanes(int64_t planes, int64_t pixels) {
   constexpr int64_t kMostBytes = std::numeric_limits<int64_t>::max();
@@ -50,7 +49,7 @@ bool IsFrame(const UnCalibrationTool& tool) {
 
 void InitialImage(UnCalibrationTool& tool) {
   if (tool.roi_set == 0 && tool.downscale_on == 1) {
-    // A negative size counts as unsigned, which makes it one that no buffer holds.
+    // A negative size counts as unsigned: larger than any buffer.
     const double cols = static_cast<double>(static_cast<uint64_t>(tool.roi_width)) * tool.scale;
     const double rows = static_cast<double>(static_cast<uint64_t>(tool.roi_height)) * tool.scale;
     if (!IsSize(cols) || !IsSize(rows)) return;

@@ -10,11 +10,11 @@ namespace velostrix {
 
 // Allocates every working buffer for the tool's geometry and image count, zero-filled; with scaling
 // on and no region, takes the working size from the result size first. Allocates nothing when the
-// image count is outside 3..8 or the geometry is not that of an image. A buffer that cannot be had
-// stays null.
+// image count is outside 3..8 or the geometry is not that of an image. When memory runs out, a
+// buffer stays null.
 void InitialImage(UnCalibrationTool& tool);
 
-// Frees the working buffers and forgets the images. Harmless to repeat.
+// Frees the working buffers and forgets the images. A second call does nothing.
 void ReleaseImage(UnCalibrationTool& tool);
 
 // Whether the working geometry is that of an image and lies inside the buffers, so many images too.

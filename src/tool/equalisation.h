@@ -14,8 +14,7 @@ bool ColumnLevels(const cv::Mat& source, double& mean_level, std::vector<double>
 // trunc(target - column_levels[j]), saturating, into destination, which becomes CV_8UC1 of the
 // source's size where it is not. The target is reference_level when that lies in 0..255 and
 // column_levels holds one level a column already, else the mean of the source's own levels.
-// column_levels is replaced. False, nothing touched: the source is empty or has more than one
-// channel.
+// column_levels is replaced. False, nothing changed: the source is empty or has several channels.
 bool EqualiseBrightness(std::vector<double>& column_levels, const cv::Mat& source,
                         cv::Mat& destination, double reference_level);
 

@@ -1,4 +1,4 @@
-// The way of input images into the tool's stack.
+// Image input: crop, scale, equalise, copy into the stack.
 #include "tool/image_input.h"
 
 #include <cstring>
@@ -32,8 +32,8 @@ bool IsWorkingFrame(const UnCalibrationTool& tool, const cv::Mat& image) {
   return image.type() == CV_8UC1 && image.rows == tool.rows && image.cols == tool.cols;
 }
 
-// Whether the image, equalised if it is to be, holds the bytes of a plane. One that is no working
-// frame is taken for a run of rows x cols bytes.
+// Whether the image, after any equalisation, has the bytes of a plane. An image that is not a
+// working frame is taken as rows x cols bytes in a row.
 bool HoldsPlane(const UnCalibrationTool& tool, const cv::Mat& image) {
   const int64_t bytes =
       tool.equalise_on != 0 ? static_cast<int64_t>(image.total()) : SpanBytes(image);

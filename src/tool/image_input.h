@@ -1,4 +1,4 @@
-// The way of input images into the tool's stack.
+// Image input: crop, scale, equalise, copy into the stack.
 #pragma once
 
 #include <opencv2/core/mat.hpp>
@@ -14,7 +14,7 @@ namespace velostrix {
 // image does not give a plane of the working size.
 bool SetImage(UnCalibrationTool& tool, const cv::Mat& image);
 
-// The same for an image in host memory; also false for a type code or a memory layout that is none.
+// The same for an image in plain memory; also false for an invalid type code or memory layout.
 bool SetImage(UnCalibrationTool& tool, const ImageRecord& image);
 
 // Forgets the images set so far.

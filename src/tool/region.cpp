@@ -9,7 +9,7 @@
 namespace velostrix {
 namespace {
 
-// Corners at the ends of the int32 range make extents that no int32 holds; those are empty regions.
+// Corners at the ends of the int32 range give extents beyond int32; such regions are empty.
 int32_t Saturated(int64_t value) {
   return static_cast<int32_t>(std::clamp<int64_t>(value, std::numeric_limits<int32_t>::min(),
                                                   std::numeric_limits<int32_t>::max()));
@@ -33,7 +33,7 @@ bool SetRegion(UnCalibrationTool& tool, int32_t x1, int32_t y1, int32_t x2, int3
   const double scaled_height = static_cast<double>(height) * tool.scale;
   const bool is_region = width > 0 && height > 0;
   const bool is_scaled = tool.downscale_on == 1 && scaled_width > 10.0 && scaled_height > 10.0;
-  // Scaling may still be on from earlier parameters while the scale is by now no scale.
+  // Scaling may still be on from earlier parameters when the scale is no longer valid.
   if (is_region && is_scaled && !(IsSize(scaled_width) && IsSize(scaled_height))) return false;
 
   tool.roi = {x, y, Saturated(width), Saturated(height)};

@@ -13,12 +13,12 @@ inline bool IsSize(double extent) {
   return extent >= 0.0 && extent <= std::numeric_limits<int32_t>::max();
 }
 
-// Puts the region with the inclusive corners (x1, y1), (x2, y2), clamped to the current working
-// size, in force and sets the working size to it, scaled when scaling is on. False: the region is
-// empty, or the scale makes no size of it; in the second case nothing has changed.
+// Sets the region with the inclusive corners (x1, y1), (x2, y2), clamped to the current working
+// size, and sets the working size to the region's, scaled when scaling is on. False: the region is
+// empty, or has no valid scaled size; in the second case nothing has changed.
 bool SetRegion(UnCalibrationTool& tool, int32_t x1, int32_t y1, int32_t x2, int32_t y2);
 
-// Lifts the region, sets the working size as given and returns rows x row_step.
+// Removes the region, sets the working size as given and returns rows x row_step.
 int64_t ClearRegion(UnCalibrationTool& tool, int32_t rows, int32_t cols, int32_t row_step);
 
 }  // namespace velostrix

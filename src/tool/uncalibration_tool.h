@@ -1,5 +1,4 @@
-// The tool object: parameters, region, working geometry, buffers, timings; everything between two
-// calls.
+// The tool object, which keeps parameters, region, geometry, buffers and timings between calls.
 #pragma once
 
 #include <Eigen/Core>
@@ -36,8 +35,8 @@ inline constexpr ConstantVector kFloatsMinusOne = {0, 0, 0x80, 0xBF, 0, 0, 0x80,
 
 }  // namespace velostrix
 
-// The fields stand in a fixed order; what this library adds for its own safety stands at the end.
-// Sizes are 64-bit although hosts set them with 32 bits, so that their products cannot overflow.
+// The fields have a fixed order; what this library adds for its own safety is at the end. Sizes are
+// set with 32 bits and kept with 64, so that their products cannot overflow.
 struct UnCalibrationTool {
   RegionOfInterest roi;
   int32_t roi_set = 0;
@@ -67,9 +66,8 @@ struct UnCalibrationTool {
   int64_t image_count = 0;
   int64_t images_set = 0;
 
-  // Working buffers, allocated by InitialImage and freed by ReleaseImage. The spares are kept so
-  // that the buffer set is the same for every run; nothing touches them, so they cost address space
-  // only.
+  // Working buffers, allocated by InitialImage and freed by ReleaseImage. The spares make the set
+  // of buffers the same for every run; nothing touches them, so they cost only address space.
   uint8_t* image_stack = nullptr;
   float* factor_map = nullptr;
   float* slope_p = nullptr;
