@@ -1,4 +1,4 @@
-// The flat interface of the host library as C# sees it: records, entry points, and what a status means.
+// The flat interface of velostrix_host for C#: records, entry points, exceptions.
 using System;
 using System.Collections.Generic;
 using System.Runtime.InteropServices;
@@ -15,7 +15,7 @@ namespace Velostrix
             Native.VelostrixReconstructorDestroy(handle) == VelostrixStatus.Ok;
     }
 
-    // Managed memory that stays where it is until disposed.
+    // Managed memory, pinned until disposed.
     sealed class Pins : IDisposable
     {
         readonly List<GCHandle> handles = new List<GCHandle>();
@@ -34,7 +34,7 @@ namespace Velostrix
 
     static class Native
     {
-        // Of the headers that these declarations follow.
+        // The version of the headers that these declarations follow.
         public const int Major = 0, Minor = 1;
         public const int OutputCount = 8, MostImages = 8, LongestMessage = 1024, LongestRecipe = 16384;
         public const int FlatTerms = 15;
@@ -58,7 +58,7 @@ namespace Velostrix
             [MarshalAs(UnmanagedType.ByValArray, SizeConst = MostImages * FlatTerms)]
             public double[] Flat;
 
-            // With all that marshalling needs.
+            // All memory that marshalling needs.
             public static Settings Empty()
             {
                 return new Settings
@@ -119,7 +119,7 @@ namespace Velostrix
 
         [DllImport(Library)] public static extern IntPtr VelostrixStatusText(VelostrixStatus status);
         [DllImport(Library)] public static extern IntPtr VelostrixLibraryVersion();
-        // Names as the file system has them.
+        // Names in the encoding of the file system.
         [DllImport(Library)] public static extern int VelostrixCompareNames(string a, string b);
         [DllImport(Library)] public static extern VelostrixStatus VelostrixViewHeight(
             ref Image height, VelostrixSurface removed, int border, IntPtr data, long rowStride,
@@ -186,7 +186,7 @@ namespace Velostrix
             return Encoding.UTF8.GetString(message, 0, length < 0 ? message.Length : length);
         }
 
-        // Throws unless the status is Ok; without a message the status' own text is the reason.
+        // Throws unless the status is Ok; without a message, the text of the status is the reason.
         public static void Check(VelostrixStatus status, byte[] message = null)
         {
             if (status == VelostrixStatus.Ok) return;

@@ -5,7 +5,7 @@ using System.Linq;
 
 namespace Velostrix
 {
-    /// <summary>Image files as all hosts and the command line take them from a folder.</summary>
+    /// <summary>The image files of a folder.</summary>
     public static class VelostrixFiles
     {
         static readonly string[] extensions = { ".png", ".bmp", ".tif", ".tiff", ".jpg", ".jpeg" };

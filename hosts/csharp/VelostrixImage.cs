@@ -1,19 +1,19 @@
-// Images in the host's memory: what a tool reads and what it gives.
+// Images in the application's memory, which a tool reads and returns.
 using System;
 using System.Collections.Generic;
 
 namespace Velostrix
 {
-    /// <summary>The smooth surface that a view of a height leaves out.</summary>
+    /// <summary>The surface that a view of a height subtracts.</summary>
     public enum VelostrixSurface
     {
         /// <summary>A tilt.</summary>
         Plane = 0,
-        /// <summary>A tilt and a bowl, as lamps near the part leave.</summary>
+        /// <summary>A tilt and a bowl, as lamps near the part cause.</summary>
         Quadratic = 1
     }
 
-    /// <summary>An image in managed or native memory, which it borrows.</summary>
+    /// <summary>An image in managed or native memory, which it does not own.</summary>
     public sealed class VelostrixImage
     {
         readonly Array samples;  // null: native memory
@@ -44,8 +44,8 @@ namespace Velostrix
         }
 
         /// <summary>
-        /// The same for 16-bit samples, with the white level <see cref="VelostrixParameters.White"/> or
-        /// <see cref="VelostrixParameters.Bits"/> of them in use.
+        /// The same for 16-bit samples; <see cref="VelostrixParameters.White"/> or
+        /// <see cref="VelostrixParameters.Bits"/> has to be set.
         /// </summary>
         public VelostrixImage(ushort[] samples, int width, int height, int stride = 0)
             : this(samples, IntPtr.Zero, width, height, stride, 2, 1)
@@ -68,7 +68,7 @@ namespace Velostrix
             if (data == IntPtr.Zero) throw new ArgumentNullException(nameof(data));
         }
 
-        // A place for a result.
+        // Memory for a result.
         internal VelostrixImage(Native.Plane plane)
             : this(Room(plane), IntPtr.Zero, plane.Width, plane.Height, 0, plane.SampleBytes,
                    plane.Channels)
@@ -111,13 +111,13 @@ namespace Velostrix
         internal IntPtr Address(Pins pins) => samples == null ? data : pins.Pin(samples);
 
         /// <summary>
-        /// A height as a picture for eyes: 8 bits, without tilt and bowl, so that all but the outermost
-        /// half percent on each side fill the levels.
+        /// A height for display: 8 bits, without tilt and bowl; all but the outermost half percent on
+        /// each side fill the levels.
         /// </summary>
-        /// <param name="removed">The surface, fitted by least squares, that is left out.</param>
+        /// <param name="removed">The surface, fitted by least squares, that is subtracted.</param>
         /// <param name="border">
-        /// Pixels at the sides that count for nothing: iteration cap / scale is a good number. An eighth
-        /// of the shorter side is used at most.
+        /// Pixels on each side that surface and range are measured without, at most an eighth of the
+        /// shorter side; iteration cap / scale is a good number.
         /// </param>
         /// <exception cref="VelostrixException">The image is not 16-bit.</exception>
         public VelostrixImage HeightView(
@@ -148,7 +148,7 @@ namespace Velostrix
             samples == null ? "the pixels are in native memory" : "8-bit; call Bytes");
     }
 
-    /// <summary>The images that a run made, by name.</summary>
+    /// <summary>The result images of a run, by name.</summary>
     public sealed class VelostrixResults
     {
         readonly SortedDictionary<VelostrixOutput, VelostrixImage> images =
@@ -161,8 +161,8 @@ namespace Velostrix
         /// <summary>Which images were made.</summary>
         public IEnumerable<VelostrixOutput> Made => images.Keys;
 
-        /// <summary>An image that was asked for.</summary>
-        /// <exception cref="KeyNotFoundException">It was not asked for.</exception>
+        /// <summary>An image that was requested.</summary>
+        /// <exception cref="KeyNotFoundException">It was not requested.</exception>
         public VelostrixImage this[VelostrixOutput output]
         {
             get => images.TryGetValue(output, out VelostrixImage image)

@@ -1,4 +1,4 @@
-// What a run does, by names; to and from recipes.
+// The parameters of a run, by name; reads and writes recipes.
 using System;
 using System.Collections.Generic;
 using System.IO;
@@ -15,7 +15,7 @@ namespace Velostrix
         Factor,
         /// <summary>Where slopes change.</summary>
         Curvature,
-        /// <summary>The same without sign.</summary>
+        /// <summary>Changes of slope without sign.</summary>
         Magnitude,
         /// <summary>Relative height, 16-bit.</summary>
         Height,
@@ -25,7 +25,7 @@ namespace Velostrix
         Channel1,
         /// <summary>Brightness; in the calibrated run the normal's z.</summary>
         Channel2,
-        /// <summary>The three channels in one image; brings them with it.</summary>
+        /// <summary>The three channels in one image; also makes the channels.</summary>
         Normal
     }
 
@@ -52,21 +52,21 @@ namespace Velostrix
     }
 
     /// <summary>
-    /// What is done about slopes that a run with unknown lamps finds mirrored, turned or with the
-    /// other sign.
+    /// How results of runs with unknown lamps are oriented: their slopes may be mirrored, turned or
+    /// negated.
     /// </summary>
     public enum VelostrixOrientation
     {
-        /// <summary>Results as they come.</summary>
+        /// <summary>Unchanged.</summary>
         AsIs,
         /// <summary>
-        /// Measured on every part and put right: height, channels and normal are those of the scene
-        /// as seen. Takes the time of one to three runs more, of which none makes the height.
+        /// Measured on every part and corrected: height, channels and normal are oriented as the
+        /// scene. Takes one to three more runs, none of which makes the height.
         /// </summary>
         Upright
     }
 
-    /// <summary>A lamp and where it shines from, roughly.</summary>
+    /// <summary>The rough direction of a lamp.</summary>
     public struct VelostrixLamp
     {
         /// <summary>The lamp of an image.</summary>
@@ -82,7 +82,7 @@ namespace Velostrix
 
         /// <summary>Index of the image that it lights.</summary>
         public int Image { get; }
-        /// <summary>Where it shines from.</summary>
+        /// <summary>Its direction.</summary>
         public double Degrees { get; }
     }
 
@@ -110,8 +110,8 @@ namespace Velostrix
     }
 
     /// <summary>
-    /// A number for each output. Those that are assigned, chosen or read from a recipe are kept: by
-    /// ChooseGains, and in recipes.
+    /// A number for each output. Numbers that are assigned, chosen or read from a recipe are kept by
+    /// ChooseGains and in recipes.
     /// </summary>
     public sealed class VelostrixOutputValues<T>
     {
@@ -140,7 +140,7 @@ namespace Velostrix
         /// <summary>Whether the number of this output is kept.</summary>
         public bool IsKept(VelostrixOutput output) => (Kept >> (int)output & 1) != 0;
 
-        /// <summary>Back to the defaults, which are left to ChooseGains.</summary>
+        /// <summary>Restores the defaults, which ChooseGains may replace.</summary>
         public void Release()
         {
             Values = defaults();
@@ -149,8 +149,8 @@ namespace Velostrix
     }
 
     /// <summary>
-    /// What a run does. Number and size of the images are those of the images. Values are checked
-    /// where they are used: by Prepare, Check and the like.
+    /// What a run does. Number and size of the images come from the images themselves. Values are
+    /// checked at their use: by Prepare, Check and others.
     /// </summary>
     public sealed class VelostrixParameters
     {
@@ -231,7 +231,7 @@ namespace Velostrix
 
         /// <summary>
         /// Above 0, at most 1 (default). Below 0.99 images are scaled by it, unless that would leave
-        /// 10 pixels or fewer; results come in full size.
+        /// 10 pixels or fewer; results have full size.
         /// </summary>
         public double Scale { get => record.Scale; set => record.Scale = value; }
 
@@ -247,17 +247,17 @@ namespace Velostrix
         /// </summary>
         public int BlurRadius { get => record.BlurRadius; set => record.BlurRadius = value; }
 
-        /// <summary>Of the height; default 50, 0 = flat, negative = as many as it takes.</summary>
+        /// <summary>Of the height; default 50, 0 = flat, negative = until it converges.</summary>
         public int IterationCap { get => record.IterationCap; set => record.IterationCap = value; }
 
-        /// <summary>Whether slopes are put right; as-is by default.</summary>
+        /// <summary>Whether the orientation is corrected; as-is by default.</summary>
         public VelostrixOrientation Orientation
         {
             get => (VelostrixOrientation)record.Orientation;
             set => record.Orientation = (int)value;
         }
 
-        /// <summary>Upright: tells bumps from dents; null (default): they may change places.</summary>
+        /// <summary>Upright: determines the sign; null (default): bumps may appear as dents.</summary>
         public VelostrixLamp? Lamp
         {
             get
@@ -273,19 +273,19 @@ namespace Velostrix
         }
 
         /// <summary>
-        /// In use of 16-bit samples, 8 to 16; 0 (default): 16-bit images are refused.
+        /// Bits in use of 16-bit samples, 8 to 16; 0 (default): not given.
         /// </summary>
         public int Bits { get => record.Bits; set => record.Bits = value; }
 
         /// <summary>
         /// The 16-bit sample that is white, 1 to 65535: level = sample * 255 / White, at most 255;
-        /// 0 (default): as Bits say.
+        /// 0 (default): 2^Bits - 1. Without either, 16-bit images are refused.
         /// </summary>
         public int White { get => record.White; set => record.White = value; }
 
         /// <summary>
-        /// The flat fields of the lamps, 15 coefficients each, which their images are divided by; empty
-        /// (default): they are not. FitFlat makes them.
+        /// The flat fields of the lamps, 15 coefficients each, by which images are divided; empty
+        /// (default): none. FitFlat makes them.
         /// </summary>
         /// <exception cref="ArgumentException">A field has another number, or there are more than 8.</exception>
         public IReadOnlyList<double[]> Flat
@@ -306,8 +306,8 @@ namespace Velostrix
         }
 
         /// <summary>
-        /// Has every image divided by a smooth fit of its lamp's reference, which evens out light that
-        /// falls off over the image. Stains and dust on the flat part do not come in.
+        /// Every image is divided by a smooth fit of its lamp's reference. This evens out light that
+        /// falls off across the image. Stains and dust on the flat part have no effect.
         /// </summary>
         /// <param name="references">
         /// One image of a flat, matt part under each lamp, in the order of the images.
@@ -329,7 +329,7 @@ namespace Velostrix
 
         /// <summary>
         /// Grey levels per unit of the map; Factor: multiplies the normalised image; Normal, Height:
-        /// not read. An output whose gain is assigned keeps its offset, too.
+        /// not read. An output whose gain is assigned also keeps its offset.
         /// </summary>
         public VelostrixOutputValues<double> Gains { get; }
 
@@ -346,11 +346,11 @@ namespace Velostrix
                 Native.VelostrixSettingsCheck(ref settings, count, width, height, message), message);
         }
 
-        /// <summary>A copy that shares nothing.</summary>
+        /// <summary>An independent copy.</summary>
         public VelostrixParameters Clone() => new VelostrixParameters(Record());
 
-        /// <summary>A recipe in JSON; of gains and offsets it has those that are kept.</summary>
-        /// <exception cref="VelostrixException">No image would fit the parameters.</exception>
+        /// <summary>A recipe in JSON, with the gains and offsets that are kept.</summary>
+        /// <exception cref="VelostrixException">The parameters fit no images.</exception>
         public string ToJson()
         {
             Native.Settings settings = Record();
@@ -365,9 +365,9 @@ namespace Velostrix
 
         /// <summary>
         /// Reads a recipe, or a run.json of the command line. Missing fields have their defaults;
-        /// gains and offsets that are there are kept by ChooseGains.
+        /// ChooseGains keeps gains and offsets of the recipe.
         /// </summary>
-        /// <exception cref="VelostrixException">It is no recipe: the field is named.</exception>
+        /// <exception cref="VelostrixException">It is not a recipe; the message names the field.</exception>
         public static VelostrixParameters FromJson(string json)
         {
             if (json == null) throw new ArgumentNullException(nameof(json));
@@ -383,7 +383,9 @@ namespace Velostrix
         public void Save(string path) => File.WriteAllText(path, ToJson());
 
         /// <summary>Reads the recipe in a file.</summary>
-        /// <exception cref="VelostrixException">It holds no recipe: file and field are named.</exception>
+        /// <exception cref="VelostrixException">
+        /// It is not a recipe; the message names file and field.
+        /// </exception>
         public static VelostrixParameters Load(string path)
         {
             try

@@ -7,24 +7,24 @@ using System.Text;
 
 namespace Velostrix
 {
-    /// <summary>Why a call did nothing, or failed.</summary>
+    /// <summary>Why a call was refused or failed.</summary>
     public enum VelostrixStatus
     {
-        /// <summary>It did not.</summary>
+        /// <summary>It was done.</summary>
         Ok,
         /// <summary>An argument or a parameter is wrong.</summary>
         InvalidArgument,
         /// <summary>Thrown as OutOfMemoryException.</summary>
         OutOfMemory,
-        /// <summary>Not prepared, images are missing, no results yet.</summary>
+        /// <summary>Not prepared, images missing, no results yet.</summary>
         WrongState,
         /// <summary>Another thread is using the tool.</summary>
         Busy,
-        /// <summary>None of these; the message has what was reported.</summary>
+        /// <summary>Any other failure; the message has its text.</summary>
         Failed
     }
 
-    /// <summary>What was refused and what is expected instead.</summary>
+    /// <summary>Says what was refused and what is expected.</summary>
     public sealed class VelostrixException : Exception
     {
         internal VelostrixException(VelostrixStatus status, string text) : base(text)
@@ -49,7 +49,7 @@ namespace Velostrix
 
         /// <summary>Parameters and region.</summary>
         public double Parameters { get; }
-        /// <summary>Allocating the buffers in use, perhaps for an earlier part.</summary>
+        /// <summary>Allocating the buffers, perhaps for an earlier part.</summary>
         public double Buffers { get; }
         /// <summary>Setting each image; 0 beyond those set.</summary>
         public IReadOnlyList<double> Images { get; }
@@ -57,7 +57,7 @@ namespace Velostrix
         public double Run { get; }
     }
 
-    /// <summary>How the slopes of a part lay on the scene, and what was done.</summary>
+    /// <summary>The orientation of a part's slopes, and how results were corrected.</summary>
     public sealed class VelostrixOrientationFound
     {
         internal VelostrixOrientationFound(Native.OrientationFound found)
@@ -74,25 +74,25 @@ namespace Velostrix
         }
 
         /// <summary>
-        /// Share (0 to 1/2) of the slopes' derivatives that is no surface's: near 0 for slopes of a
-        /// surface; null: not measured, as for runs as-is and calibrated ones.
+        /// Share (0 to 1/2) of the slopes' derivatives that fits no surface: near 0 for the slopes of
+        /// a surface; null: not measured, as for as-is and calibrated runs.
         /// </summary>
         public double? CurlAsIs { get; }
-        /// <summary>The same of the mirrored slopes.</summary>
+        /// <summary>The same for the mirrored slopes.</summary>
         public double? CurlMirrored { get; }
-        /// <summary>The two shares differ enough to tell.</summary>
+        /// <summary>The two shares differ enough to decide.</summary>
         public bool IsClear { get; }
         /// <summary>Slopes were mirrored; the run was made on flipped images.</summary>
         public bool IsMirrored { get; }
-        /// <summary>Slopes were turned by about a quarter; channels changed places.</summary>
+        /// <summary>Slopes were turned by about a quarter turn; channels were swapped.</summary>
         public bool IsTurned { get; }
         /// <summary>Slopes had the opposite sign; height and slopes were negated.</summary>
         public bool IsInverted { get; }
-        /// <summary>No lamp's direction is known: bumps and dents may have changed places.</summary>
+        /// <summary>No lamp's direction is known: bumps may appear as dents.</summary>
         public bool IsSignOpen { get; }
-        /// <summary>Curvature is that of mirrored slopes, where it shows more.</summary>
+        /// <summary>Curvature comes from mirrored slopes, where it shows more.</summary>
         public bool HasMirroredCurvature { get; }
-        /// <summary>Degrees, counterclockwise, that the slopes stay turned by.</summary>
+        /// <summary>Degrees, counterclockwise, by which the slopes remain turned.</summary>
         public double Turn { get; }
     }
 
@@ -108,11 +108,11 @@ namespace Velostrix
             EqualTo = exposure.EqualTo < 0 ? (int?)null : exposure.EqualTo;
         }
 
-        /// <summary>Of the pixels, at 255: 0 to 1.</summary>
+        /// <summary>Share of the pixels (0 to 1) at level 255.</summary>
         public double SaturatedShare { get; }
-        /// <summary>Of the pixels, at 0: 0 to 1.</summary>
+        /// <summary>Share of the pixels (0 to 1) at level 0.</summary>
         public double BlackShare { get; }
-        /// <summary>Grey levels.</summary>
+        /// <summary>Mean grey level.</summary>
         public double MeanLevel { get; }
         /// <summary>Dark all over: lamp dead or lens covered.</summary>
         public bool IsDead { get; }
@@ -143,40 +143,41 @@ namespace Velostrix
         /// <summary>Of each image.</summary>
         public IReadOnlyList<VelostrixExposure> Exposures { get; }
         /// <summary>
-        /// Of the images x pixels matrix, descending, the first scaled to 1. The second and third say
-        /// how much the lamps differ in one and in two directions.
+        /// Singular values of the images x pixels matrix, descending, the first scaled to 1. The second
+        /// and third say how much the lamps differ in one and in two directions.
         /// </summary>
         public IReadOnlyList<double> SingularValues { get; }
         /// <summary>
-        /// Calibrated run: how much of the images (root mean square share, 0 to 1) no normals under
-        /// the lamps of the ring explain; null: not told.
+        /// Calibrated run: share of the images (root mean square, 0 to 1) that normals under the lamps
+        /// of the ring do not explain; null: not measured.
         /// </summary>
         public double? UnexplainedByRing { get; }
-        /// <summary>How much no normals under any lamps explain; null: not told.</summary>
+        /// <summary>The same for lamps anywhere; null: not measured.</summary>
         public double? UnexplainedByAny { get; }
         /// <summary>
-        /// Pixels that each image lies from the place of most; null: not told, as without structure.
+        /// Pixels by which each image is shifted against most; null: not measured, as without
+        /// structure.
         /// </summary>
         public IReadOnlyList<double?> Shifts { get; }
         /// <summary>
-        /// Of the variance of the curvature image, the share (0 to 1) that is noise of the camera;
-        /// null: not told, as with a scale below 0.99.
+        /// Share (0 to 1) of the curvature image's variance that is noise of the camera; null: not
+        /// measured, as with a scale below 0.99.
         /// </summary>
         public double? NoiseShare { get; }
         /// <summary>
-        /// Partial runs: rows or columns of the last piece; 0: there are no pieces.
+        /// Partial runs: rows or columns of the last piece; 0: no pieces.
         /// </summary>
         public int LastPiece { get; }
-        /// <summary>What is wrong and what to do, in plain words.</summary>
+        /// <summary>Each says what is wrong and what to do.</summary>
         public IReadOnlyList<string> Warnings { get; }
     }
 
     /// <summary>
-    /// A reconstructor, with buffers that are kept from part to part: about 52 + 5 N bytes a pixel
-    /// until it is disposed. One thread at a time uses a tool; separate tools are independent.
+    /// A reconstructor, which keeps its buffers from part to part: about 52 + 5 N bytes a pixel until
+    /// it is disposed. Use a tool from one thread at a time; separate tools are independent.
     /// </summary>
     /// <remarks>
-    /// All members throw VelostrixException for what is refused, which leaves the tool as it was;
+    /// All members throw VelostrixException for refused calls, which leave the tool unchanged;
     /// OutOfMemoryException, after which the tool must be prepared again; and
     /// ObjectDisposedException.
     /// </remarks>
@@ -212,7 +213,7 @@ namespace Velostrix
 
         /// <summary>
         /// Threads that the height may use in this process, the caller included; set to 0: one for
-        /// each core (the default). Not while a run is under way. Results do not depend on it.
+        /// each core (the default). Not to be set during a run. Results do not depend on it.
         /// </summary>
         public static int Threads
         {
@@ -262,8 +263,9 @@ namespace Velostrix
         }
 
         /// <summary>
-        /// Brings the tool to `count` (3 to 8) images of width x height pixels and to the parameters,
-        /// and forgets images and results. Allocates only when count, size, region or scale change.
+        /// Prepares the tool for `count` (3 to 8) images of width x height pixels and for the
+        /// parameters; forgets images and results. Allocates only when count, size, region or scale
+        /// change.
         /// </summary>
         public void Prepare(int count, int width, int height, VelostrixParameters parameters)
         {
@@ -273,7 +275,7 @@ namespace Velostrix
             this.height = height;
         }
 
-        /// <summary>Copies the next image in; the order is that of the lamps.</summary>
+        /// <summary>Copies the next image; images come in the order of the lamps.</summary>
         public void SetImage(VelostrixImage image)
         {
             using (var pins = new Pins())
@@ -297,8 +299,8 @@ namespace Velostrix
             SetImage(new VelostrixImage(pixels, width, height, stride, sampleBytes));
 
         /// <summary>
-        /// Leaves pixels out from here on, those where the mask (8-bit, as large as the images) is 0;
-        /// null: none. They count for no gain and no diagnosis and are neutral in the results: 128,
+        /// From now on leaves out the pixels where the mask (8-bit, as large as the images) is 0;
+        /// null: no pixel. They do not count for gains and diagnostics; in the results they are 128,
         /// in the height 0. Prepare comes next.
         /// </summary>
         public void SetMask(VelostrixImage mask)
@@ -311,8 +313,8 @@ namespace Velostrix
         }
 
         /// <summary>
-        /// The same with the mask of the pixels that no lamp lights, such as a background before
-        /// black. Of the parameters bits matter.
+        /// Leaves out the pixels that no lamp lights, such as a black background. Of the parameters
+        /// only White, Bits and Flat are used.
         /// </summary>
         /// <returns>The share of the pixels that is not left out.</returns>
         public double MaskUnlit(
@@ -332,17 +334,17 @@ namespace Velostrix
         public void ClearImages() => Check(Native.VelostrixReconstructorClearImages(Handle));
 
         /// <summary>Runs on the images, all of which must be set, and forgets them.</summary>
-        /// <returns>Copies of the results; they live as long as you like.</returns>
+        /// <returns>Copies of the results in managed memory.</returns>
         public VelostrixResults Run()
         {
             Check(Native.VelostrixReconstructorRun(Handle));
             return CopyResults();
         }
 
-        /// <summary>Runs, and copies results to memory of the host.</summary>
+        /// <summary>Runs, and copies results to the application's memory.</summary>
         /// <param name="places">
-        /// A place for each output that is wanted, of the size of the region, or of the images;
-        /// other results are not copied.
+        /// Memory for each output to copy, of the size of the region or of the images; other results
+        /// are not copied.
         /// </param>
         public void RunInto(IEnumerable<KeyValuePair<VelostrixOutput, VelostrixImage>> places)
         {
@@ -368,7 +370,7 @@ namespace Velostrix
         static string Shape(int width, int height, int channels, int sampleBytes) =>
             $"{width} x {height} pixels of {channels} x {sampleBytes} bytes";
 
-        /// <summary>Does all for one part.</summary>
+        /// <summary>Prepares, sets the images and runs.</summary>
         /// <returns>Copies of the results.</returns>
         public VelostrixResults Reconstruct(
             IEnumerable<VelostrixImage> images, VelostrixParameters parameters)
@@ -411,7 +413,7 @@ namespace Velostrix
             }
         }
 
-        /// <summary>How the slopes of the latest part lay on the scene, and what was done.</summary>
+        /// <summary>The orientation of the latest part's slopes, and how it was corrected.</summary>
         public VelostrixOrientationFound Orientation()
         {
             var found = new Native.OrientationFound
@@ -431,14 +433,13 @@ namespace Velostrix
         }
 
         /// <summary>
-        /// Returns the parameters with gain and offset of every output that they ask for chosen for
-        /// these images, but for those that were assigned or read from a recipe: values fill grey
-        /// levels 16 to 240 around 128, those of the magnitude 0 to 240.
+        /// Returns the parameters with gain and offset chosen for these images, for every output that
+        /// they enable, except gains that were assigned or read from a recipe. Values fill grey levels
+        /// 16 to 240 around 128, those of the magnitude 0 to 240.
         /// </summary>
         /// <remarks>
-        /// Does this by pilot runs without height, 2 or 3 as a rule and 8 at most. Choose once for a
-        /// kind of part and keep the parameters: only under equal gains can parts be compared.
-        /// Afterwards Prepare comes next.
+        /// Makes pilot runs without height: 2 or 3 as a rule, 8 at most. Choose once for a kind of part
+        /// and keep the parameters: only results with equal gains can be compared. Prepare comes next.
         /// </remarks>
         public VelostrixParameters ChooseGains(
             IEnumerable<VelostrixImage> images, VelostrixParameters parameters)
@@ -454,13 +455,12 @@ namespace Velostrix
         }
 
         /// <summary>
-        /// Measures the region of the images. Of the parameters region, run, band, scale, blur and
-        /// bits matter. Leaves
-        /// what is prepared, set and made alone.
+        /// Measures the region of the images. Of the parameters only region, run, band, scale, blur,
+        /// bits, white and flat are used. Images, results and what was prepared are unchanged.
         /// </summary>
         /// <param name="images">3 to 8.</param>
         /// <param name="parameters">Those of the run.</param>
-        /// <param name="names">Of the images in warnings; null: "image 1" and so on.</param>
+        /// <param name="names">Names in warnings; null: "image 1" and so on.</param>
         public VelostrixDiagnostics Diagnose(
             IEnumerable<VelostrixImage> images, VelostrixParameters parameters,
             IEnumerable<string> names = null)
@@ -503,7 +503,7 @@ namespace Velostrix
                 VelostrixStatus.InvalidArgument, $"{pointers.Count} names of {count} images");
         }
 
-        /// <summary>Gives all memory back, once a run of another thread is over.</summary>
+        /// <summary>Frees all memory, after a run on another thread has ended.</summary>
         public void Dispose() => handle.Dispose();
     }
 }

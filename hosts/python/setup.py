@@ -1,7 +1,7 @@
-"""Version and native libraries of the package; pyproject.toml holds the rest.
+"""Version and native libraries of the package; pyproject.toml has everything else.
 
-The version is that of the project or, in a source distribution, that of PKG-INFO. The libraries are
-taken from VELOSTRIX_LIBRARY_PATH; without it, the package has none and loads those of the system.
+The version is that of the project or, in a source distribution, of PKG-INFO. The libraries come from
+VELOSTRIX_LIBRARY_PATH; without it, the package has none and loads the installed ones.
 """
 import os
 import pathlib
@@ -20,7 +20,7 @@ folder = os.environ.get("VELOSTRIX_LIBRARY_PATH")
 
 
 def library(pattern: str) -> pathlib.Path:
-    """Of lib.so, lib.so.0.1 and lib.so.0.1.0, the first that the pattern fits."""
+    """The file that the pattern matches; of lib.so, lib.so.0.1 and lib.so.0.1.0 the shortest name."""
     found = sorted(pathlib.Path(folder).glob(pattern), key=lambda path: len(path.name))
     if not found:
         place = pathlib.Path(folder).resolve()
@@ -36,7 +36,7 @@ class BuildPackage(build_py):
         package = pathlib.Path(self.build_lib) / "velostrix"
         (package / "version.txt").write_text(version)
         if folder:
-            # By the names that ctypes and the host library ask for.
+            # By the names that ctypes and velostrix_host load.
             for pattern in ("libvelostrix_host.so", "libVelostrixUncalibration.so.*"):
                 shutil.copy(library(pattern), package)
 

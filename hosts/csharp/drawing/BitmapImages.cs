@@ -1,4 +1,4 @@
-// System.Drawing's bitmaps as images. Apart from the library, which does not need System.Drawing.
+// System.Drawing's bitmaps as images; separate, so that the library does not need System.Drawing.
 using System;
 using System.Drawing;
 using System.Drawing.Imaging;
@@ -17,7 +17,7 @@ namespace Velostrix
             tool.SetImage(bitmap.ToImage());
         }
 
-        /// <summary>Copies a grey bitmap of any pixel format; deeper ones are cut to 8 bits.</summary>
+        /// <summary>Copies a grey bitmap of any pixel format, converted to 8 bits.</summary>
         /// <exception cref="ArgumentException">The bitmap has colours.</exception>
         public static VelostrixImage ToImage(this Bitmap bitmap)
         {
@@ -53,7 +53,7 @@ namespace Velostrix
         }
 
         /// <summary>Copies an 8-bit result: grey, or blue, green and red.</summary>
-        /// <exception cref="InvalidOperationException">It is 16-bit, as the height.</exception>
+        /// <exception cref="InvalidOperationException">It is 16-bit, such as the height.</exception>
         public static Bitmap ToBitmap(this VelostrixImage image)
         {
             if (image == null) throw new ArgumentNullException(nameof(image));

@@ -49,7 +49,7 @@ static class Reconstruct
             {
                 Console.Error.WriteLine("Reconstruct: " + warning);
             }
-            // On a line: choose once, keep the recipe, and reconstruct every part with it.
+            // In production: choose once, keep the recipe, and reconstruct every part with it.
             parameters = tool.ChooseGains(images, parameters);
             VelostrixResults results = tool.Reconstruct(images, parameters);
 
@@ -86,7 +86,7 @@ static class Reconstruct
         }
         catch (Exception error) when (error is ArgumentException || error is OutOfMemoryException)
         {
-            // What is no image file comes as either of these.
+            // Files that are not images throw either of these.
             throw new ArgumentException($"{path}: not read as a grey image: {error.Message}");
         }
     }

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Reconstructs image files and plots what goes in and what comes out.
+"""Reconstructs image files and plots images and results.
 
     plot_relief.py IMAGE IMAGE IMAGE... [--run uncali] [--save relief.png]
 
@@ -26,7 +26,7 @@ import velostrix
 
 images = [np.asarray(Image.open(path).convert("L")) for path in options.images]
 
-# %% Reconstruct: gains are chosen so that the images can be read
+# %% Reconstruct, with gains that make the images readable
 try:
     parameters = velostrix.Parameters(run=options.run)
     for warning in velostrix.diagnose(images, parameters, options.images).warnings:

@@ -6,7 +6,7 @@
     result = velostrix.reconstruct(images)     # 3 to 8 arrays, uint8, one shape (rows, cols)
     result.curvature, result.height            # uint8 and uint16 arrays of the same shape
 
-`reconstruct` does everything for one part. `Tool` keeps its memory from part to part, for a line.
+`reconstruct` does everything for one part. `Tool` keeps its memory from part to part.
 """
 import dataclasses
 import os
@@ -64,12 +64,12 @@ def reconstruct(
     """Reconstructs one part from 3 to 8 images of one scene under different lamps.
 
     images: uint8 arrays of one shape (rows, cols), or uint16 with `bits` or `white`; not changed.
-    parameters, or their fields by name: see `Parameters`. Outputs without a gain get one that makes
-        the image readable, found by 2 or 3 runs more; so, to compare parts, pass the first part's
-        ``result.parameters`` for the next ones.
+    parameters, or their fields by name: see `Parameters`. 2 or 3 more runs choose a gain for every
+        output without one, so that its image is readable. To compare parts, pass
+        ``result.parameters`` of the first part for the others.
 
-    Raises TypeError or ValueError with the argument's name, MemoryError when memory does not suffice.
-    Other Python threads go on during the run.
+    Raises TypeError or ValueError with the argument's name, MemoryError when memory runs out. Other
+    Python threads continue during the run.
     """
     given = sequence("images", images, "a sequence of 3 to 8 arrays")
     expect("parameters", parameters, Parameters, "velostrix.Parameters")
@@ -83,19 +83,19 @@ def diagnose(
     parameters: Parameters = Parameters(),
     names: Optional[Sequence[Union[str, "os.PathLike[str]"]]] = None,
 ) -> Diagnostics:
-    """Whether images are fit for reconstruction: see `Tool.diagnose`."""
+    """Checks whether images are fit for reconstruction: see `Tool.diagnose`."""
     with Tool() as tool:
         return tool.diagnose(images, parameters, names)
 
 
 def set_threads(count: int) -> None:
-    """How many threads the height may use in this process: 1 = the caller's alone, 0 = one for each
-    core. This is OpenCV's number of threads, also of other modules that use it."""
+    """Sets how many threads the height may use in this process: 1 = the caller alone, 0 = one for each
+    core. This is OpenCV's number of threads, which also holds for other modules that use OpenCV."""
     if _native.call("SetThreads", integer("count", count)):
         raise ValueError(f"count: {count} given; expected 0 or more")
 
 
 def threads() -> int:
-    """The number in force, at least 1."""
+    """The number of threads in force, at least 1."""
     count: int = _native.call("Threads")
     return count

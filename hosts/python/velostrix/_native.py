@@ -1,7 +1,7 @@
-"""The host library: where it is found, its records and functions as ctypes sees them.
+"""The library velostrix_host: finds and loads it; its records and functions for ctypes.
 
-Functions of a ``ctypes.CDLL`` release the interpreter lock while they run, so other Python threads
-go on during a reconstruction.
+Functions of a ``ctypes.CDLL`` release the interpreter lock, so other Python threads continue during
+a reconstruction.
 """
 import ctypes
 import os
@@ -110,8 +110,8 @@ _library = _load()
 
 
 def call(name: str, *arguments: Any) -> Any:
-    """What the function returns that is Velostrix and the name. Numbers are integers of 32 bits, all
-    else is of a ctypes type."""
+    """Calls the function of this name, without its Velostrix. Numbers are 32-bit integers, all other
+    arguments ctypes objects."""
     return getattr(_library, "Velostrix" + name)(*arguments)
 
 
@@ -126,7 +126,7 @@ def refuse(status: int, text: str = "") -> NoReturn:
 
 
 def call_with_message(name: str, *arguments: Any) -> None:
-    """Calls a function whose last argument is its message, and raises what it refuses."""
+    """Calls a function whose last argument is its message; raises an exception when it refuses."""
     message = Message()
     status = call(name, *arguments, ctypes.byref(message))
     if status:
@@ -134,7 +134,7 @@ def call_with_message(name: str, *arguments: Any) -> None:
 
 
 class Reconstructor(c_void_p):
-    """A reconstructor, destroyed when the last reference to it goes."""
+    """A reconstructor, destroyed with the last reference to it."""
 
     def __init__(self) -> None:
         super().__init__()

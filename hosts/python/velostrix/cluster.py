@@ -17,7 +17,7 @@ Path = Union[str, "os.PathLike[str]"]
 
 
 def _call(arguments: Sequence[str]) -> "subprocess.CompletedProcess[str]":
-    # A worker that is killed takes its part with it: another one has it by then.
+    # When a worker is killed, its process must end as well: another worker has its parts by then.
     setpriv = shutil.which("setpriv")
     prefix = [setpriv, "--pdeathsig", "KILL"] if setpriv else []
     return subprocess.run([*prefix, *arguments], capture_output=True, text=True, errors="replace")
@@ -45,18 +45,18 @@ def batch(
 ) -> List[Dict[str, str]]:
     """Runs the parts of a manifest on a Dask cluster; returns the table, a row for each part.
 
-    manifest, recipe, out: as of ``velostrix batch``; the workers read and write them by these paths,
-        on file systems that they share. The recipe, a file or parameters, has all gains.
-    client: of the cluster (``distributed.Client``); without one, a cluster of this machine's cores.
-    parts_per_task: a task is a shard of the manifest; one that its worker loses goes to another, which
-        skips the parts that are finished.
+    manifest, recipe, out: as for ``velostrix batch``; the workers use these paths on a shared file
+        system. The recipe, a file or parameters, must have all gains.
+    client: a ``distributed.Client``; without one, a cluster of this machine's cores is used.
+    parts_per_task: a task is a shard of the manifest. When a worker is lost, another one repeats its
+        task and skips finished parts.
     retries: how often the cluster repeats a task that fails.
-    options: others of ``velostrix batch``, such as ``["--split-channels"]``.
-    program: the command line on the workers and here.
+    options: other options of ``velostrix batch``, such as ``["--split-channels"]``.
+    program: the command line, on the workers and here.
 
-    The files are those of ``velostrix batch``, results.csv included. A part that cannot be run has the
-    status "failed" in the table. Raises ValueError with all problems of the manifest before the first
-    part is run, RuntimeError when a task fails more often than it is repeated.
+    Writes the same files as ``velostrix batch``, including results.csv. A part that cannot be run has
+    the status "failed" in the table. Raises ValueError with all problems of the manifest before the
+    first part is run, RuntimeError when a task fails more often than it is repeated.
     """
     import distributed
 
@@ -91,7 +91,7 @@ def _run(
         for k, table in enumerate(tables, 1)]
     shards = [list(csv.reader(io.StringIO(text))) for text in client.gather(futures)]
     header = shards[0][0]
-    # Shards take the parts in turn.
+    # Shard k has every count-th part, from the k-th on.
     turns = itertools.zip_longest(*(shard[1:] for shard in shards))
     rows = [row for turn in turns for row in turn if row is not None]
 

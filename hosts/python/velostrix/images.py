@@ -1,4 +1,4 @@
-"""Arrays for the host library, refused with the line of code that converts them, and its results."""
+"""Arrays as images for velostrix_host; wrong ones are refused with the code that converts them."""
 import ctypes
 import functools
 import os
@@ -34,7 +34,7 @@ def _refuse_shape(argument: str, array: NDArray[Any]) -> None:
 
 
 class Images:
-    """Images as the host library takes them: `records`, and the arrays that they point into."""
+    """Images for velostrix_host: their `records`, and the arrays that these point into."""
 
     def __init__(self, images: Iterable[ArrayLike]) -> None:
         listed = sequence("images", images, "a sequence of 3 to 8 arrays")
@@ -46,7 +46,7 @@ class Images:
 
 
 def read_image(argument: str, image: ArrayLike) -> Tuple[NDArray[Any], _native.Image]:
-    """The image as an array, copied only when it has to be, and its record."""
+    """The image as an array, copied only if necessary, and its record."""
     if image is None:
         raise TypeError(f"{argument}: None given; expected an array of uint8, or uint16 with bits")
     array = np.asarray(image)
@@ -68,8 +68,8 @@ _EXTENSIONS = {".png", ".bmp", ".tif", ".tiff", ".jpg", ".jpeg"}
 
 
 def image_files(folder: Union[str, "os.PathLike[str]"]) -> List[pathlib.Path]:
-    """The image files of a folder in the order in which all hosts and the command line take them:
-    natural, ``lamp2.png`` before ``lamp10.png``."""
+    """The image files of a folder in natural order, as everywhere in Velostrix: ``lamp2.png`` before
+    ``lamp10.png``."""
     def compare(a: pathlib.Path, b: pathlib.Path) -> int:
         order: int = _native.call("CompareNames", os.fsencode(a), os.fsencode(b))
         return order
@@ -80,7 +80,7 @@ def image_files(folder: Union[str, "os.PathLike[str]"]) -> List[pathlib.Path]:
 
 
 class View:
-    """A result in the memory of a reconstructor, which it keeps alive; for np.asarray."""
+    """A result in the memory of a reconstructor, which stays alive with it; for np.asarray."""
 
     def __init__(self, owner: _native.Reconstructor, output: int) -> None:
         plane = _native.Plane()

@@ -1,4 +1,4 @@
-"""What a run does: parameters with names and defaults, to and from recipes."""
+"""The parameters of a run, with names and defaults; reads and writes recipes."""
 import ctypes
 import operator
 import os
@@ -22,7 +22,7 @@ Output = Literal[ByteOutput, Literal["height"]]
 ScaledOutput = Literal["curvature", "magnitude", "channel0", "channel1", "channel2"]
 GainOutput = Literal[Literal["factor"], ScaledOutput]
 
-# All in the order of the host library's numbers.
+# All in the order of velostrix_host's numbers.
 RUNS: Tuple[Run, ...] = get_args(Run)
 DIFFERENCES: Tuple[Difference, ...] = get_args(Difference)
 ORIENTATIONS: Tuple[Orientation, ...] = get_args(Orientation)
@@ -88,8 +88,7 @@ def names_in(bits: int, names: Sequence[Any]) -> Tuple[Any, ...]:
 @dataclass(frozen=True)
 class Parameters:
     """Parameters of a run. Number and size of the images come from the images themselves. To change
-    some: ``dataclasses.replace(parameters, run="cali")``. What is wrong with them is raised by their
-    first use.
+    some: ``dataclasses.replace(parameters, run="cali")``. Wrong values raise at their first use.
     """
 
     #: ``"uncali"`` (lamps unknown, whole frame), ``"cali"`` (the fixed ring of lamps), ``"partrows"``
@@ -97,12 +96,12 @@ class Parameters:
     run: Run = "uncali"
     #: rows or columns of a piece; below 10 counts as 10
     band: int = 64
-    #: images to make; ``"normal"`` brings the three channels with it
+    #: images to make; ``"normal"`` also makes the three channels
     outputs: Sequence[Output] = OUTPUTS
     #: ``(x, y, width, height)`` in pixels, inside the images, at least 3 x 2; None = whole image
     region: Optional[Tuple[int, int, int, int]] = None
     #: above 0, at most 1. Below 0.99 the tool works on images scaled by it, unless that would leave
-    #: 10 pixels or fewer; results come in full size
+    #: 10 pixels or fewer; results have full size
     scale: float = 1.0
     #: even out the column brightness of every image first
     equalise: bool = False
@@ -110,32 +109,32 @@ class Parameters:
     difference: Difference = "central"
     #: pixels, 0 to 32767: smoothing of curvature and magnitude
     blur_radius: int = 0
-    #: of the height; 0 = flat, negative = as many as it takes
+    #: of the height; 0 = flat, negative = until it converges
     iteration_cap: int = 50
-    #: ``"upright"``: slopes that a run with unknown lamps finds mirrored, turned or, with `lamp`, with
-    #: the other sign are put right; ``"as-is"``: they are left as they come
+    #: runs with unknown lamps: ``"upright"`` measures and corrects mirrored or turned slopes and, with
+    #: `lamp`, their sign; ``"as-is"`` leaves them unchanged
     orientation: Orientation = "as-is"
-    #: index of an image and where its lamp shines from in the images, roughly, in degrees: 0 from the
-    #: right, 90 from above, 180 from the left; tells bumps from dents when upright
+    #: index of an image and the rough direction of its lamp in the images, in degrees: 0 from the
+    #: right, 90 from above, 180 from the left; determines the sign when upright
     lamp: Optional[Tuple[int, float]] = None
-    #: in use of uint16 images, 8 to 16; 0: not said
+    #: bits in use of uint16 images, 8 to 16; 0: not given
     bits: int = 0
-    #: grey levels per unit of the map, by output; factor: multiplies the normalised image. What is
-    #: not named is chosen by `reconstruct` and has the default of the library in `Tool.prepare`
+    #: grey levels per unit of the map, by output; factor: multiplies the normalised image. Gains that
+    #: are missing are chosen by `velostrix.reconstruct`, and have defaults in `Tool`
     gains: Mapping[GainOutput, float] = field(default_factory=dict)
-    #: grey level of value 0, by output; not named: as for gains
+    #: grey level of value 0, by output; when missing, as for gains
     offsets: Mapping[ScaledOutput, int] = field(default_factory=dict)
-    #: the sample of uint16 images that is white, 1 to 65535; 0: as bits say. With neither, uint16 is
-    #: refused
+    #: the sample of uint16 images that is white, 1 to 65535; 0: 2**bits - 1. Without either, uint16
+    #: images are refused
     white: int = 0
     #: flat fields of the lamps, which their images are divided by; made by `fit_flat`
     flat: Sequence[Sequence[float]] = ()
 
     @classmethod
     def from_json(cls: Type["Parameters"], recipe: Union[str, bytes]) -> "Parameters":
-        """The parameters of a recipe, or of the run.json of a run. What is missing has its default.
+        """The parameters of a recipe, or of the run.json of a run. Missing fields have their defaults.
 
-        Raises ValueError that names the field for what is no recipe.
+        Raises ValueError, which names the field, when the text is not a recipe.
         """
         expect("recipe", recipe, (str, bytes), "the text of a recipe")
         text = recipe.encode() if isinstance(recipe, str) else recipe
@@ -145,7 +144,7 @@ class Parameters:
         return cls.from_settings(settings)
 
     def to_json(self) -> str:
-        """A recipe; of gains and offsets it has those that are given."""
+        """The text of a recipe, with the gains and offsets that are given."""
         text = ctypes.create_string_buffer(_native.LONGEST_RECIPE)
         _native.call_with_message(
             "SettingsToJson", ctypes.byref(self.settings()), text, ctypes.c_int64(len(text)), None)
@@ -166,7 +165,7 @@ class Parameters:
         pathlib.Path(path).write_text(self.to_json(), encoding="utf-8")
 
     def settings(self) -> _native.Settings:
-        """The record of the host library."""
+        """The record of velostrix_host."""
         record = new_settings()
         record.run = index("run", self.run, RUNS)
         expect("outputs", self.outputs, Collection, "a sequence of names")

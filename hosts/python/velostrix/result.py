@@ -1,4 +1,4 @@
-"""What a run made: the images, and how they show themselves."""
+"""The result of a run: its images, and how they are displayed."""
 import ctypes
 import os
 from dataclasses import dataclass
@@ -17,30 +17,30 @@ class Timings:
     """How long the calls of a part took, in milliseconds."""
 
     parameters: float  #: parameters and region
-    buffers: float  #: allocating those in use, perhaps for an earlier part
+    buffers: float  #: allocating the buffers, perhaps for an earlier part
     images: Tuple[float, ...]  #: setting each image
     run: float
 
 
 @dataclass(frozen=True)
 class OrientationFound:
-    """How the slopes of a part lay on the scene, and what was done."""
+    """The orientation of a part's slopes, and how results were corrected."""
 
-    #: share (0 to 1/2) of the slopes' derivatives that is no surface's: near 0 for slopes of a
-    #: surface; None: not measured, as for runs as-is and calibrated ones
+    #: share (0 to 1/2) of the slopes' derivatives that fits no surface: near 0 for the slopes of a
+    #: surface; None: not measured, as for as-is and calibrated runs
     curl_as_is: Optional[float]
-    curl_mirrored: Optional[float]  #: the same of the mirrored slopes
-    is_clear: bool  #: the two shares differ enough to tell
+    curl_mirrored: Optional[float]  #: the same for the mirrored slopes
+    is_clear: bool  #: the two shares differ enough to decide
     is_mirrored: bool  #: slopes were mirrored; the run was made on flipped images
-    is_turned: bool  #: by about a quarter; channels changed places, images were transposed
+    is_turned: bool  #: by about a quarter turn; images were transposed, channels swapped
     is_inverted: bool  #: slopes had the opposite sign; height and slopes were negated
-    is_sign_open: bool  #: no lamp's direction is known: bumps and dents may have changed places
-    has_mirrored_curvature: bool  #: curvature is that of mirrored slopes, where it shows more
-    turn: float  #: degrees, counterclockwise, that the slopes stay turned by
+    is_sign_open: bool  #: no lamp's direction is known: bumps may appear as dents
+    has_mirrored_curvature: bool  #: curvature is from mirrored slopes, where it shows more
+    turn: float  #: degrees, counterclockwise, by which the slopes remain turned
 
 
 class Result:
-    """The images of a run, as attributes: those that were asked for.
+    """The images of a run, those that were requested, as attributes.
 
     All have the shape (rows, cols) of the region or, without one, of the inputs, and hold uint8;
     `normal` has (rows, cols, 3), channels 0, 1, 2; `height` holds uint16. ``result["height"]`` is
@@ -52,13 +52,13 @@ class Result:
     orientation: OrientationFound
     factor: NDArray[np.uint8]  #: brightness (cali: albedo)
     curvature: NDArray[np.uint8]  #: where slopes change
-    magnitude: NDArray[np.uint8]  #: the same without sign
+    magnitude: NDArray[np.uint8]  #: changes of slope without sign
     channel0: NDArray[np.uint8]  #: slope along the rows (cali: normal x)
     channel1: NDArray[np.uint8]  #: slope across the rows (cali: normal y)
     channel2: NDArray[np.uint8]  #: brightness (cali: normal z)
     normal: NDArray[np.uint8]  #: the three channels in one image
     #: relative height: 0 is the lowest and 65535 the highest place of this image, border included.
-    #: Differences compare within the image, but not with those of another one, and have no unit
+    #: Differences have no unit; compare them within an image, not between images
     height: NDArray[np.uint16]
 
     def __init__(
@@ -94,13 +94,13 @@ class Result:
     def height_view(
         self, removed: Surface = "quadratic", border: Optional[int] = None
     ) -> NDArray[np.uint8]:
-        """The height as a picture for eyes: 8 bits, without tilt and bowl, so that all but the
-        outermost half percent on each side fill the levels.
+        """The height for display: 8 bits, without tilt and bowl; all but the outermost half percent
+        on each side fill the levels.
 
-        removed: the surface, fitted by least squares, that is left out: ``"plane"`` or
+        removed: the surface, fitted by least squares, that is subtracted: ``"plane"`` or
             ``"quadratic"``.
-        border: pixels at the sides that count for nothing, of which an eighth of the shorter side is
-            used at most; None: iteration_cap / scale.
+        border: pixels on each side that surface and range are measured without, at most an eighth of
+            the shorter side; None: iteration_cap / scale.
         """
         if border is None:
             cap = self.parameters.iteration_cap

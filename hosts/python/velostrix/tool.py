@@ -19,9 +19,9 @@ from .result import OrientationFound, Result, Timings
 class Exposure:
     """Exposure of one image."""
 
-    saturated_share: float  #: of the pixels, 0 to 1, at 255
-    black_share: float  #: of the pixels, 0 to 1, at 0
-    mean_level: float  #: grey levels
+    saturated_share: float  #: share of the pixels (0 to 1) at level 255
+    black_share: float  #: share of the pixels (0 to 1) at level 0
+    mean_level: float  #: mean grey level
     is_dead: bool  #: dark all over: lamp dead or lens covered
     equal_to: Optional[int]  #: index of the first earlier image with the same pixels
 
@@ -30,25 +30,25 @@ class Exposure:
 class Diagnostics:
     """Whether images are fit for reconstruction."""
 
-    warnings: Tuple[str, ...]  #: what is wrong and what to do, as the command line says it
+    warnings: Tuple[str, ...]  #: each says what is wrong and what to do
     exposures: Tuple[Exposure, ...]  #: of each image
-    #: of the images x pixels matrix, descending, the first scaled to 1: the second and third say how
-    #: much the lamps differ in one and in two directions
+    #: singular values of the images x pixels matrix, descending, the first scaled to 1: the second and
+    #: third say how much the lamps differ in one and in two directions
     singular_values: Tuple[float, ...]
-    #: cali: how much of the images (root mean square share) no normals under the lamps of the run's
-    #: ring explain; None for other runs and 3 images
+    #: cali: share of the images (root mean square) that normals under the lamps of the run's ring do
+    #: not explain; None for other runs and 3 images
     unexplained_by_ring: Optional[float]
-    unexplained_by_any: Optional[float]  #: the same under any lamps
-    #: pixels that each image lies from the place of most; None: not told, as without structure
+    unexplained_by_any: Optional[float]  #: the same for lamps anywhere
+    #: pixels by which each image is shifted against most; None: not measured, as without structure
     shifts: Tuple[Optional[float], ...]
-    #: of the variance of the curvature image, the share that is noise of the camera; None: not told,
-    #: as with a scale below 0.99
+    #: share of the curvature image's variance that is noise of the camera; None: not measured, as
+    #: with a scale below 0.99
     noise_share: Optional[float]
     last_piece: int  #: partrows, partcols: rows or columns of the last piece; 0: no pieces
 
 
 class Tool:
-    """One reconstructor, with buffers that are kept from part to part.
+    """A reconstructor, which keeps its buffers from part to part.
 
     ::
 
@@ -59,12 +59,12 @@ class Tool:
                     tool.set_image(frame)
                 result = tool.run()
 
-    A tool takes about (52 + 5 count) bytes a pixel until it is closed. It is used by one thread at a
+    A tool takes about (52 + 5 count) bytes a pixel until it is closed. Use it from one thread at a
     time; separate tools are independent, and native calls release the interpreter lock.
 
-    Raises TypeError or ValueError, with the argument's name, for what is wrong with it, RuntimeError
-    for a call out of order or while another thread is using the tool; the tool is then as it was.
-    After MemoryError it has to be prepared again.
+    Raises TypeError or ValueError with the argument's name for wrong arguments, RuntimeError for a
+    call out of order or while another thread is using the tool; the tool is then unchanged. After
+    MemoryError prepare it again.
     """
 
     def __init__(self) -> None:
@@ -82,7 +82,7 @@ class Tool:
         raise TypeError("a Tool cannot be copied or pickled; make one for each thread or process")
 
     def close(self) -> None:
-        """Gives all memory back, or as soon as no view of a result is left; harmless to repeat."""
+        """Frees all memory, or as soon as no view of a result is left; a second call does nothing."""
         self._reconstructor = None
 
     @contextlib.contextmanager
@@ -98,8 +98,8 @@ class Tool:
             self._lock.release()
 
     def set_mask(self, mask: Optional[ArrayLike]) -> None:
-        """Leaves pixels out from here on, those where the mask (uint8, of the shape of the images) is
-        0; None: none. They count for no gain and no diagnosis and are neutral in the results: 128, in
+        """From now on leaves out the pixels where the mask (uint8, of the shape of the images) is 0;
+        None: no pixel. They do not count for gains and diagnostics; in the results they are 128, in
         the height 0. `prepare` comes next."""
         with self._alone() as native:
             if mask is None:
@@ -111,8 +111,8 @@ class Tool:
     def mask_unlit(
         self, images: Iterable[ArrayLike], parameters: Parameters = Parameters()
     ) -> float:
-        """The same with the mask of the pixels that no lamp lights, such as a background before black;
-        the parameters' bits matter. Returns the share of the pixels that is not left out."""
+        """Leaves out the pixels that no lamp lights, such as a black background; of the parameters only
+        white, bits and flat are used. Returns the share of the pixels that is not left out."""
         given = Images(images)
         settings = _settings_of(parameters)
         kept = ctypes.c_double()
@@ -124,8 +124,9 @@ class Tool:
     def prepare(
         self, count: int, shape: Sequence[int], parameters: Parameters = Parameters()
     ) -> None:
-        """Brings the tool to `count` (3 to 8) images of `shape` = (rows, cols) and to the parameters;
-        forgets images set so far. Allocates only when count, shape, region or scale change.
+        """Prepares the tool for `count` (3 to 8) images of `shape` = (rows, cols) and for the
+        parameters; forgets images set so far. Allocates only when count, shape, region or scale
+        change.
         """
         text = "(rows, cols)"
         size = tuple(integer("shape", side) for side in sequence("shape", shape, text))
@@ -138,8 +139,8 @@ class Tool:
 
     def set_image(self, image: ArrayLike) -> None:
         """Copies the next image into the tool: uint8, or uint16 with the parameters' bits, of shape
-        (rows, cols). Rows may be apart, as in a slice of a larger image; an array whose pixels are
-        apart too is made contiguous first.
+        (rows, cols). There may be gaps between rows, as in a slice of a larger image; an array with
+        gaps between pixels is made contiguous first.
         """
         _array, record = read_image("image", image)  # the array has the memory of the record
         with self._alone() as native:
@@ -151,7 +152,7 @@ class Tool:
             native.call("ClearImages")
 
     def run(self, copy: bool = True) -> Result:
-        """Runs on the images that were set, and forgets them.
+        """Runs on the images, all of which must be set, and forgets them.
 
         copy: False gives read-only arrays over the tool's memory. They keep that memory alive, but
             are valid only until the next call of `run`, `reconstruct`, `prepare` or `choose_gains`.
@@ -175,16 +176,15 @@ class Tool:
     def choose_gains(
         self, images: Iterable[ArrayLike], parameters: Parameters = Parameters()
     ) -> Parameters:
-        """The parameters with gain and offset of every output that they ask for chosen for these
-        images, but for those that they have (factor, normal and height have nothing to choose).
+        """The parameters with gain and offset chosen for these images, for every output that they
+        request and have no gain for. Factor, normal and height need none.
 
-        Without the outermost percent on each side, values fill grey levels 16 to 240 around 128, those
-        of the magnitude 0 to 240. Channel 2, when all its values have one sign, fills 0 to 240 too, by
-        a negative gain if need be. A flat map keeps the gain that suits usual relief.
+        Without the outermost percent on each side, the values fill grey levels 16 to 240 around 128;
+        those of the magnitude fill 0 to 240. So does channel 2 when all its values have one sign (a
+        brightness), by a negative gain if necessary. A flat map gets the gain that suits usual relief.
 
-        Does this by pilot runs without height, 2 or 3 as a rule and 8 at most. Choose once for a kind
-        of part and keep the parameters: only under equal gains can parts be compared. Afterwards the
-        tool is to be prepared.
+        Makes pilot runs without height: 2 or 3 as a rule, 8 at most. Choose once for a kind of part and
+        keep the parameters: only results with equal gains can be compared. `prepare` comes next.
         """
         given = Images(images)
         settings = _settings_of(parameters)
@@ -199,10 +199,10 @@ class Tool:
         parameters: Parameters = Parameters(),
         names: Optional[Sequence[Union[str, "os.PathLike[str]"]]] = None,
     ) -> Diagnostics:
-        """Measures the parameters' region of the images; run, band, scale, blur_radius and bits matter
-        too. Leaves what is prepared and set alone.
+        """Measures the region of the images. Of the parameters only region, run, band, scale,
+        blur_radius, bits, white and flat are used. Images set and what was prepared are unchanged.
 
-        names: of the images in warnings, such as their files; else "image 1" and so on.
+        names: what warnings call the images, such as file names; None: "image 1" and so on.
         """
         given = Images(images)
         count = len(given.records)
@@ -265,10 +265,11 @@ class Tool:
 def fit_flat(
     references: Iterable[ArrayLike], parameters: Parameters = Parameters()
 ) -> Parameters:
-    """The parameters with the flat fields of one image of a flat, matt part under each lamp, in the
-    order of the images. From then on every image is divided by its lamp's, which evens out light that
-    falls off over the image, and lamps of different brightness. The fields are smooth: stains and dust
-    on the flat part do not come in.
+    """The parameters with flat fields, by which the images are divided. This evens out light that falls
+    off across the image, and lamps of different brightness.
+
+    references: images of a flat, matt part, one under each lamp, in the order of the images. The
+        fields are smooth: stains and dust on the flat part have no effect.
 
     Raises ValueError for references that are saturated or dark.
     """
