@@ -82,7 +82,7 @@ struct HostImage {
   }
 };
 
-// One tool, its model, and the buffers that a second InitialImage has left to the host.
+// One tool, its model, and the buffers that a second InitialImage has left to the caller.
 class Session {
  public:
   explicit Session(int& huge_calls) : huge_calls_(huge_calls) { model_.SetParam({}); }
@@ -255,7 +255,7 @@ void Session::SetImage(ByteSource& source) {
     ++model_.images_set;
   }
   EXPECT_EQ(stack(), expected_stack);
-  EXPECT_EQ(image.bytes, before) << "the host's image is written";
+  EXPECT_EQ(image.bytes, before) << "the caller's image is written";
   Check();
 }
 

@@ -7,9 +7,9 @@
 
 namespace velostrix::fuzz {
 
-// Reads calls and their arguments from the bytes and makes them, on up to three tools. What does
-// not hold is a failure of the test. Bytes that ask for much memory or time are passed over:
-// bounding those is the host's part.
+// Reads calls and their arguments from the bytes and makes them, on up to three tools. Wrong
+// results fail the test. Bytes that need much memory or time are skipped: applications have to
+// limit these.
 void RunCallSequence(const uint8_t* data, size_t size);
 
 }  // namespace velostrix::fuzz

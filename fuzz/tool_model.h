@@ -37,7 +37,7 @@ struct ToolModel {
   bool Holds(int64_t count) const;
   bool IsOn(int output) const;
   Outcome ImageOutcome(const cv::Mat& image) const;
-  // has_place: for each output, whether the host gives it one.
+  // has_place: for each output, whether the caller gives it one.
   Outcome RunOutcome(RunKind run, int32_t band, const std::array<bool, 8>& has_place) const;
 };
 

@@ -1,4 +1,4 @@
-// A host in C#. With a recipe: checks what the C# classes add. With `memory`: runs out of it. With
+// An application in C#. With a recipe: checks what the C# classes add. With `memory`: runs out of it. With
 // FOLDER WIDTH HEIGHT COUNT: reconstructs raw images by the command line's recipes and by gains of its own.
 using System;
 using System.Collections.Generic;

@@ -1,5 +1,5 @@
-// The host library: one table of refusals for every language, recipes, and what two threads, little
-// memory and 16-bit images meet.
+// The library velostrix_host: one table of refusals for every language, recipes, two threads,
+// little memory and 16-bit images.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/wait.h>

@@ -1,5 +1,5 @@
-/* A host in C: one part from set-up to results, and a refusal. Exit code 0 when all is as it should
- * be. Sees the public headers alone, as there is no OpenCV in reach. */
+/* An application in C: one part from set-up to results, and a refusal. Exit code 0 when all is
+ * well. Includes only public headers; OpenCV is not available to it. */
 #include <stdio.h>
 #include <stdlib.h>
 #include <velostrix/uncalibration.h>

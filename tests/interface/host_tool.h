@@ -1,4 +1,4 @@
-// A host of the exported functions: a tool that releases itself, runs by kind, results by position.
+// The exported functions for tests: a tool that releases itself, runs by kind, results by position.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
 // From float maps to bytes, words, derivatives and height: equal to the scalar rules in every bit,
-// between the rows and behind the frame too; the height follows Eigen's solver on the assembled
+// also between the rows and behind the frame. The height follows Eigen's solver on the whole
 // system.
 #include <algorithm>
 #include <array>

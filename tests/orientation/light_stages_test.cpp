@@ -258,8 +258,7 @@ TEST(GramMatrix, HoldsTheInnerProducts) {
   }
 }
 
-// To the last digit on every processor. The fourth of four has a sine that libraries round in two
-// ways.
+// To the last digit on every processor. Libraries round the sine of the fourth of four differently.
 TEST(CalibratedLights, LampsStandAtWholeRadians) {
   struct Case {
     int count;

@@ -77,7 +77,7 @@ TEST(RunAccuracy, UncalibratedRunsShowReliefAndNotPrint) {
   }
 }
 
-// The means that README.md tells of the maps, in degrees and per cent; 3 lamps first. Mostly they
+// The means that docs/guide.md gives, in degrees and per cent; 3 lamps first. Mostly they
 // come from the rounding and the noise of the images, so that little can be added unseen.
 TEST(RunAccuracy, TheCalibratedMapsAreAsExactAsTheImages) {
   const struct {

@@ -1,6 +1,6 @@
 // Whole runs of the module on the sample scene against the plain implementation, their timings, and
-// the largest blur. What else a run refuses, delivers and leaves alone is checked with the call
-// sequences.
+// the largest blur. The call sequences check what else a run refuses, delivers and leaves
+// unchanged.
 //
 // Where both decompose the same matrices, which is so for pieces below about a thousand pixels and
 // in the calibrated run, every 8-bit result is the same to the byte. The height is solved in

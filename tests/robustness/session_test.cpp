@@ -1,5 +1,5 @@
 // Whole sessions: every allocation fails in turn; tools beside each other; processes, signals and
-// floating-point states that hosts bring along.
+// floating-point states of applications.
 #include <dlfcn.h>
 #include <fenv.h>
 #include <gtest/gtest.h>
@@ -347,7 +347,7 @@ TEST(Processes, AnUnloadedModuleIsGone) {
   EXPECT_EQ(dlopen(VELOSTRIX_MODULE, RTLD_NOW | RTLD_NOLOAD), nullptr);
 }
 
-// A signal that the host has blocked waits for the host, on the height's threads too.
+// A signal that the application has blocked stays blocked, also on the threads of the height.
 TEST(Processes, TheHostsSignalsAreItsOwn) {
   sigset_t blocked, waiting, left;
   sigemptyset(&blocked);

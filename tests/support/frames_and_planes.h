@@ -1,5 +1,4 @@
-// Frames of any geometry for stage tests, and planes that notice what is written where it should
-// not be.
+// Frames of any geometry for stage tests, and planes that notice writes outside the frame.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -27,8 +26,7 @@ inline std::ostream& operator<<(std::ostream& out, const Geometry& g) {
              << " images";
 }
 
-// Frames of every width from 1 to 40, packed and with gaps between the rows, of which there are 2
-// to 4.
+// Frames of every width from 1 to 40, with 2 to 4 rows, packed and with gaps between the rows.
 inline std::vector<Geometry> NarrowFrames() {
   std::vector<Geometry> frames;
   for (int64_t cols = 1; cols <= 40; ++cols) {

@@ -1,4 +1,4 @@
-// A C++ host on an installed copy.
+// A C++ application on an installed copy.
 #include <cstdio>
 #include <opencv2/core.hpp>
 #include <vector>
