@@ -37,7 +37,7 @@ struct ExploreOptions {
   int tile = 0;  // 0: not given
 };
 
-// To three digits, so that the label says all of it.
+// Rounded to three digits, so that the label shows the whole number.
 std::string Rounded(double gain) {
   if (gain == 0.0) return "0";
   const double unit = std::pow(10.0, std::floor(std::log10(std::abs(gain))) - 2.0);
@@ -47,8 +47,8 @@ std::string Rounded(double gain) {
   return text.str();
 }
 
-// The part with the gains of each tile, which are chosen once for all that differ in their factor
-// only. Settings of the plan come to say what was chosen.
+// The part with the gains of each tile, chosen once for all tiles that differ only in a gain's
+// factor. Adds the chosen gains to the settings of the tiles.
 std::vector<Part> ChooseGains(Tool& tool, const Part& part, const ReconstructOptions& options,
                               ExplorePlan& plan) {
   std::map<std::string, Part> chosen_for;
@@ -77,7 +77,7 @@ std::vector<Part> ChooseGains(Tool& tool, const Part& part, const ReconstructOpt
   return parts;
 }
 
-// How the shown pixels become a tile.
+// How a result becomes a tile.
 struct Showing {
   cv::Rect crop;
   int tile_width = 0;
@@ -135,7 +135,7 @@ cv::Mat ShownImage(const Results& results, const ExplorePlan& plan, const Part& 
 
 bool IsSame(const cv::Mat& a, const cv::Mat& b) { return cv::norm(a, b, cv::NORM_INF) == 0.0; }
 
-// Says which of the parameters makes no difference in this result.
+// Warns of parameters that make no difference in this result.
 void SayIdle(const ExplorePlan& plan, const std::vector<SheetRow>& rows, Console& console) {
   std::array<bool, 2> is_idle = {true, true};
   for (const SheetRow& row : rows) {
@@ -153,7 +153,7 @@ void SayIdle(const ExplorePlan& plan, const std::vector<SheetRow>& rows, Console
   }
 }
 
-// The picture's folder must not be that of the images: the next run would take it for one.
+// The picture must not be in the folder of the images: the next run would read it as one.
 void RequireOtherFolder(const fs::path& out, const std::vector<std::string>& images) {
   std::error_code ignored;
   const fs::path folder = out.has_parent_path() ? out.parent_path() : ".";
@@ -233,11 +233,12 @@ void AddExploreCommand(CLI::App& app, const std::vector<std::string>& arguments)
   DeclareMethod(*command, options->part);
   const char* const sheet = "Sheet";
   command
-      ->add_option("--vary", options->vary,
-                   "A parameter and its values; twice for rows and columns. Names are " +
-                       ParameterNames() +
-                       "; a gain may be xF, F times the chosen one. When not given, what shows in "
-                       "the result: blur=0,1,2,4 and gain=x0.5,x1,x2 for the curvature")
+      ->add_option(
+          "--vary", options->vary,
+          "A parameter and its values; twice for rows and columns. Parameters: " +
+              ParameterNames() +
+              "; a gain may be xF, F times the chosen one. When not given, those that matter "
+              "for the result: blur=0,1,2,4 and gain=x0.5,x1,x2 for the curvature")
       ->group(sheet)
       ->allow_extra_args(false)
       ->type_name("NAME=VALUE,...");
@@ -247,12 +248,12 @@ void AddExploreCommand(CLI::App& app, const std::vector<std::string>& arguments)
   command
       ->add_option(
           "--show", options->show,
-          "The result to show; curvature when not given, or height-view (see --height-view "
+          "The result to show; when not given, curvature, or height-view (see --height-view "
           "of reconstruct) when iterations are varied")
       ->group(sheet)
       ->check(CLI::IsMember(results))
       ->type_name("RESULT");
-  command->add_option("--crop", options->crop, "Show only these pixels of the results, as they are")
+  command->add_option("--crop", options->crop, "Show only these pixels of the results, unscaled")
       ->group(sheet)
       ->type_name("X,Y,WIDTH,HEIGHT");
   command
@@ -270,9 +271,8 @@ void AddExploreCommand(CLI::App& app, const std::vector<std::string>& arguments)
   DeclareGains(*command, options->part);
   command->callback([options, arguments] { Explore(*options, arguments); });
   command->footer(
-      "Each tile is what reconstruct makes of the same images with the options above it, beside "
-      "those given here. Gains are chosen for each tile as reconstruct does, where they are not "
-      "given or varied.\n\n"
+      "Each tile is the result of reconstruct with the options above it and those given here. "
+      "Gains that are neither given nor varied are chosen for each tile, as reconstruct does.\n\n"
       "Examples:\n"
       "  velostrix explore part1\n"
       "  velostrix explore part1 --vary blur=0,2 --vary gain=20,40 --crop 9,9,300,200\n"

@@ -1,4 +1,4 @@
-// Which tiles `velostrix explore` makes: values of one or two parameters as options of reconstruct.
+// The tiles of `velostrix explore`: values of one or two parameters as options of reconstruct.
 #include "apps/explore_plan.h"
 
 #include <algorithm>
@@ -11,7 +11,7 @@ namespace {
 
 constexpr size_t kMostTiles = 64;
 
-// What can be varied, and the option that it is; the option's own name will do as well.
+// The names of parameters and their options; an option's own name is accepted as well.
 constexpr std::array<std::pair<const char*, const char*>, 9> kParameters = {
     {{"gain", "gain"},
      {"blur", "blur-radius"},
@@ -39,7 +39,7 @@ Axis ParseAxis(const std::string& text) {
   return axis;
 }
 
-// The height where its iterations are varied.
+// The default result: the height when its iterations are varied.
 std::string UsualResult(const std::vector<Axis>& axes) {
   const bool is_height = std::any_of(
       axes.begin(), axes.end(), [](const Axis& axis) { return axis.option == "iteration-cap"; });
@@ -52,7 +52,7 @@ Output OutputOf(const std::string& show) {
   return found == kAllOutputs.end() ? Output::kHeight : *found;
 }
 
-// What changes the result.
+// The axes by default.
 std::vector<Axis> UsualAxes(Output shown) {
   const Axis gain = {"gain", {"x0.5", "x1", "x2"}};
   const Axis scale = {"scale", {"1", "0.5", "0.25"}};

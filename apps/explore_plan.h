@@ -1,4 +1,4 @@
-// Which tiles `velostrix explore` makes: values of one or two parameters as options of reconstruct.
+// The tiles of `velostrix explore`: values of one or two parameters as options of reconstruct.
 #pragma once
 
 #include <array>
@@ -38,15 +38,15 @@ struct ExplorePlan {
 // The parameters that can be varied, joined by commas.
 std::string ParameterNames();
 
-// From NAME=VALUE,VALUE,... for none, one or two parameters, and what to show; where one is empty,
-// the usual. Throws UsageError, or the parser's errors for values that reconstruct refuses.
+// Makes the plan from NAME=VALUE,VALUE,... for none, one or two parameters and the result to show;
+// empty ones have defaults. Throws UsageError, or the parser's errors for values that it refuses.
 ExplorePlan PlanTiles(const std::vector<std::string>& vary, const std::string& show,
                       const ReconstructOptions& options);
 
-// As they are written for reconstruct.
+// The settings as options of reconstruct.
 std::string Label(const Settings& settings);
 
-// What reconstruct would do with these settings besides the options, for one result.
+// The recipe of reconstruct with the options and these settings, for one result.
 Recipe ParseSettings(const ReconstructOptions& options, const Settings& settings, Output shown);
 
 }  // namespace velostrix::cli

@@ -20,8 +20,7 @@ struct ResultFolder {
 // Throws Failure, which names the file and what is wrong with it.
 ResultFolder ReadResults(const std::string& folder);
 
-// The images as the run took them, converted; those that are missing or have changed since are
-// empty.
+// The images as the run took them, converted; empty where files are missing or have changed.
 std::vector<ReportInput> ReadInputs(const ResultFolder& folder);
 
 }  // namespace velostrix::cli

@@ -52,8 +52,7 @@ namespace Velostrix
     }
 
     /// <summary>
-    /// How results of runs with unknown lamps are oriented: their slopes may be mirrored, turned or
-    /// negated.
+    /// How results of runs with unknown lamps are oriented, whose slopes may be mirrored or turned.
     /// </summary>
     public enum VelostrixOrientation
     {

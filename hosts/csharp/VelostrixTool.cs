@@ -155,8 +155,7 @@ namespace Velostrix
         /// <summary>The same for lamps anywhere; null: not measured.</summary>
         public double? UnexplainedByAny { get; }
         /// <summary>
-        /// Pixels by which each image is shifted against most; null: not measured, as without
-        /// structure.
+        /// Pixels by which each image is shifted against most; null: cannot be measured.
         /// </summary>
         public IReadOnlyList<double?> Shifts { get; }
         /// <summary>
@@ -263,9 +262,8 @@ namespace Velostrix
         }
 
         /// <summary>
-        /// Prepares the tool for `count` (3 to 8) images of width x height pixels and for the
-        /// parameters; forgets images and results. Allocates only when count, size, region or scale
-        /// change.
+        /// Prepares the tool for `count` (3 to 8) images of width x height pixels and the parameters;
+        /// forgets images and results. Allocates only when count, size, region or scale change.
         /// </summary>
         public void Prepare(int count, int width, int height, VelostrixParameters parameters)
         {

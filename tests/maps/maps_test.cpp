@@ -1,6 +1,5 @@
 // From float maps to bytes, words, derivatives and height: equal to the scalar rules in every bit,
-// also between the rows and behind the frame. The height follows Eigen's solver on the whole
-// system.
+// also between the rows and behind the frame. The height follows Eigen's sparse solver.
 #include <algorithm>
 #include <array>
 #include <cmath>

@@ -1,6 +1,5 @@
 // Whole runs of the module on the sample scene against the plain implementation, their timings, and
-// the largest blur. The call sequences check what else a run refuses, delivers and leaves
-// unchanged.
+// the largest blur. The call sequences check other refusals and results.
 //
 // Where both decompose the same matrices, which is so for pieces below about a thousand pixels and
 // in the calibrated run, every 8-bit result is the same to the byte. The height is solved in
