@@ -165,7 +165,7 @@ void RunParts(const std::vector<ManifestPart>& parts, const BatchPlan& plan, int
     const size_t open = parts.size() - progress.through();
     if (open != 0) {
       console.Warn("interrupted; " + std::to_string(open) +
-                   " parts are open: the same command goes on with them");
+                   " parts are open: repeat the command to continue");
     }
   }
   if (signal != 0) raise(signal);

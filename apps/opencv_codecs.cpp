@@ -10,7 +10,7 @@ cv::Mat Decode(const std::vector<char>& bytes) {
 }
 
 bool Encode(const std::string& extension, const cv::Mat& image, std::vector<uint8_t>& bytes) {
-  // What OpenCV does with three channels of float, unless told otherwise, loses signs.
+  // OpenCV's default for three channels of float loses signs.
   constexpr int kDeflate = 8;
   constexpr int kJpegQuality = 85;
   return cv::imencode(

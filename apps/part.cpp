@@ -195,7 +195,7 @@ void SayDiagnostics(const Part& part, Console& console) {
                  Format(100.0 * diagnostics.unexplained_by_ring) +
                  " %, by any lamps: " + Format(100.0 * diagnostics.unexplained_by_any) + " %");
   } else if (part.record.recipe.parameters.run == Run::kCalibrated) {
-    console.Note("whether the lamps are those of the ring cannot be told from these images");
+    console.Note("these images do not show whether the lamps are those of the ring");
   }
   if (diagnostics.noise_share >= 0.0) {
     console.Note("noise in the curvature: " + Format(100.0 * diagnostics.noise_share) + " %");
@@ -253,12 +253,13 @@ void SayOrientation(const Part& part, Console& console) {
   add(found.is_mirrored, "mirrored");
   add(found.is_turned, "turned by a quarter");
   add(found.is_inverted, "inverted");
-  std::string text = done.empty() ? "not mirrored or turned" : done + ", put right";
-  if (!found.is_clear) text += ", but whether they are mirrored cannot be told";
-  console.Note("slopes as they came: " + text + " (curl share " + Format(found.curl_as_is) +
+  std::string text = done.empty() ? "not mirrored or turned" : done + "; corrected";
+  if (!found.is_clear) text += "; not clear whether they are mirrored";
+  console.Note("orientation of the slopes: " + text + " (curl share " + Format(found.curl_as_is) +
                ", when mirrored " + Format(found.curl_mirrored) + ')');
   if (found.is_sign_open) {
-    console.Note("the sign is open: bumps may be shown as dents; --lamp says where one lamp is");
+    console.Note(
+        "the sign is open: bumps may appear as dents; give the direction of a lamp (--lamp)");
   }
 }
 

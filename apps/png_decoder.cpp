@@ -65,8 +65,8 @@ uint8_t Paeth(int left, int above, int above_left) {
   return static_cast<uint8_t>(to_above <= to_both ? above : above_left);
 }
 
-// A row's samples from what a filter made of them, in place. above: the row before, zeros for the
-// first. Before each lie the bytes of a pixel, zeros. False when there is no such filter.
+// Undoes the filter of a row, in place. above: the row before, zeros for the first. Both have a
+// pixel of zeros in front. False when there is no such filter.
 bool Unfilter(uint8_t filter, uint8_t* row, const uint8_t* above, size_t size, size_t pixel) {
   const auto add = [&](const auto& predicted) {
     for (size_t j = 0; j < size; ++j) row[j] = static_cast<uint8_t>(row[j] + predicted(j));
@@ -108,8 +108,7 @@ cv::Mat DecodePng(const std::vector<char>& file) {
   const size_t pixel = (colour == 0 ? 1U : 3U) * bits / 8U;
   const size_t row_size = width * pixel;
   const size_t size = (row_size + 1) * height;
-  constexpr size_t kMostExpansion =
-      1100;  // of deflate: more is not there, whatever the header says
+  constexpr size_t kMostExpansion = 1100;  // of deflate: files with a larger ratio are damaged
   if (size / kMostExpansion > chunks->stream.size()) return {};
 
   const std::unique_ptr<uint8_t[]> filtered(new uint8_t[size]);

@@ -7,8 +7,7 @@
 namespace velostrix::cli {
 
 // The image of a file as cameras and programs write them: grey or colour of 8 or 16 bits a sample,
-// not interlaced; CV_8UC1, CV_16UC1, CV_8UC3 or CV_16UC3 (blue, green, red). Empty for any other
-// file, be it of another kind or damaged.
+// not interlaced; CV_8UC1, CV_16UC1, CV_8UC3 or CV_16UC3 (blue, green, red). Empty for other files.
 cv::Mat DecodePng(const std::vector<char>& file);
 
 }  // namespace velostrix::cli

@@ -1,7 +1,6 @@
 // Diagnosis: what was measured in the images and on the slopes, in words.
 //
-// Records of older versions lack some of it: what is undefined is not mentioned, null is what the
-// run could not tell or had no reason to measure.
+// Records of older versions lack some values; these are not mentioned. null means not measured.
 
 const percent = (share) => `${Number((100 * share).toPrecision(3))} %`;
 const pixels = (count) => `${Number(count.toPrecision(2))} pixels`;
@@ -26,19 +25,19 @@ function ringText({unexplained_share: share, recipe}) {
            `${percent(share.by_any_lamps)}.`;
   }
   return share === null && recipe.run === 'cali'
-      ? 'Whether the lamps are those of the ring cannot be told from these images.' : null;
+      ? 'These images do not show whether the lamps are those of the ring.' : null;
 }
 
 function motionText({shifts_pixels: shifts}) {
   if (!shifts) return null;
-  const told = shifts.filter((shift) => shift !== null);
-  if (told.length === 0) return 'Whether anything moved from photograph to photograph cannot be told.';
-  const farthest = Math.max(...told);
+  const measured = shifts.filter((shift) => shift !== null);
+  if (measured.length === 0) return 'The photographs do not show whether anything moved.';
+  const farthest = Math.max(...measured);
   const image = `photograph ${shifts.indexOf(farthest) + 1}`;
   const open = shifts.flatMap((shift, k) => shift === null ? [`photograph ${k + 1}`] : []);
-  return (farthest < 2 ? `Nothing moved by 2 pixels or more; ${image} lies farthest from the place of most, by ${pixels(farthest)}.`
+  return (farthest < 2 ? `Nothing moved by 2 pixels or more; ${image} is shifted most, by ${pixels(farthest)}.`
                        : `Against most photographs, ${image} moved farthest, by ${pixels(farthest)}.`) +
-         (open.length ? ` Of ${listed(open)} it cannot be told.` : '');
+         (open.length ? ` The shift of ${listed(open)} cannot be measured.` : '');
 }
 
 function noiseText({noise_share: share}) {
@@ -50,25 +49,25 @@ function noiseText({noise_share: share}) {
 function orientationText({orientation: found, recipe}) {
   if (!found) {
     return found === null && recipe.run !== 'cali'
-        ? 'Slopes are shown as they came: whether they are mirrored, turned or inverted was not measured.' : null;
+        ? 'Slopes are shown unchanged: whether they are mirrored, turned or inverted was not measured.' : null;
   }
   const done = listed([found.is_mirrored && 'mirrored', found.is_turned && 'turned by a quarter',
                        found.is_inverted && 'inverted'].filter(Boolean));
   const turn = Math.round(Math.abs(found.turn_degrees));
   return [
-    done ? `Slopes came ${done}, which was put right.` : 'Slopes came neither mirrored nor turned.',
+    done ? `Slopes were ${done}, which was corrected.` : 'Slopes were neither mirrored nor turned.',
     !found.is_clear && 'Whether they are mirrored is not clear.',
-    `As they came, ${percent(found.curl_as_is)} of their changes fit no surface, mirrored ${percent(found.curl_mirrored)}.`,
-    turn > 1 && `They stay turned by ${turn} degrees, ${found.turn_degrees > 0 ? 'counter-clockwise' : 'clockwise'}.`,
-    found.has_mirrored_curvature && 'The curvature is that of the mirrored slopes, where it shows more.',
+    `Unchanged, ${percent(found.curl_as_is)} of their derivatives fit no surface; mirrored, ${percent(found.curl_mirrored)}.`,
+    turn > 1 && `They remain turned by ${turn} degrees, ${found.turn_degrees > 0 ? 'counter-clockwise' : 'clockwise'}.`,
+    found.has_mirrored_curvature && 'The curvature comes from the mirrored slopes, where it shows more.',
   ].filter(Boolean).join(' ');
 }
 
 function signText({orientation: found, recipe}) {
   if (!found) return null;
   return found.is_sign_open
-      ? 'Open: bumps may be shown as dents. The direction of one lamp tells them apart (--lamp).'
-      : recipe.lamp ? `Bumps and dents are told apart by the lamp of photograph ${recipe.lamp.image + 1}.` : null;
+      ? 'Open: bumps may appear as dents. The direction of one lamp determines the sign (--lamp).'
+      : recipe.lamp ? `Determined by the lamp of photograph ${recipe.lamp.image + 1}.` : null;
 }
 
 function maskText({mask}) {
@@ -92,7 +91,7 @@ function fillDiagnosis({record}) {
   byId('warnings').append(...(warnings || []).map(
       (text) => element('li', {textContent: `Warning: ${text}`, className: 'warning'})));
   const rows = [
-    ['Warnings', !warnings ? 'The images were not diagnosed.' : warnings.length ? null : 'The images gave no reason for a warning.'],
+    ['Warnings', !warnings ? 'The images were not diagnosed.' : warnings.length ? null : 'None.'],
     ['Lamps', lampText(record)], ['Ring', ringText(record)], ['Motion', motionText(record)], ['Noise', noiseText(record)],
     ['Orientation', orientationText(record)], ['Sign', signText(record)], ['Mask', maskText(record)],
     ['Measures', measureText(record)],

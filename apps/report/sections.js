@@ -1,4 +1,4 @@
-// What went in and came out: results with histograms, inputs, parameters, times, other files.
+// Results with histograms, inputs, parameters, times, other files.
 
 function histogram(counts, name) {
   const [w, h] = [256, 72];
@@ -99,7 +99,7 @@ function falloff(field) {
   return d3.min(levels, (column) => d3.min(column)) / d3.max(levels, (column) => d3.max(column));
 }
 
-// Parameters of the recipe that read better in other words than those of JSON; null: of no effect.
+// Texts of parameters that are clearer than their JSON; null: no effect.
 const kParameterTexts = {
   recipe_version: () => null,
   gains: () => null,  // beside the results
@@ -108,7 +108,7 @@ const kParameterTexts = {
   band: (band, {run}) => run === 'partrows' ? `${band} rows` : run === 'partcols' ? `${band} columns` : null,
   region: (region) => region ? `${sizeText(region)} from (${region.x}, ${region.y})` : 'whole images',
   blur_radius: (radius) => radius ? `${radius} pixels` : 'none',
-  iteration_cap: (cap) => cap < 0 ? 'as many as it takes' : String(cap),
+  iteration_cap: (cap) => cap < 0 ? 'until it converges' : String(cap),
   bits: (bits) => bits ? `${bits} in use of 16-bit samples` : null,
   white: (white) => white ? `16-bit samples of ${white}` : null,
   orientation: (orientation, {run}) => run === 'cali' ? null : orientation,
@@ -117,12 +117,12 @@ const kParameterTexts = {
       `${listed(fields.map((field) => percent(falloff(field))))} of the light of the brightest`,
 };
 
-// What the files beside the page hold that are no results.
+// The files beside the page that are not results.
 function otherFiles({height, exports = {}}) {
   const view = height && height.view;
   return [
-    ...(view ? [[view.file, `height for eyes, without its ${view.removed === 'plane' ? 'tilt' : 'tilt and bowl'}; ` +
-                            `${view.border} pixels at each side do not count in its range`]] : []),
+    ...(view ? [[view.file, `height for display, without its ${view.removed === 'plane' ? 'tilt' : 'tilt and bowl'}; ` +
+                            `its range ignores ${view.border} pixels on each side`]] : []),
     ...Object.entries(exports).map(([name, {unit, decimate, colours, convention}]) => [name, [
       unit, decimate > 1 && `a vertex for ${decimate} x ${decimate} pixels`,
       colours && `colours: ${colours}`, convention && `convention: ${convention}`,
@@ -144,7 +144,7 @@ function fillRecord({record}) {
     ...Object.entries(recipe).map(([name, value]) => [label(name), (kParameterTexts[name] || valueText)(value, recipe)]),
     ...Object.entries(also).filter((row) => row[1] !== undefined),
   ]);
-  // What was not over when the page was written is 0.
+  // Steps that were not finished when the page was written have 0.
   const times = Object.entries(record.times_ms || {}).map(([name, time]) => [name, d3.sum([].concat(time))]);
   fillTable(byId('times'), times.map(([name, time]) => [label(name), time ? time.toFixed(1) : null]), 'number');
   const files = otherFiles(record);

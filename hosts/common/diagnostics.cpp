@@ -155,7 +155,7 @@ void WarnOfExposures(const VelostrixDiagnostics& d, const Strings& names, String
     }
     if (exposure.equal_to >= 0) {
       warnings.push_back(names[k] + ": equal to " + names[static_cast<size_t>(exposure.equal_to)] +
-                         "; the camera or the lamps were not triggered anew");
+                         "; the camera or the lamps were not triggered again");
     }
     if (exposure.black_share <= kManyPixels && exposure.mean_level < darkest) {
       darkest = exposure.mean_level;

@@ -11,7 +11,7 @@ foreach(name IN ITEMS Velostrix Velostrix.Drawing)
   file(COPY ${ASSEMBLIES}/${name}.dll ${ASSEMBLIES}/${name}.xml
     DESTINATION ${stage}/lib/netstandard2.0)
 endforeach()
-# By the names that are asked for: the host's by C#, the module's by the host library.
+# By the names that are loaded: velostrix_host by C#, the module by velostrix_host.
 string(REGEX MATCH "^0\\.[0-9]+|^[0-9]+" soversion ${VERSION})
 set(native runtimes/${RUNTIME}/native)
 file(MAKE_DIRECTORY ${stage}/${native})

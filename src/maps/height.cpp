@@ -17,7 +17,7 @@
 // It takes one sweep over memory, because beta is known before r is: the new r.M^-1 r is
 // alpha^2 w.M^-1 w - r.M^-1 r (Meurant, 1987). The sweep sums the true r.M^-1 r for the next alpha,
 // so that the error of the prediction does not accumulate. z is written in every other sweep: the
-// direction before can be had from p and r again, p_before = (p - M^-1 r) / beta. That makes 20
+// direction before follows from p and r again, p_before = (p - M^-1 r) / beta. That makes 20
 // bytes a pixel and iteration.
 #include "maps/height.h"
 

@@ -12,7 +12,7 @@ namespace velostrix {
 // Chooses the QR below. None of Eigen's own choices.
 constexpr int kLocalPivotingQr = 0x1000;
 static_assert(EIGEN_WORLD_VERSION == 3 && EIGEN_MAJOR_VERSION == 4,
-              "what stands here follows the insides of Eigen 3.4");
+              "this file follows the implementation of Eigen 3.4");
 
 template <typename Matrix>
 using JacobiSvd = Eigen::JacobiSVD<Matrix, kLocalPivotingQr>;

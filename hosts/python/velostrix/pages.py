@@ -1,4 +1,4 @@
-"""Results for eyes: pictures and a surface to relight in notebooks, and the command line's report."""
+"""Results for display: pictures and a relightable surface in notebooks, and the report."""
 import base64
 import dataclasses
 import datetime

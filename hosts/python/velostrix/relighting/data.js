@@ -1,4 +1,4 @@
-// What the page shows: the record of the run and its pictures, decoded to planes of numbers.
+// The data of the page: the record of the run and its pictures, decoded to planes of numbers.
 'use strict';
 
 const byId = (id) => document.getElementById(id);
@@ -12,7 +12,7 @@ function element(tag, properties = {}, ...children) {
 // At most four significant digits.
 const short = (value) => String(Number(Number(value).toPrecision(4)));
 
-// What each result shows, as its alternative text.
+// The alternative texts of the results.
 const kMeanings = {
   factor: 'brightness of the part: its print without relief',
   curvature: 'where slopes change: edges of relief, bright or dark',
@@ -28,7 +28,7 @@ async function decode(base64, type) {
   const text = atob(base64);
   const bytes = new Uint8Array(text.length);
   for (let k = 0; k < text.length; ++k) bytes[k] = text.charCodeAt(k);
-  // The levels as they stand, whatever the screen.
+  // The levels unchanged, independent of the screen.
   return createImageBitmap(new Blob([bytes], {type}), {colorSpaceConversion: 'none'});
 }
 

@@ -1,11 +1,12 @@
-// Relighting: the reconstructed slopes under a lamp that the reader moves, beside the photographs.
+// Relighting: the reconstructed slopes under a movable lamp, beside the photographs.
 //
 // Axes are those of the results: x to the left, y down, z to the camera. A pixel with the slopes p, q
 // has the normal n = (p, q, 1) / sqrt(p^2 + q^2 + 1); a lamp l makes it print x max(0, n . l).
 
-// Slopes of all pixels. Calibrated channels are components of normals. Uncalibrated slopes are in
-// units of their singular vectors: what they change in the images is s1 / s0 and s2 / s0, and lamps
-// about 45 degrees from the camera's axis, all around, make sqrt(2) of it. One unit for both keeps shapes.
+// Slopes of all pixels. Calibrated channels are components of normals. Uncalibrated slopes are in units
+// of their singular vectors: one unit changes the brightness by s1 / s0 or s2 / s0, and is a slope of
+// sqrt(2) times that under lamps all around, about 45 degrees from the camera's axis. One unit for both
+// slopes keeps shapes.
 function slopesOf(report) {
   const {recipe: {gains, offsets, run}, singular_values: values = []} = report.record;
   const unit = run === 'cali' ? 1 : values[2] > 0 ? Math.sqrt(2 * values[1] * values[2]) / values[0] : 0.2;
