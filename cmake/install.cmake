@@ -24,10 +24,13 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/velostrix
 install(FILES ${PROJECT_BINARY_DIR}/generated/velostrix/version.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/velostrix COMPONENT development)
 
-# What is unpacked anywhere runs there; what is in /usr needs no path of its own.
+# What is unpacked anywhere runs there; what is in /usr needs no path of its own. In the build, CMake's
+# own path would end in a colon, which means the current folder and anybody's libraries in it; packages
+# for Python and C# take a built library along.
 function(velostrix_find_beside target origin file)
   if(UNIX AND NOT APPLE)
-    set_target_properties(${target} PROPERTIES INSTALL_RPATH ${origin})
+    set_target_properties(${target} PROPERTIES
+      INSTALL_RPATH "${origin}" INSTALL_RPATH_USE_LINK_PATH ON BUILD_WITH_INSTALL_RPATH ON)
   endif()
   install(CODE "
     if(CMAKE_INSTALL_PREFIX MATCHES /usr/?$)
@@ -41,7 +44,7 @@ if(TARGET velostrix_cli)
   install(TARGETS velostrix_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
   install(TARGETS velostrix_codecs
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_SKIP)
-  velostrix_find_beside(velostrix_cli "\$ORIGIN/../${CMAKE_INSTALL_LIBDIR}"
+  velostrix_find_beside(velostrix_cli "\$ORIGIN/../${CMAKE_INSTALL_LIBDIR};\$ORIGIN"
     ${CMAKE_INSTALL_BINDIR}/velostrix)
   install(FILES ${CMAKE_CURRENT_LIST_DIR}/velostrix.bash RENAME velostrix
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions COMPONENT runtime)
