@@ -2,8 +2,9 @@
 //
 // Records of older versions lack some values; these are not mentioned. null means not measured.
 
-const percent = (share) => `${Number((100 * share).toPrecision(3))} %`;
-const pixels = (count) => `${Number(count.toPrecision(2))} pixels`;
+const percent = (share) => `${Number((100 * share).toPrecision(3))}\u00a0%`;
+const pixels = (count) => `${Number(count.toPrecision(2))}\u00a0pixels`;
+const times = (factor) => factor < 10 ? factor.toFixed(1) : factor.toFixed(0);
 
 function listed(words) {
   return words.length < 2 ? words.join('') : `${words.slice(0, -1).join(', ')} and ${words[words.length - 1]}`;
@@ -14,9 +15,10 @@ function lampText({singular_values: values = []}) {
   const [first, second, rest] = values.slice(1).map((value) => value / values[0]);
   const text = `Against the brightness that all images share, relief in the two directions has ` +
       `${percent(first)} and ${percent(second)}`;
-  return rest > 0 ? `${text}; what is left, noise and shadows, has ${percent(rest)}. Relief in the second direction ` +
-                    `is ${Number((second / rest).toPrecision(2))} times that.`
-                  : `${text}.`;
+  const kRounding = 1e-5;  // one image is made of the others
+  return rest > kRounding ? `${text}; what is left, noise and shadows, has ${percent(rest)}. Relief in the second ` +
+                            `direction is ${times(second / rest)} times that.`
+                          : `${text}.`;
 }
 
 function ringText({unexplained_share: share, recipe}) {
@@ -66,7 +68,7 @@ function orientationText({orientation: found, recipe}) {
 function signText({orientation: found, recipe}) {
   if (!found) return null;
   return found.is_sign_open
-      ? 'Open: bumps may appear as dents. The direction of one lamp determines the sign (--lamp).'
+      ? 'Open: bumps may appear as dents. The direction of one lamp determines the sign (option lamp).'
       : recipe.lamp ? `Determined by the lamp of photograph ${recipe.lamp.image + 1}.` : null;
 }
 
@@ -96,5 +98,5 @@ function fillDiagnosis({record}) {
     ['Orientation', orientationText(record)], ['Sign', signText(record)], ['Mask', maskText(record)],
     ['Measures', measureText(record)],
   ];
-  fillTable(byId('findings'), rows);
+  fillList(byId('findings'), rows);
 }

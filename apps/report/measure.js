@@ -36,7 +36,7 @@ function toCsv(samples) {
 }
 
 function plot(container, samples, name) {
-  const [w, h, left, bottom] = [560, 130, 52, 24];
+  const [w, h, left, bottom] = [Math.max(container.clientWidth, 240), 130, 52, 24];  // letters keep their size
   const x = d3.scale.linear().domain(d3.extent(samples, (s) => s.distance)).range([left, w - 8]);
   const y = d3.scale.linear().domain(d3.extent(samples, (s) => s[name])).nice(4).range([h - bottom, 16]);
   const extent = d3.extent(samples, (s) => s[name]).map(short);
@@ -44,7 +44,7 @@ function plot(container, samples, name) {
     class: 'plot', viewBox: `0 0 ${w} ${h}`, role: 'img',
     'aria-label': `Profile of ${name}: from ${extent[0]} to ${extent[1]}`,
   });
-  svg.append('g').attr({class: 'axis', transform: `translate(0,${h - bottom})`}).call(d3.svg.axis().scale(x).ticks(6).orient('bottom'));
+  svg.append('g').attr({class: 'axis', transform: `translate(0,${h - bottom})`}).call(d3.svg.axis().scale(x).ticks(w / 90).orient('bottom'));
   svg.append('g').attr({class: 'axis', transform: `translate(${left},0)`}).call(d3.svg.axis().scale(y).ticks(4).orient('left'));
   svg.append('text').attr({x: left + 4, y: 12}).text(name);
   svg.append('path').attr({class: 'curve', 'data-name': name, d: d3.svg.line().x((s) => x(s.distance)).y((s) => y(s[name]))(samples)});
@@ -94,6 +94,7 @@ function startMeasuring(report) {
     [ends[2].value, ends[3].value] = place(event);
     draw();
   });
+  addEventListener('resize', draw);
   ends.forEach((input, k) => {
     input.max = k % 2 ? height - 1 : width - 1;
     input.value = [0, Math.floor(height / 2), width - 1, Math.floor(height / 2)][k];

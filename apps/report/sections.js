@@ -70,11 +70,10 @@ function valueText(value) {
   return typeof value === 'number' ? short(value) : String(value);
 }
 
-// A row for each [name, text], those without text left out.
-function fillTable(table, rows, className = '') {
-  for (const [name, text] of rows.filter((row) => row[1] !== null)) {
-    table.append(element('tr', {}, element('th', {scope: 'row', textContent: name}),
-                         element('td', {className, textContent: text})));
+// An entry for each [name, text], those without text left out.
+function fillList(list, entries) {
+  for (const [name, text] of entries.filter((entry) => entry[1] !== null)) {
+    list.append(element('dt', {textContent: name}), element('dd', {textContent: text}));
   }
 }
 
@@ -134,21 +133,21 @@ const quoted = (word) => /^[\w@%+=:,./-]+$/.test(word) ? word : `'${word.replace
 
 function fillRecord({record}) {
   const command = record.command;
-  byId('command').textContent = command
-      ? command.map(quoted).join(' ')
-      : 'Not from the command line; the recipe that repeats it:\n' + JSON.stringify(record.recipe, null, 2);
+  byId('command').append(...command
+      ? command.flatMap((word, k) => [k ? ' ' : '', element('span', {className: 'word', textContent: quoted(word)})])
+      : ['Not from the command line; the recipe that repeats it:\n' + JSON.stringify(record.recipe, null, 2)]);
   const {recipe} = record;
   const also = {...Object.fromEntries(Object.entries(record.sizes || {}).map(([name, size]) => [`${name} size`, sizeText(size)])),
                 threads: record.threads, version: record.version, date: dateText(record.date), computer: record.host};
-  fillTable(byId('parameters'), [
+  fillList(byId('parameters'), [
     ...Object.entries(recipe).map(([name, value]) => [label(name), (kParameterTexts[name] || valueText)(value, recipe)]),
     ...Object.entries(also).filter((row) => row[1] !== undefined),
   ]);
   // Steps that were not finished when the page was written have 0.
   const times = Object.entries(record.times_ms || {}).map(([name, time]) => [name, d3.sum([].concat(time))]);
-  fillTable(byId('times'), times.map(([name, time]) => [label(name), time ? time.toFixed(1) : null]), 'number');
+  fillList(byId('times'), times.map(([name, time]) => [label(name), time ? time.toFixed(1) : null]));
   const files = otherFiles(record);
-  if (files.length) fillTable(byId('files'), files);
+  if (files.length) fillList(byId('file-list'), files);
   else byId('files').remove();
 }
 

@@ -125,6 +125,7 @@ function startSurface(report) {
   const scale = byId('surface-scale');
   const exaggerate = () => {
     mesh.scale.z = 10 ** scale.valueAsNumber;
+    showFactor(byId('surface-factor'), scale, mesh.scale.z);
     draw();
   };
   scale.addEventListener('input', exaggerate);
@@ -134,5 +135,6 @@ function startSurface(report) {
     reset();
   });
   colour();
+  exaggerate();
   new ResizeObserver(fit).observe(stage);
 }

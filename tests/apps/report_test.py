@@ -384,13 +384,13 @@ class Page(Report):
         self.run_well("report", "out")
         self.open(out / "report.html")
         text = self.find("main").text
-        for words in ["25 % and 12.5 %; what is left, noise and shadows, has 6.25 %", "second direction is 2 times",
+        for words in ["25 % and 12.5 %; what is left, noise and shadows, has 6.25 %", "second direction is 2.0 times",
                       "photograph 3 moved farthest, by 3.1 pixels. The shift of photograph 2",
                       "3.12 % of the curvature is noise", "were mirrored and inverted, which was corrected",
                       "turned by 7 degrees, clockwise", "Determined by the lamp of photograph 3",
                       "0 in m.png are left out, 25 % of all", "1.5 % of the pixels have a curvature more than 12",
                       "from 0 degrees", "divided by the flat field of its lamp", "divided by its flat field",
-                      "height_view.png height for display", "normals.png convention: opengl", "lowest and 65535"]:
+                      "height_view.png\nheight for display", "normals.png\nconvention: opengl", "lowest and 65535"]:
             self.assertIn(words, text)
         self.assertNotIn("[object", text)
         self.assertNotIn("undefined", text)

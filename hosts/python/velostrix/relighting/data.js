@@ -99,6 +99,12 @@ function show(canvas, picture) {
   canvas.setAttribute('aria-label', `${picture.name}: ${picture.text}`);
 }
 
+// Beside a slider of powers, and read out with it.
+function showFactor(output, slider, factor) {
+  output.textContent = `× ${factor.toFixed(1)}`;
+  slider.setAttribute('aria-valuetext', `${factor.toFixed(1)} times`);
+}
+
 // A section that cannot be shown says why.
 function explain(section, reason) {
   for (const part of section.querySelectorAll('.controls, .pair, .stage, .hint')) part.remove();

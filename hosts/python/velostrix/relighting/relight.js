@@ -44,7 +44,7 @@ function ringLamps(count) {
 
 function startRelighting(report) {
   const section = byId('relighting');
-  const {channel0, channel1, factor} = report.planes;
+  const {channel0, channel1, factor: brightness} = report.planes;
   if (!channel0 || !channel1) {
     explain(section, 'Relighting needs the results channel0 and channel1: reconstruct with --outputs all.');
     return;
@@ -61,15 +61,16 @@ function startRelighting(report) {
   const context = canvas.getContext('2d');
   const image = context.createImageData(width, height);
   image.data.fill(255);
-  print.disabled = !factor;
+  print.disabled = !brightness;
 
   let waiting = false;
   function draw() {
     waiting = false;
     const [x, y, z] = lampAt(azimuth.valueAsNumber, slant.valueAsNumber);
-    const relief = 2 ** strength.valueAsNumber * (invert.checked ? -1 : 1);
+    const factor = 2 ** strength.valueAsNumber;
+    const relief = factor * (invert.checked ? -1 : 1);
     const across = relief * (mirror.checked ? -1 : 1);
-    const levels = print.checked ? factor : null;
+    const levels = print.checked ? brightness : null;
     for (let k = 0, at = 0; k < p.length; ++k, at += 4) {
       const [a, b] = [p[k] * relief, q[k] * across];
       const light = (a * x + b * y + z) / Math.sqrt(a * a + b * b + 1);
@@ -77,6 +78,7 @@ function startRelighting(report) {
       image.data[at] = image.data[at + 1] = image.data[at + 2] = level;
     }
     context.putImageData(image, 0, 0);
+    showFactor(byId('relight-factor'), strength, factor);
     lamp.style.left = `${50 - 50 * x}%`;
     lamp.style.top = `${50 + 50 * y}%`;
     byId('relight-text').textContent = `Lamp at ${Math.round(azimuth.valueAsNumber)} degrees, ` +
