@@ -51,6 +51,7 @@ CONTRASTS = """
         return [(a + 0.05) / (b + 0.05), node.outerHTML.slice(0, 80)];
       });
 """
+AXE = os.environ.get("VELOSTRIX_AXE")  # axe.min.js of the npm package axe-core
 REACHABLE = "a[href], button:enabled, input:enabled, select:enabled, summary, [tabindex='0']"
 
 
@@ -340,6 +341,27 @@ class Page(Report):
             self.assertLessEqual(self.script("return document.documentElement.scrollWidth"), width)
         self.browser.execute_cdp_cmd("Emulation.clearDeviceMetricsOverride", {})
         self.assert_quiet()
+
+    @unittest.skipUnless(AXE, "no axe-core: VELOSTRIX_AXE names no axe.min.js")
+    def test_axe_finds_no_barrier(self):  # by all of its rules, the experimental ones too
+        shots = [np.asarray(Image.open(self.folder / f"inputs/image{k}.png")) for k in range(4)]
+        notebook = self.folder / "notebook.html"
+        notebook.write_text(velostrix.reconstruct(shots)._repr_html_())
+        for page in [self.reconstruct("all", "--run", "cali", "--report") / "report.html",
+                     self.reconstruct("few", "--outputs", "factor", "--report") / "report.html", notebook]:
+            for scheme in ["light", "dark"]:
+                self.browser.execute_cdp_cmd("Emulation.setEmulatedMedia", {
+                    "features": [{"name": "prefers-color-scheme", "value": scheme}]})
+                self.browser.get(page.as_uri())
+                if page == notebook:
+                    self.browser.switch_to.frame(0)
+                self.wait("return document.documentElement.dataset.ready")
+                self.script(pathlib.Path(AXE).read_text())
+                found = self.browser.execute_async_script("""
+                  const rules = axe.getRules().map((rule) => [rule.ruleId, {enabled: true}]);
+                  axe.run({rules: Object.fromEntries(rules)}).then(({violations}) => arguments[0](
+                      violations.map(({id, nodes}) => [id, nodes.map((node) => node.html)])))""")
+                self.assertEqual(found, [], (page, scheme))
 
     def test_photographs_that_are_gone_or_changed_are_said_and_names_are_only_text(self):
         evil = "</script><img src=x onerror=document.title=1>"
