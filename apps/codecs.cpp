@@ -1,13 +1,26 @@
 #include "apps/codecs.h"
 
 #include <dlfcn.h>
+#include <sys/mman.h>
+
+#include <new>
 
 #include "apps/commands.h"
 
 namespace velostrix::cli {
 namespace {
 
+// Where they do not find it, some of the libraries end the program instead of failing to load.
+void RequireRoom() {
+  constexpr size_t kRoom = size_t{192} << 20U;
+  void* const room = mmap(nullptr, kRoom, PROT_READ | PROT_WRITE,
+                          MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (room == MAP_FAILED) throw std::bad_alloc();
+  munmap(room, kRoom);
+}
+
 const Codecs& Load() {
+  RequireRoom();
   void* const library = dlopen(VELOSTRIX_CODECS_FILE, RTLD_NOW);
   void* const codecs = library == nullptr ? nullptr : dlsym(library, "VelostrixCodecs");
   if (codecs == nullptr) {

@@ -42,6 +42,8 @@ velostrix_find_beside(velostrix_host "\$ORIGIN"
 
 if(TARGET velostrix_cli)
   install(TARGETS velostrix_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
+  set_target_properties(velostrix_codecs PROPERTIES
+    VERSION ${PROJECT_VERSION} SOVERSION ${soversion})
   install(TARGETS velostrix_codecs
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_SKIP)
   velostrix_find_beside(velostrix_cli "\$ORIGIN/../${CMAKE_INSTALL_LIBDIR};\$ORIGIN"

@@ -24,7 +24,8 @@ if(EXISTS /etc/debian_version)
   # A package built on ours works with any version whose libraries have the same SONAME.
   set(abi velostrix-abi-${soversion})
   file(WRITE ${debian}/shlibs
-    "libVelostrixUncalibration ${soversion} ${abi}\nlibvelostrix_host ${soversion} ${abi}\n")
+    "libVelostrixUncalibration ${soversion} ${abi}\nlibvelostrix_host ${soversion} ${abi}\n"
+    "libvelostrix_codecs ${soversion} ${abi}\n")
   file(WRITE ${debian}/velostrix
     "# C# and Python load the libraries by the names without a version.\n"
     "link-to-shared-library-in-wrong-package\n"

@@ -23,7 +23,8 @@ for file in "$folder"/debian/usr/bin/velostrix "$folder"/debian/usr/lib/*/lib*.s
 *                        __stack_chk_fail@
 velostrix                Flags:.* PIE
 velostrix                __v?snprintf_chk@
-lib*                     __[a-z]+_chk@
+libVelostrix*            __[a-z]+_chk@
+libvelostrix_host*       __[a-z]+_chk@
 lib*                     SONAME.*\.so\.(0\.|[1-9])[0-9]*]
 TABLE
   ! echo "$headers" | grep -E 'RUNPATH|RPATH' || fail "$file: searches a path of its own"
