@@ -24,10 +24,14 @@ std::string Text(cv::Size size) {
 }
 
 // The size of the part's images, if their headers have it. Throws Failure or Error for faults.
-std::optional<cv::Size> CheckPart(const Part& part, bool may_leave_bits_open) {
+std::optional<cv::Size> CheckPart(const Part& part, const BatchPlan& plan,
+                                  bool may_leave_bits_open) {
   const Recipe& recipe = part.record.recipe;
+  const RunOptions& options = part.record.options;
+  std::vector<std::string> files = part.files;
+  files.insert(files.end(), plan.flat.begin(), plan.flat.end());
   std::optional<cv::Size> size;
-  for (const std::string& file : part.files) {
+  for (const std::string& file : files) {
     const std::string refusal = WhyUnreadable(file);
     if (!refusal.empty()) throw Failure(refusal);
     const std::optional<ImageHeader> header = ReadImageHeader(file);
@@ -36,18 +40,23 @@ std::optional<cv::Size> CheckPart(const Part& part, bool may_leave_bits_open) {
       throw Failure(file + ": " + Text(header->size) + ", the others " + Text(*size));
     }
     size = header->size;
-    if (header->is_deep && recipe.bits == 0 && !may_leave_bits_open) {
+    if (header->is_deep && WhiteLevel(recipe) == 0 && !may_leave_bits_open) {
       throw Failure(file +
                     ": 16-bit samples, and the recipe leaves open how many bits are in use; "
                     "give the run.json of a part, or --choose-gains");
     }
   }
-  const bool may_be_turned = size && recipe.parameters.region;
+  const bool may_be_turned = size && (recipe.parameters.region || !part.mask.empty());
   if (may_be_turned && ExifOrientation(ReadBytes(part.files.front(), "")) > 4) {
     size = cv::Size(size->height, size->width);
   }
-  const size_t count = part.record.reading.split_channels ? 3 : part.files.size();
+  const size_t given = options.reading.split_channels ? 3 : part.files.size();
+  const size_t count = options.choose == 0 ? given : std::min<size_t>(given, options.choose);
   if (size) Check(static_cast<int>(count), *size, recipe.parameters);
+  if (options.choose == 0) CheckFlat(recipe, static_cast<int64_t>(count));
+  if (size && !part.mask.empty() && part.mask.size() != *size) {
+    throw Failure(options.mask + ": " + Text(part.mask.size()) + ", the images " + Text(*size));
+  }
   std::error_code ignored;
   const fs::path inputs = fs::path(part.files.front()).parent_path();
   if (fs::equivalent(inputs.empty() ? "." : inputs, part.out, ignored)) {
@@ -65,7 +74,7 @@ int64_t CheckParts(const std::vector<ManifestPart>& parts, const BatchPlan& plan
   for (const ManifestPart& entry : parts) {
     try {
       const Part part = BeginPart(entry, plan);
-      const cv::Size size = CheckPart(part, may_leave_bits_open).value_or(cv::Size());
+      const cv::Size size = CheckPart(part, plan, may_leave_bits_open).value_or(cv::Size());
       most = std::max(most, int64_t{size.width} * size.height);
     } catch (const std::exception& e) {
       problems.push_back(entry.place + ": part " + entry.name + ": " + e.what());

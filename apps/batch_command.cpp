@@ -16,7 +16,6 @@
 #include "apps/batch_gains.h"
 #include "apps/batch_progress.h"
 #include "apps/batch_workers.h"
-#include "apps/bayer.h"
 #include "apps/commands.h"
 #include "apps/console.h"
 #include "apps/csv.h"
@@ -36,7 +35,7 @@ namespace {
 
 struct BatchOptions {
   std::vector<std::string> parts;
-  std::string recipe;
+  ReconstructOptions part;  // of every part
   std::string choose_gains;
   std::string shard = "1/1";
   int workers = 0;  // 0: by cores and memory
@@ -44,8 +43,7 @@ struct BatchOptions {
   std::string watched;
   size_t images = 0;  // of a watched part; 0: any number
   double quiet_seconds = 1.0;
-  bool quiet = false;
-  BatchPlan plan;
+  int curvature_level = BatchPlan().curvature_level;
 };
 
 void WriteText(const std::string& folder, const std::string& name, const std::string& text) {
@@ -54,12 +52,14 @@ void WriteText(const std::string& folder, const std::string& name, const std::st
   file.Commit();
 }
 
-// How many parts of so many pixels the machine can run at the same time.
-int Workers(int64_t pixels) {
+// How many parts of so many pixels and further files the machine can run at the same time.
+int Workers(int64_t pixels, size_t further) {
   // Bytes a pixel with 8 images: the tool with the height's vectors; for each of two parts in work
   // the decoded images, the results and the encoded files.
   constexpr int64_t kBytes = 84 + 5 * 8 + 2 * (4 * 8 + 24);
-  const int64_t fitting = UsableMemory() / 10 * 8 / std::max<int64_t>(1, pixels * kBytes);
+  constexpr int64_t kFurtherBytes = 2 * 64;  // a mesh has 53
+  const int64_t bytes = kBytes + static_cast<int64_t>(further) * kFurtherBytes;
+  const int64_t fitting = UsableMemory() / 10 * 8 / std::max<int64_t>(1, pixels * bytes);
   return static_cast<int>(std::clamp<int64_t>(fitting, 1, UsableCores()));
 }
 
@@ -186,29 +186,50 @@ void PrintParts(const std::vector<ManifestPart>& parts) {
   }
 }
 
+// What is the same for all parts is read once.
+BatchPlan PlanBatch(const BatchOptions& options, const std::vector<std::string>& arguments) {
+  BatchPlan plan;
+  plan.part = ParsePart(options.part, arguments);
+  plan.out = options.part.out;
+  plan.curvature_level = options.curvature_level;
+  RunRecord& record = plan.part.record;
+  const RunOptions& asked = record.options;
+  if (options.images > VELOSTRIX_MOST_IMAGES && asked.choose == 0) {
+    throw UsageError("--images " + std::to_string(options.images) +
+                     ": expected 3 to 8; --choose 8 takes those that differ most");
+  }
+  plan.flat = FlatFiles(options.part.flat, {}, {});
+  if (!plan.flat.empty() && asked.choose == 0) {
+    record.recipe.flat = LoadFlat(plan.flat, asked.reading, record.recipe.white, nullptr);
+  }
+  if (!asked.mask.empty() && asked.mask != "auto") {
+    plan.part.mask = DecodeMask(asked.mask);
+    record.mask_sha256 = HashFile(asked.mask);
+  }
+  return plan;
+}
+
 void RunBatch(const BatchOptions& options, const std::vector<std::string>& arguments) {
   if (options.parts.empty() == options.watched.empty()) {
     throw UsageError(options.parts.empty()
                          ? "no parts given; expected a manifest, folders or --watch"
                          : "--watch: expected without a manifest or folders");
   }
-  BatchPlan plan = options.plan;
-  plan.arguments = arguments;
-  plan.recipe.parameters.orientation = Orientation::kUpright;  // as reconstruct has it
-  if (!options.recipe.empty()) plan.recipe = ReadRecipe(options.recipe);
+  BatchPlan plan = PlanBatch(options, arguments);
+  Recipe& recipe = plan.part.record.recipe;
   const bool is_choosing = !options.choose_gains.empty();
-  if (!is_choosing) RequireGains(plan.recipe);
+  if (!is_choosing) RequireGains(recipe);
   const Shard shard = ParseShard(options.shard);
   if (!options.watched.empty()) {
-    Console console(options.quiet);
+    Console console(options.part.quiet);
     if (is_choosing)
       throw UsageError("--choose-gains: not with --watch; run a batch with it first");
     LimitParallel(1);
     WatchFolder(options, plan, console);
     return;
   }
-  const Manifest manifest = ReadManifest(options.parts, plan.split_channels);
-  Console console(options.quiet);
+  const Manifest manifest = ReadManifest(options.parts, plan.part.record.options);
+  Console console(options.part.quiet);
 
   console.Step("checking parts");
   for (const std::string& column : manifest.unused)
@@ -231,10 +252,11 @@ void RunBatch(const BatchOptions& options, const std::vector<std::string>& argum
   }
 
   if (is_choosing) {
-    plan.recipe = ChooseGainsBy(GainParts(options.choose_gains, manifest.parts), plan, console);
-    WriteText(plan.out, "recipe.json", WriteRecipe(plan.recipe));
+    recipe = ChooseGainsBy(GainParts(options.choose_gains, manifest.parts), plan, console);
+    WriteText(plan.out, "recipe.json", WriteRecipe(recipe));
   }
-  const int workers = options.workers != 0 ? options.workers : Workers(pixels);
+  const int workers =
+      options.workers != 0 ? options.workers : Workers(pixels, plan.part.record.further.size());
   // A worker uses one core for height and files; a single one, where memory is short, uses all.
   const bool is_alone = options.workers == 0 && workers == 1;
   cv::setNumThreads(is_alone ? kAllCores : kNoThreads);
@@ -255,11 +277,10 @@ void AddBatchCommand(CLI::App& app, const std::vector<std::string>& arguments) {
           "PARTS", options->parts,
           "Manifest of the parts (a .csv or .jsonl file), or one folder of images for each part")
       ->type_name("");
-  command
-      ->add_option("--recipe", options->recipe,
-                   "Parameters of every part: a run.json, or what --save-recipe wrote")
-      ->type_name("FILE");
-  AddOut(*command, options->plan.out,
+  DeclareReading(*command, options->part);
+  DeclareMethod(*command, options->part);
+  DeclareResults(*command, options->part);
+  AddOut(*command, options->part.out,
          "Folder to write to: a folder for each part and the table results.csv")
       ->type_name("DIR");
   command
@@ -280,25 +301,12 @@ void AddBatchCommand(CLI::App& app, const std::vector<std::string>& arguments) {
       ->check(CLI::Range(1, 1024))
       ->type_name("N");
   command
-      ->add_option("--curvature-level", options->plan.curvature_level,
+      ->add_option("--curvature-level", options->curvature_level,
                    "The column curvature_share counts pixels of the curvature image that are more "
                    "than this from its offset")
       ->check(CLI::Range(0, 255))
       ->capture_default_str()
       ->type_name("LEVELS");
-  command->add_flag("--split-channels", options->plan.split_channels,
-                    "A part is one colour file: its red, green and blue channel are three lamps");
-  command
-      ->add_option("--bayer", options->plan.bayer,
-                   "Files are raw frames of a colour sensor, with filters of this pattern")
-      ->check(OneOf(kBayerPatterns))
-      ->type_name("PATTERN");
-  command
-      ->add_option("--compression", options->plan.compression,
-                   "Compression of PNG files: 0 is none, 1 fast, 9 small")
-      ->check(CLI::Range(0, kMostCompression + 0))
-      ->capture_default_str()
-      ->type_name("LEVEL");
   command->add_flag("--check", options->is_check,
                     "Only look for problems; print the parts as a manifest of absolute paths");
   command
@@ -309,7 +317,7 @@ void AddBatchCommand(CLI::App& app, const std::vector<std::string>& arguments) {
   command
       ->add_option("--images", options->images,
                    "Images that make a watched part complete; 3 or more when not given")
-      ->check(CLI::Range(VELOSTRIX_FEWEST_IMAGES + 0, VELOSTRIX_MOST_IMAGES + 0))
+      ->check(CLI::Range(VELOSTRIX_FEWEST_IMAGES + 0, 999))
       ->type_name("N");
   command
       ->add_option("--quiet-time", options->quiet_seconds,
@@ -318,7 +326,7 @@ void AddBatchCommand(CLI::App& app, const std::vector<std::string>& arguments) {
       ->check(IsNumber())
       ->capture_default_str()
       ->type_name("SECONDS");
-  command->add_flag("--quiet", options->quiet, "Print only errors");
+  command->add_flag("--quiet", options->part.quiet, "Print only errors");
   command->callback([options, arguments] { RunBatch(*options, arguments); });
   command->footer(
       "All problems of the manifest are reported before the first part is run. Finished parts, "

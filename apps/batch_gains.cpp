@@ -53,17 +53,21 @@ Recipe ChooseGainsBy(const std::vector<ManifestPart>& sample, const BatchPlan& p
   for (const ManifestPart& entry : sample) {
     console.Step("choosing gains by part " + entry.name);
     Part part = BeginPart(entry, plan);
+    ChooseFiles(part, plan);
     LoadImages(part);
+    LoadMask(part);
+    tool.SetMask(part.mask);
     ChooseGains(tool, part);
     if (&entry == &sample.front()) chosen.record.recipe = part.record.recipe;
     Recipe& recipe = chosen.record.recipe;
     recipe.bits = std::max(recipe.bits, part.record.recipe.bits);
     for (const Output output : kAllOutputs) {
       OutputScaling* const kept = Scaling(recipe.parameters, output);
-      const bool is_open = kept != nullptr && !plan.recipe.kept_gains.Contains(output);
+      const bool is_open = kept != nullptr && !plan.part.record.recipe.kept_gains.Contains(output);
       if (is_open) KeepSmaller(*kept, *Scaling(part.record.recipe.parameters, output));
     }
   }
+  chosen.record.recipe.flat = plan.part.record.recipe.flat;  // of all lamps
   SayGains(chosen, console);
   return chosen.record.recipe;
 }

@@ -32,23 +32,33 @@ json ReadRecord(const Part& part) {
   return stream ? json::parse(stream, nullptr, false) : json();
 }
 
-// The options of the batch, besides the recipe.
-json OptionsOf(const BatchPlan& plan) {
-  return {{"split_channels", plan.split_channels},
-          {"bayer", plan.bayer},
-          {"compression", plan.compression},
-          {"curvature_level", plan.curvature_level}};
+// What is asked for besides the recipe and the options of its record.
+json SettingsOf(const BatchPlan& plan) {
+  const RunRecord& record = plan.part.record;
+  json settings = {{"compression", plan.part.compression},
+                   {"curvature_level", plan.curvature_level},
+                   {"further", record.further}};
+  for (const std::string& name : record.further) {
+    if (name == kReportName) continue;
+    settings["exports"] = {record.exports.decimate, record.exports.normals, record.exports.colours};
+  }
+  return settings;
 }
 
 // Whether an earlier run with this record made exactly these results, and its files still exist.
 bool IsRecordOf(const json& record, const Part& part) {
-  const bool is_split = part.record.reading.split_channels;
+  const RunRecord& wanted = part.record;
+  const bool is_split = wanted.options.reading.split_channels;
+  const size_t count = is_split ? 3 : part.files.size();
+  const json mask = At(record, "mask");
   const bool is_same = At(record, "version") == VELOSTRIX_VERSION &&
-                       At(record, "recipe") == json::parse(WriteRecipe(part.record.recipe)) &&
-                       At(record, "batch") == json::parse(part.record.batch) &&
-                       At(record, "inputs").size() == (is_split ? 3 : part.files.size());
+                       At(record, "recipe") == json::parse(WriteRecipe(wanted.recipe)) &&
+                       At(record, "options") == json::parse(ToJson(wanted.options)) &&
+                       At(record, "batch") == json::parse(wanted.batch) &&
+                       (mask.is_null() || At(mask, "sha256") == wanted.mask_sha256) &&
+                       At(record, "inputs").size() == count;
   if (!is_same) return false;
-  for (size_t k = 0; k < record["inputs"].size(); ++k) {
+  for (size_t k = 0; k < count; ++k) {
     const std::string& file = part.files[is_split ? 0 : k];
     if (At(record["inputs"][k], "sha256") != HashFile(file)) return false;
   }
@@ -88,15 +98,21 @@ class Lap {
 }  // namespace
 
 Part BeginPart(const ManifestPart& entry, const BatchPlan& plan) {
-  Part part;
+  Part part = plan.part;
   part.files = entry.files;
-  part.record.reading = {plan.split_channels, plan.bayer};
-  part.compression = plan.compression;
   part.out = (std::filesystem::path(plan.out) / entry.name).string();
-  part.record.arguments = plan.arguments;
-  part.record.recipe = plan.recipe;
-  part.record.batch = OptionsOf(plan).dump();
+  part.record.batch = SettingsOf(plan).dump();
   return part;
+}
+
+void ChooseFiles(Part& part, const BatchPlan& plan) {
+  RunRecord& record = part.record;
+  if (record.options.choose == 0) return;
+  const std::vector<std::string> given = std::move(part.files);
+  part.files = ChosenFiles(given, record.options);
+  if (plan.flat.empty()) return;
+  record.recipe.flat = LoadFlat(FlatFiles(plan.flat, given, part.files), record.options.reading,
+                                record.recipe.white, nullptr);
 }
 
 BatchWorkers::BatchWorkers(BatchPlan plan, int workers) : plan_(std::move(plan)) {
@@ -157,6 +173,7 @@ Outcome BatchWorkers::Process(ManifestPart job) {
   const std::string& name = outcome.part.name;
   try {
     Lap lap;
+    ChooseFiles(part, plan_);
     if (const auto row = FinishedRow(name, part)) {
       outcome.row = *row;
       outcome.status = Outcome::kWasDone;
@@ -164,16 +181,17 @@ Outcome BatchWorkers::Process(ManifestPart job) {
     }
     OutputFiles files(PlanOutputs(part));
     LoadImages(part);
-    if (part.record.recipe.bits != plan_.recipe.bits) {
+    if (part.record.recipe.bits != plan_.part.record.recipe.bits) {
       throw Failure(
           "16-bit samples, and the recipe leaves open how many bits are in use; see "
           "--choose-gains");
     }
+    LoadMask(part);
     DiagnoseImages(part);
     outcome.read_ms = lap.Ms();
     const Results results = Run(part);
-    part.record.measures =
-        MeasureResults(results, part.record.recipe.parameters, plan_.curvature_level);
+    part.record.measures = MeasureResults(results, part.record.recipe.parameters,
+                                          plan_.curvature_level, KeptPixels(part));
     outcome.run_ms = lap.Ms();
     WriteResults(part, results, files);
     outcome.write_ms = lap.Ms();
@@ -202,6 +220,7 @@ Results BatchWorkers::Run(Part& part) {
     tool_came_.notify_one();
   };
   const std::unique_ptr<Tool, decltype(give_back)> borrowed(tool.release(), give_back);
+  if (!part.mask.empty()) borrowed->SetMask(part.mask);
   Results results = RunPart(*borrowed, part);
   for (const Output output : kAllOutputs) results[output] = results[output].clone();
   return results;

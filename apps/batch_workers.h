@@ -13,24 +13,23 @@
 
 #include "apps/manifest.h"
 #include "apps/part.h"
-#include "velostrix/recipe.hpp"
 #include "velostrix/tool.hpp"
 
 namespace velostrix::cli {
 
 // What all parts of a batch have in common.
 struct BatchPlan {
-  std::vector<std::string> arguments;  // of the program
-  Recipe recipe;                       // with all gains
-  bool split_channels = false;
-  std::string bayer;                    // pattern of raw frames; empty: none
-  int compression = kUsualCompression;  // of the pictures
-  std::string out;                      // the folder that has a folder for each part
+  Part part;                      // as each begins; its recipe has all gains
+  std::vector<std::string> flat;  // references of all lamps, where parts choose some of them
+  std::string out;                // the folder that has a folder for each part
   int curvature_level = 64;
 };
 
 // The part before its first step.
 Part BeginPart(const ManifestPart& part, const BatchPlan& plan);
+
+// Leaves the part those of its files that are to be read, and their flat fields.
+void ChooseFiles(Part& part, const BatchPlan& plan);
 
 struct Outcome {
   enum Status { kOpen, kDone, kWasDone, kFailed };

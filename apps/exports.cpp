@@ -32,11 +32,11 @@ cv::Mat Normals(const Results& results, const Parameters& parameters) {
   return normals;
 }
 
-cv::Mat HeightMap(const Results& results, const Parameters& parameters) {
+cv::Mat HeightMap(const Results& results, const Parameters& parameters, const cv::Mat& kept) {
   const cv::Mat& height = results[Output::kHeight];
   double most = 0.0;
   cv::minMaxLoc(height, nullptr, &most);
-  const std::optional<double> scale = HeightScale(results, parameters);
+  const std::optional<double> scale = HeightScale(results, parameters, kept);
   if (most > 0.0 && !scale) {
     throw Failure(
         "the height's scale cannot be found for --export: all slopes left the grey "
@@ -105,7 +105,7 @@ std::vector<uint8_t> SurfaceFile(const Results& results, const Parameters& param
     cv::resize(blocks, reduced, size, 0, 0, cv::INTER_AREA);
     return reduced;
   };
-  const cv::Mat height = reduce(HeightMap(results, parameters));
+  const cv::Mat height = reduce(HeightMap(results, parameters, options.kept));
   const cv::Mat normals = reduce(Normals(results, parameters));
   cv::Mat grey(size, CV_8UC1, cv::Scalar(kGrey));
   if (options.colours == SurfaceColours::kFactor) grey = reduce(results[Output::kFactor]);
@@ -156,7 +156,7 @@ void AddExports(const std::vector<std::string>& names, const ExportOptions& opti
                 const Results& results, const Parameters& parameters, OutputFiles& files) {
   for (const std::string& name : names) {
     if (name == kSurfaceName) files.AddBytes(name, SurfaceFile(results, parameters, options));
-    if (name == kHeightMapName) files.AddImage(name, HeightMap(results, parameters));
+    if (name == kHeightMapName) files.AddImage(name, HeightMap(results, parameters, options.kept));
     if (name == kNormalMapName) {
       files.AddImage(name, NormalMap(results, parameters, options.normals));
     }

@@ -27,6 +27,7 @@ struct ExportOptions {
   NormalConvention normals = NormalConvention::kOpenGl;
   SurfaceColours colours = SurfaceColours::kFactor;
   int decimate = 1;  // a vertex of the mesh is the mean of a block this wide and high
+  cv::Mat kept;      // pixels that the height's scale is taken from are not 0; empty: all
 };
 
 // The results that an export needs.

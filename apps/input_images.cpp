@@ -176,21 +176,6 @@ int BitsOf(int sample) {
   return bits;
 }
 
-std::vector<FlatField> LoadFlat(const std::vector<std::string>& files, const InputImage& image,
-                                const Reading& reading, int white) {
-  const std::vector<InputImage> references = DecodeAll(files, reading);
-  std::vector<cv::Mat> pixels;
-  for (const InputImage& reference : references) {
-    RequireOneSize({image, reference});
-    pixels.push_back(reference.pixels);
-  }
-  try {
-    return FitFlat(pixels, white != 0 ? white : (1 << BitsOf(LargestSample(references))) - 1);
-  } catch (const Error& error) {
-    throw Failure(std::string("--flat: ") + error.what());
-  }
-}
-
 }  // namespace
 
 // Reads exactly the size of the file: some files that the system generates never end.
@@ -259,12 +244,27 @@ std::vector<std::string> ImagesIn(const std::string& folder) {
   return files;
 }
 
+std::vector<FlatField> LoadFlat(const std::vector<std::string>& files, const Reading& reading,
+                                int white, const InputImage* image) {
+  const std::vector<InputImage> references = DecodeAll(files, reading);
+  std::vector<cv::Mat> pixels;
+  for (const InputImage& reference : references) {
+    RequireOneSize({image != nullptr ? *image : references.front(), reference});
+    pixels.push_back(reference.pixels);
+  }
+  try {
+    return FitFlat(pixels, white != 0 ? white : (1 << BitsOf(LargestSample(references))) - 1);
+  } catch (const Error& error) {
+    throw Failure(std::string("--flat: ") + error.what());
+  }
+}
+
 std::vector<InputImage> LoadImages(const std::vector<std::string>& files,
                                    const std::vector<std::string>& flat, const Reading& reading,
                                    Recipe& recipe) {
   std::vector<InputImage> images = DecodeAll(files, reading);
   RequireOneSize(images);
-  if (!flat.empty()) recipe.flat = LoadFlat(flat, images.front(), reading, recipe.white);
+  if (!flat.empty()) recipe.flat = LoadFlat(flat, reading, recipe.white, &images.front());
   CheckFlat(recipe, static_cast<int64_t>(images.size()));
   const int largest = LargestSample(images);
   const bool is_found = largest >= 0 && WhiteLevel(recipe) == 0;

@@ -49,6 +49,11 @@ struct Reading {
   std::string bayer;            // pattern of raw frames of a colour sensor; empty: none
 };
 
+// The flat fields of references, one for each lamp, which have the size of the image unless that is
+// null; 16-bit ones by the white level, unless that is 0.
+std::vector<FlatField> LoadFlat(const std::vector<std::string>& files, const Reading& reading,
+                                int white, const InputImage* image);
+
 // Reads the files, which have images of one size, converts colour and 16-bit pixels to 8-bit grey
 // by the recipe's white level or bits, and divides them by its flat fields. When the recipe has
 // neither white level nor bits, sets its bits to what the largest sample of all files needs.

@@ -34,7 +34,7 @@ struct Entry {
 
 class Collector {
  public:
-  explicit Collector(bool split_channels) : split_channels_(split_channels) {}
+  explicit Collector(const RunOptions& options) : options_(options) {}
 
   void Add(const std::string& place, const Entry& entry) {
     if (!IsPartName(entry.name)) {
@@ -49,7 +49,7 @@ class Collector {
       return;
     }
     try {
-      manifest_.parts.push_back({entry.name, PartFiles(entry.files, split_channels_), place});
+      manifest_.parts.push_back({entry.name, PartFiles(entry.files, options_), place});
     } catch (const std::exception& e) {
       Refuse(place, "part " + entry.name + ": " + e.what());
     }
@@ -59,10 +59,15 @@ class Collector {
   }
   void Ignore(const std::string& column) { manifest_.unused.push_back(column); }
 
+  size_t most_images() const {
+    constexpr size_t kMostToChooseFrom = 999;
+    return options_.choose > 0 ? kMostToChooseFrom : VELOSTRIX_MOST_IMAGES + 0;
+  }
+
   Manifest Done() { return std::move(manifest_); }
 
  private:
-  const bool split_channels_;
+  const RunOptions options_;
   std::map<std::string, std::string> places_;  // of the names
   Manifest manifest_;
 };
@@ -71,12 +76,11 @@ std::string Beside(const std::string& manifest, const std::string& file) {
   return (fs::path(manifest).parent_path() / file).string();
 }
 
-// 1 to 8 of image1 to image8, else 0.
-size_t ImageNumber(const std::string& column) {
-  int number = 0;
+// Of image1 and so on as far as parts may have images, else 0.
+size_t ImageNumber(const std::string& column, size_t most) {
+  size_t number = 0;
   const bool is_image = column.rfind("image", 0) == 0 && ParseNumber(column.substr(5), number);
-  return is_image && number >= 1 && number <= VELOSTRIX_MOST_IMAGES ? static_cast<size_t>(number)
-                                                                    : 0;
+  return is_image && number <= most ? number : 0;
 }
 
 void ReadCsv(const std::string& file, const std::string& text, Collector& parts) {
@@ -102,7 +106,8 @@ void ReadCsv(const std::string& file, const std::string& text, Collector& parts)
     return;
   }
   for (const std::string& column : header) {
-    const bool is_used = column == "part" || column == "folder" || ImageNumber(column) != 0;
+    const bool is_used =
+        column == "part" || column == "folder" || ImageNumber(column, parts.most_images()) != 0;
     if (!is_used) parts.Ignore(column);
   }
   for (size_t k = 1; k < rows.size(); ++k) {
@@ -121,7 +126,7 @@ void ReadCsv(const std::string& file, const std::string& text, Collector& parts)
       if (cell.empty()) continue;
       if (name == "part") entry.name = cell;
       if (name == "folder") entry.files = {Beside(file, cell)};
-      if (const size_t number = ImageNumber(name)) images[number] = cell;
+      if (const size_t number = ImageNumber(name, parts.most_images())) images[number] = cell;
     }
     if (!entry.files.empty() && !images.empty()) {
       parts.Refuse(place, "both a folder and images; expected one of them");
@@ -205,8 +210,8 @@ bool IsPartName(const std::string& name) {
   return !name.empty() && name.size() <= kLongest && name.front() != '.' && is_plain;
 }
 
-Manifest ReadManifest(const std::vector<std::string>& given, bool split_channels) {
-  Collector parts(split_channels);
+Manifest ReadManifest(const std::vector<std::string>& given, const RunOptions& options) {
+  Collector parts(options);
   const std::string& first = given.front();
   const std::string extension = CLI::detail::to_lower(fs::path(first).extension().string());
   const bool is_csv = extension == ".csv";

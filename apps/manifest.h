@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "apps/run_record.h"
+
 namespace velostrix::cli {
 
 struct ManifestPart {
@@ -19,12 +21,12 @@ struct Manifest {
 };
 
 // Reads one manifest (.csv, .jsonl or .ndjson), or takes folders of images and patterns of such
-// folders, as in 'parts/*/'. With split_channels a part is one colour file.
+// folders, as in 'parts/*/'. The options say how many files a part has.
 //
 // A CSV file has a header line and the columns `part` and either `folder` or `image1`, `image2` and
 // so on; a line of JSON has "part" and either "folder" or "images", a list. Files are relative to
 // the folder of the manifest. Throws Failure when there is no part at all.
-Manifest ReadManifest(const std::vector<std::string>& given, bool split_channels);
+Manifest ReadManifest(const std::vector<std::string>& given, const RunOptions& options);
 
 // Whether a folder of results can have this name.
 bool IsPartName(const std::string& name);

@@ -13,11 +13,14 @@ namespace velostrix::cli {
 // dh * slope over the sum of dh * dh, with the slopes that the height was integrated from. (For z
 // itself the quotient is 1, when z is a solution by conjugate gradients or least squares.) Leaves
 // out saturated slopes; nothing when none remain. Needs height, channel0 and channel1.
-std::optional<double> HeightScale(const Results& results, const Parameters& parameters);
+// kept: pixels that count are not 0; empty: all.
+std::optional<double> HeightScale(const Results& results, const Parameters& parameters,
+                                  const cv::Mat& kept);
 
 // curvature_share: share of the curvature's pixels more than `level` grey levels from its offset.
 //
 // height_range: the range of the height by the scale of HeightScale; needs the same results.
-Measures MeasureResults(const Results& results, const Parameters& parameters, int level);
+Measures MeasureResults(const Results& results, const Parameters& parameters, int level,
+                        const cv::Mat& kept);
 
 }  // namespace velostrix::cli

@@ -65,21 +65,14 @@ bool Unfold(std::vector<std::string>& files) {
 
 }  // namespace
 
-std::vector<std::string> PartFiles(std::vector<std::string> files, bool split_channels,
-                                   int choose) {
+std::vector<std::string> PartFiles(std::vector<std::string> files, const RunOptions& options) {
   const std::string given = files.empty() ? "" : files.front();
   const bool is_folder = Unfold(files);
-  if (choose > 0 && files.size() > static_cast<size_t>(choose)) {
-    std::vector<std::string> chosen;
-    for (const size_t k : ChooseImages(files, static_cast<size_t>(choose))) {
-      chosen.push_back(files[k]);
-    }
-    files = chosen;
-  }
   const size_t count = files.size();
-  const bool is_enough = split_channels
-                             ? count == 1
-                             : count >= VELOSTRIX_FEWEST_IMAGES && count <= VELOSTRIX_MOST_IMAGES;
+  const bool is_many = count > VELOSTRIX_MOST_IMAGES;
+  const bool is_split = options.reading.split_channels;
+  const bool is_enough =
+      is_split ? count == 1 : count >= VELOSTRIX_FEWEST_IMAGES && (!is_many || options.choose > 0);
   if (is_enough) return files;
   std::string reason;
   for (const std::string& file : files) {
@@ -89,10 +82,18 @@ std::vector<std::string> PartFiles(std::vector<std::string> files, bool split_ch
   throw UsageError("IMAGE: " + std::to_string(count) +
                    (count == 1 ? " file given" : " files given") +
                    (reason.empty() ? "" : " (" + reason + ")") + "; expected " +
-                   (split_channels ? "1 colour file with --split-channels"
-                    : count <= VELOSTRIX_MOST_IMAGES
-                        ? "3 to 8 of one scene"
-                        : "3 to 8 of one scene; --choose 8 takes those that differ most"));
+                   (is_split  ? "1 colour file with --split-channels"
+                    : is_many ? "3 to 8 of one scene; --choose 8 takes those that differ most"
+                              : "3 to 8 of one scene"));
+}
+
+std::vector<std::string> ChosenFiles(const std::vector<std::string>& files,
+                                     const RunOptions& options) {
+  const auto count = static_cast<size_t>(options.choose);
+  if (count == 0 || files.size() <= count) return files;
+  std::vector<std::string> chosen;
+  for (const size_t k : ChooseImages(files, count)) chosen.push_back(files[k]);
+  return chosen;
 }
 
 std::vector<std::string> FlatFiles(std::vector<std::string> flat, std::vector<std::string> given,
@@ -110,7 +111,7 @@ std::vector<std::string> FlatFiles(std::vector<std::string> flat, std::vector<st
 
 OutputPlan PlanOutputs(const Part& part) {
   OutputPlan plan = {part.out, {}, {}, kRecordName, part.files, part.compression};
-  if (!part.mask_file.empty()) plan.inputs.push_back(part.mask_file);
+  if (!part.record.options.mask.empty()) plan.inputs.push_back(part.record.options.mask);
   plan.inputs.insert(plan.inputs.end(), part.flat_files.begin(), part.flat_files.end());
   const OutputSet& outputs = part.record.recipe.parameters.outputs;
   for (const Output output : kAllOutputs) {
@@ -129,34 +130,49 @@ OutputPlan PlanOutputs(const Part& part) {
 void LoadImages(Part& part) {
   const int64_t start = cv::getTickCount();
   RunRecord& record = part.record;
-  record.inputs = LoadImages(part.files, part.flat_files, record.reading, record.recipe);
+  record.inputs = LoadImages(part.files, part.flat_files, record.options.reading, record.recipe);
   RequireOneSize(record.inputs);
   record.load_ms = MillisecondsSince(start);
 }
 
-void SetMask(Tool& tool, Part& part, Console& console) {
-  if (part.mask_file.empty()) return;
-  const cv::Size size = part.record.inputs.front().pixels.size();
-  if (part.mask_file == "auto") {
+cv::Mat DecodeMask(const std::string& file) {
+  cv::Mat mask = DecodeFile(file);
+  if (mask.type() == CV_8UC1) return mask;
+  throw Failure(file + ": " + cv::typeToString(mask.type()) +
+                "; expected a mask of 8-bit grey, 0 for pixels to leave out");
+}
+
+void LoadMask(Part& part) {
+  RunRecord& record = part.record;
+  const std::string& file = record.options.mask;
+  if (file.empty()) return;
+  if (file == "auto") {
     part.mask = LitPixels(Images(part));
-  } else {
-    part.mask = DecodeFile(part.mask_file);
-    if (part.mask.type() != CV_8UC1) {
-      throw Failure(part.mask_file + ": " + cv::typeToString(part.mask.type()) +
-                    "; expected a mask of 8-bit grey, 0 for pixels to leave out");
-    }
-    if (part.mask.size() != size) {
-      throw Failure(part.mask_file + ": " + std::to_string(part.mask.cols) + " x " +
-                    std::to_string(part.mask.rows) + " pixels, but the images have " +
-                    std::to_string(size.width) + " x " + std::to_string(size.height) +
-                    "; expected a mask as large as they are");
-    }
+  } else if (part.mask.empty()) {
+    part.mask = DecodeMask(file);
+    record.mask_sha256 = HashFile(file);
   }
+  const cv::Size size = record.inputs.front().pixels.size();
+  if (part.mask.size() != size) {
+    throw Failure(file + ": " + std::to_string(part.mask.cols) + " x " +
+                  std::to_string(part.mask.rows) + " pixels, but the images have " +
+                  std::to_string(size.width) + " x " + std::to_string(size.height) +
+                  "; expected a mask as large as they are");
+  }
+  record.kept_share = cv::countNonZero(part.mask) / static_cast<double>(part.mask.total());
+}
+
+void SetMask(Tool& tool, Part& part, Console& console) {
+  LoadMask(part);
+  if (part.mask.empty()) return;
   tool.SetMask(part.mask);
-  part.record.mask_file = part.mask_file;
-  part.record.kept_share = cv::countNonZero(part.mask) / static_cast<double>(part.mask.total());
   console.Note("left out by the mask: " + Format(100.0 * (1.0 - part.record.kept_share)) +
                " % of the pixels");
+}
+
+cv::Mat KeptPixels(const Part& part) {
+  const std::optional<cv::Rect>& region = part.record.recipe.parameters.region;
+  return part.mask.empty() || !region ? part.mask : part.mask(*region);
 }
 
 std::vector<cv::Mat> Images(const Part& part) {
@@ -280,7 +296,9 @@ void WriteResults(Part& part, const Results& results, OutputFiles& files) {
   for (const std::string& name : record.further) {
     if (name == kReportName) files.AddText(name, PartReport(part, results));
   }
-  AddExports(record.further, record.exports, results, WithSlopeUnits(record), files);
+  ExportOptions exports = record.exports;
+  exports.kept = KeptPixels(part);
+  AddExports(record.further, exports, results, WithSlopeUnits(record), files);
   record.encode_ms = MillisecondsSince(start);
   start = cv::getTickCount();
   files.Commit([&] {

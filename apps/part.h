@@ -17,18 +17,20 @@ struct Part {
   std::vector<std::string> files;         // an image each
   std::optional<Surface> view_without;    // also make a view of the height, without this surface
   std::vector<std::string> flat_files;    // a reference for each image; none: the recipe's fields
-  std::string mask_file;                  // or "auto"; empty: none
-  cv::Mat mask;                           // that was loaded or found
+  cv::Mat mask;                           // once it was loaded or found; empty: none
   int compression = kUsualCompression;    // of the pictures
   std::string out;                        // the folder of the results
   std::optional<OrientationFound> known;  // orientation of the slopes, from the choice of gains
-  RunRecord record;                       // recipe, how files are read, and what each step adds
+  RunRecord record;                       // recipe, options, and what each step adds
 };
 
-// The files to read: those given, or those of the one folder given. With `choose` not 0, the
-// `choose` that differ most. Throws UsageError when a run cannot take this number.
-std::vector<std::string> PartFiles(std::vector<std::string> given, bool split_channels,
-                                   int choose = 0);
+// The files of a part: those given, or those of the one folder that is given. UsageError if they
+// are not as many as a run takes, or more where it chooses.
+std::vector<std::string> PartFiles(std::vector<std::string> given, const RunOptions& options);
+
+// Those of them to read: of more than the options' `choose`, the ones that differ most.
+std::vector<std::string> ChosenFiles(const std::vector<std::string>& files,
+                                     const RunOptions& options);
 
 // The references of a flat part for the files that are read. flat: one reference for each of these,
 // or for each of the `given` files.
@@ -43,8 +45,17 @@ OutputPlan PlanOutputs(const Part& part);
 // Reads the files; finds the recipe's bits if they are not given.
 void LoadImages(Part& part);
 
-// Loads the mask, or finds it in the images, and sets it in the tool.
+// The mask of the file. Failure when it is none.
+cv::Mat DecodeMask(const std::string& file);
+
+// Loads the mask, unless the part has it, or finds it in the images.
+void LoadMask(Part& part);
+
+// This, and sets it in the tool.
 void SetMask(Tool& tool, Part& part, Console& console);
+
+// Of the results, what the mask keeps; empty: all.
+cv::Mat KeptPixels(const Part& part);
 
 // The images of the loaded part, as a tool takes them.
 std::vector<cv::Mat> Images(const Part& part);

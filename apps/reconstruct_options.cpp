@@ -92,11 +92,11 @@ std::pair<Output, T> ParseScaling(const std::string& option, const std::string& 
 
 // The surface that a view of the height is to leave out, when one is asked for.
 std::optional<Surface> ParseHeightView(const ReconstructOptions& options, const Recipe& recipe) {
-  if (options.height_view.empty()) return std::nullopt;
+  if (options.asked.height_view.empty()) return std::nullopt;
   if (!recipe.parameters.outputs.Contains(Output::kHeight)) {
     throw UsageError("--height-view: the height is not made; see --outputs");
   }
-  return Chosen<Surface>(kSurfaceNames, options.height_view);
+  return Chosen<Surface>(kSurfaceNames, options.asked.height_view);
 }
 
 // The files to export, and how.
@@ -168,18 +168,18 @@ void DeclareReading(CLI::App& command, ReconstructOptions& options) {
   Recipe& recipe = options.recipe;
   recipe.parameters.orientation = Orientation::kUpright;
   command
-      .add_flag("--split-channels", options.split_channels,
+      .add_flag("--split-channels", options.asked.reading.split_channels,
                 "IMAGE is one colour file: its red, green and blue channel are three lamps")
       ->group(kImagesGroup);
 
   command
-      .add_option("--choose", options.choose,
+      .add_option("--choose", options.asked.choose,
                   "Use this many of more files, 3 to 8: those whose lamps differ most")
       ->group(kImagesGroup)
       ->check(CLI::Range(VELOSTRIX_FEWEST_IMAGES + 0, VELOSTRIX_MOST_IMAGES + 0))
       ->type_name("N");
   command
-      .add_option("--bayer", options.bayer,
+      .add_option("--bayer", options.asked.reading.bayer,
                   "Files are raw frames of a colour sensor, with filters of this pattern")
       ->group(kImagesGroup)
       ->check(OneOf(kBayerPatterns))
@@ -222,7 +222,7 @@ void DeclareReading(CLI::App& command, ReconstructOptions& options) {
       ->type_name("X,Y,WIDTH,HEIGHT");
   command
       .add_option(
-          "--mask", options.mask,
+          "--mask", options.asked.mask,
           "Leave out pixels that are 0 in this image or, with auto, that no lamp lights, such as a "
           "black background; they do not count for gains, and are 128 in results, 0 in the height")
       ->group(kImagesGroup)
@@ -329,7 +329,7 @@ void DeclareResults(CLI::App& command, ReconstructOptions& options) {
       ->type_name("LIST");
   DeclareGains(command, options);
   command
-      .add_flag("--height-view{quadratic}", options.height_view,
+      .add_flag("--height-view{quadratic}", options.asked.height_view,
                 "Also make height_view.png, the height for display: 8 bits, tilt and bowl removed, "
                 "border ignored; --height-view=plane removes only the tilt")
       ->group(kResultsGroup)
@@ -419,8 +419,7 @@ Part ParsePart(const ReconstructOptions& options, const std::vector<std::string>
   RunRecord& record = part.record;
   record.arguments = arguments;
   record.recipe = ParseRecipe(options);
-  record.reading = {options.split_channels, options.bayer};
-  part.mask_file = options.mask;
+  record.options = options.asked;
   part.view_without = ParseHeightView(options, record.recipe);
   part.compression = options.compression;
   record.further = ParseExports(options, record.recipe, record.exports);
@@ -429,7 +428,7 @@ Part ParsePart(const ReconstructOptions& options, const std::vector<std::string>
 }
 
 void GiveFiles(Part& part, const ReconstructOptions& options) {
-  part.files = PartFiles(options.files, options.split_channels, options.choose);
+  part.files = ChosenFiles(PartFiles(options.files, options.asked), options.asked);
   part.flat_files = FlatFiles(options.flat, options.files, part.files);
 }
 

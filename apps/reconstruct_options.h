@@ -16,12 +16,8 @@ struct ReconstructOptions {
   std::vector<std::string> files;
   std::string out;
   std::string save_recipe;
-  bool split_channels = false;
-  std::string bayer;
-  std::string mask;
+  RunOptions asked;
   std::vector<std::string> flat;
-  int choose = 0;
-  std::string height_view;  // the surface that it leaves out; empty: none
   int compression = kUsualCompression;
   bool report = false;
   std::string exports;  // names of files, joined by commas

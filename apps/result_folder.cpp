@@ -43,11 +43,11 @@ std::vector<NotedInput> NotedInputs(const Json& record) {
 
 // Records of older versions do not say it.
 Reading NotedReading(const Json& record, const std::vector<NotedInput>& inputs) {
-  if (const auto reading = record.find("reading"); reading != record.end()) {
+  if (const auto reading = record.find("options"); reading != record.end()) {
     const std::string bayer = reading->at("bayer");
     const bool is_known =
         std::find(kBayerPatterns.begin(), kBayerPatterns.end(), bayer) != kBayerPatterns.end();
-    if (!bayer.empty() && !is_known) throw Error("reading: bayer: '" + bayer + "' is unknown");
+    if (!bayer.empty() && !is_known) throw Error("options: bayer: '" + bayer + "' is unknown");
     return {reading->at("split_channels"), bayer};
   }
   const auto is_first = [&](const NotedInput& input) { return input.file == inputs[0].file; };

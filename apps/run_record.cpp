@@ -16,10 +16,6 @@ using Json = nlohmann::ordered_json;
 
 Json ToJson(cv::Size size) { return {{"width", size.width}, {"height", size.height}}; }
 
-Json ToJson(const Reading& reading) {
-  return {{"split_channels", reading.split_channels}, {"bayer", reading.bayer}};
-}
-
 Json Inputs(const RunRecord& record) {
   Json inputs = Json::array();
   for (size_t k = 0; k < record.inputs.size(); ++k) {
@@ -59,8 +55,10 @@ Json NoiseShare(const Diagnostics& diagnostics) {
 }
 
 Json Mask(const RunRecord& record) {
-  if (record.mask_file.empty()) return {};
-  return {{"file", record.mask_file}, {"kept_share", record.kept_share}};
+  if (record.options.mask.empty()) return {};
+  return {{"file", record.options.mask},
+          {"sha256", record.mask_sha256},
+          {"kept_share", record.kept_share}};
 }
 
 Json Orientation(const OrientationFound& o) {
@@ -116,6 +114,14 @@ Json Exports(const RunRecord& record) {
   return json;
 }
 
+Json Options(const RunOptions& options) {
+  return {{"split_channels", options.reading.split_channels},
+          {"bayer", options.reading.bayer},
+          {"choose", options.choose},
+          {"mask", options.mask},
+          {"height_view", options.height_view}};
+}
+
 std::string Now() {
   const std::time_t now = std::time(nullptr);
   std::tm utc = {};
@@ -135,6 +141,10 @@ std::string HostName() {
 
 std::string FileName(Output output) { return std::string(Name(output)) + ".png"; }
 
+std::string ToJson(const RunOptions& options) {
+  return Options(options).dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
 std::string ToJson(const RunRecord& record) {
   const Parameters& p = record.recipe.parameters;
   const cv::Size size = record.inputs.front().pixels.size();
@@ -151,7 +161,6 @@ std::string ToJson(const RunRecord& record) {
                {"date", Now()},
                {"host", HostName()},
                {"threads", record.threads},
-               {"reading", ToJson(record.reading)},
                {"inputs", Inputs(record)},
                {"singular_values", SingularValues(record.diagnostics)},
                {"unexplained_share", UnexplainedShare(record.diagnostics)},
@@ -161,6 +170,7 @@ std::string ToJson(const RunRecord& record) {
                {"mask", Mask(record)},
                {"warnings", record.diagnostics.warnings},
                {"recipe", Json::parse(WriteRecipe(record.recipe))},
+               {"options", Options(record.options)},
                {"chosen_gains", chosen},
                {"height", Height(record)},
                {"sizes",

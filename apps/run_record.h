@@ -23,19 +23,27 @@ struct Measures {
   std::optional<double> height_range;
 };
 
+// What changes results and is in no recipe.
+struct RunOptions {
+  Reading reading;
+  int choose = 0;           // so many of more files; 0: all
+  std::string mask;         // a file, or "auto"; empty: none
+  std::string height_view;  // the surface that it leaves out; empty: none
+};
+
 struct RunRecord {
   std::vector<std::string> arguments;  // of the program
-  Reading reading;
   std::vector<InputImage> inputs;
   Diagnostics diagnostics;
-  Recipe recipe;                     // as used
+  Recipe recipe;  // as used
+  RunOptions options;
   OutputSet chosen;                  // whose gains were not given
   std::vector<std::string> further;  // names of the files made besides the results
   ExportOptions exports;             // how those for other tools are made
   int threads = 1;
   CallTimes calls;
   OrientationFound orientation;
-  std::string mask_file;    // empty: none
+  std::string mask_sha256;  // of its file; empty: none
   double kept_share = 1.0;  // of the pixels, by the mask
   std::optional<HeightView> height_view;
   double load_ms = 0.0;
@@ -57,6 +65,9 @@ inline constexpr std::array kFurtherFiles = {kReportName, kSurfaceName, kHeightM
 
 // Of a result.
 std::string FileName(Output output);
+
+// JSON.
+std::string ToJson(const RunOptions& options);
 
 // The text of run.json, which is also a recipe that repeats the run.
 std::string ToJson(const RunRecord& record);

@@ -169,10 +169,39 @@ class Batch(unittest.TestCase):
         (self.folder / "out/c/height.png").unlink()
         self.assertIn("2 parts done", self.run_well(command))
         self.assertIn("3 parts done", self.run_well(command + " --curvature-level 9"))
+        for level in (1, 2):  # another mask by the same name
+            mask = np.arange(48 * 40).reshape(40, 48) // 480 >= level
+            Image.fromarray(mask.astype(np.uint8)).save(self.folder / "mask.png")
+            said = self.run_well(command + " --curvature-level 9 --mask mask.png")
+            self.assertIn("3 parts done", said)
         recipe = json.loads((self.folder / "recipe.json").read_text())["recipe"]
         recipe["blur_radius"] = 1
         (self.folder / "recipe.json").write_text(json.dumps(recipe))
         self.assertIn("3 parts done", self.run_well(command + " --curvature-level 9"))
+
+    def test_options_of_reconstruct_mean_the_same(self):
+        for k in range(2):
+            self.make_part(f"parts/{k}", k)
+        fall_off = np.linspace(0.5, 1.0, 48)
+        (self.folder / "flat").mkdir()
+        for k in range(4):
+            flat = 200 * (fall_off if k % 2 else fall_off[::-1]) * np.ones((40, 1))
+            Image.fromarray(flat.astype(np.uint8)).save(self.folder / f"flat/{k}.png")
+        Image.fromarray(np.eye(40, 48, dtype=np.uint8) == 0).convert("L").save(self.folder / "mask.png")
+        for n, options in enumerate((
+                "--mask mask.png --flat flat --height-view", "--choose 3 --flat flat",
+                "--mask auto --roi 4,4,30,20 --report --export surface.ply --decimate 2")):
+            command = f"batch 'parts/*/' --out {n} --recipe first/run.json {options}"
+            for shard in (1, 2):
+                self.run_well(f"{command} --quiet --shard {shard}/2")
+            self.assertIn("0 parts done", self.run_well(command))
+            for k in range(2):
+                self.run_well(f"reconstruct parts/{k} --out {n}/one/{k} --quiet"
+                              f" --recipe first/run.json {options}")
+            made, expected = self.images(f"{n}"), self.images(f"{n}/one")
+            self.assertEqual({name: made[name] for name in expected if "report" not in name},
+                             {name: value for name, value in expected.items() if "report" not in name})
+            self.assertLessEqual(set(expected), set(made))
 
     def test_problems_are_all_said_before_the_first_part(self):
         self.make_part("good")
@@ -217,6 +246,9 @@ class Batch(unittest.TestCase):
                 ("good --recipe first/run.json --shard auto", 2, "SLURM_ARRAY_TASK_ID"),
                 ("good/* --recipe first/run.json", 1, "no such folder"),
                 ("good --choose-gains bad", 2, "no part bad"),
+                ("good --recipe first/run.json --mask other/image2.png", 1, "image2.png: 48 x 39"),
+                ("other --choose-gains sample --flat good", 1, "48 x 39"),
+                ("good --recipe first/run.json --flat two", 1, "2 images given"),
                 ("gone.csv --recipe first/run.json", 1, "no such file")):
             self.assertEqual((self.call(f"batch {arguments} --out out")[0],
                               expected in self.call(f"batch {arguments} --out out")[1]),

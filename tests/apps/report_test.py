@@ -115,7 +115,7 @@ class Files(Report):
         (self.folder / "odd/run.json").write_text('{"recipe": {"recipe_version": 1}, "outputs": 7}')
         (self.folder / "filter").mkdir()
         (self.folder / "filter/run.json").write_text(
-            '{"recipe": {"recipe_version": 1}, "reading": {"split_channels": 0, "bayer": "x"}}')
+            '{"recipe": {"recipe_version": 1}, "options": {"split_channels": 0, "bayer": "x"}}')
         shutil.copytree(out, self.folder / "lost")
         (self.folder / "lost/height.png").unlink()
         shutil.copytree(out, self.folder / "other")
@@ -123,7 +123,7 @@ class Files(Report):
         for arguments, expected in [
                 (["empty"], "empty/run.json: no such file"),
                 (["odd"], "odd/run.json: is not the record of a run"),
-                (["filter"], "filter/run.json: reading: bayer: 'x' is unknown"),
+                (["filter"], "filter/run.json: options: bayer: 'x' is unknown"),
                 (["lost"], "lost/height.png: no such file"),
                 (["other"], "is not the picture that the run made"),
                 (["out", "--out", "out/factor.png"], "would be replaced"),

@@ -51,7 +51,8 @@ def batch(
     parts_per_task: a task is a shard of the manifest. When a worker is lost, another one repeats its
         task and skips finished parts.
     retries: how often the cluster repeats a task that fails.
-    options: other options of ``velostrix batch``, such as ``["--split-channels"]``.
+    options: other options of ``velostrix batch``, such as ``["--mask", "/data/mask.png"]``, with paths
+        on the workers.
     program: the command line, on the workers and here.
 
     Writes the same files as ``velostrix batch``, including results.csv. A part that cannot be run has
