@@ -253,7 +253,7 @@ void RunBatch(const BatchOptions& options, const std::vector<std::string>& argum
 
   if (is_choosing) {
     recipe = ChooseGainsBy(GainParts(options.choose_gains, manifest.parts), plan, console);
-    WriteText(plan.out, "recipe.json", WriteRecipe(recipe));
+    WriteText(plan.out, "recipe.json", RecipeText(plan.part.record));
   }
   const int workers =
       options.workers != 0 ? options.workers : Workers(pixels, plan.part.record.further.size());

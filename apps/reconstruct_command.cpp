@@ -67,7 +67,7 @@ void Reconstruct(const ReconstructOptions& options, const std::vector<std::strin
   WriteResults(part, results, files);
   if (recipe_file) {
     recipe_file->AddText(std::filesystem::path(options.save_recipe).filename().string(),
-                         WriteRecipe(part.record.recipe));
+                         RecipeText(part.record));
     recipe_file->Commit();
   }
   console.Note("wrote " + options.out);

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <filesystem>
 #include <limits>
 #include <optional>
 #include <utility>
@@ -90,13 +91,41 @@ std::pair<Output, T> ParseScaling(const std::string& option, const std::string& 
   return {*output, value};
 }
 
+// Turns off what a recipe asks for.
+constexpr const char* kNone = "none";
+
+template <size_t N>
+CLI::IsMember OneOfOrNone(const std::array<const char*, N>& names) {
+  std::vector<std::string> choices(names.begin(), names.end());
+  choices.emplace_back(kNone);
+  return CLI::IsMember(choices);
+}
+
+RunOptions ParseOptions(const ReconstructOptions& options, const Recipe& recipe) {
+  RunOptions asked = options.asked;
+  for (std::string* text : {&asked.mask, &asked.reading.bayer, &asked.height_view}) {
+    if (*text == kNone) text->clear();
+  }
+  const std::string& mask = options.recorded.mask;
+  const bool is_recorded = !mask.empty() && mask != "auto" && asked.mask == mask;
+  if (is_recorded && !std::filesystem::exists(mask)) {
+    throw Failure(options.recipe_file + ": its mask " + mask +
+                  " is not there; give --mask FILE, or --mask none to leave no pixels out");
+  }
+  const bool is_view_recorded = asked.height_view == options.recorded.height_view;
+  if (is_view_recorded && !recipe.parameters.outputs.Contains(Output::kHeight)) {
+    asked.height_view.clear();
+  }
+  return asked;
+}
+
 // The surface that a view of the height is to leave out, when one is asked for.
-std::optional<Surface> ParseHeightView(const ReconstructOptions& options, const Recipe& recipe) {
-  if (options.asked.height_view.empty()) return std::nullopt;
+std::optional<Surface> ParseHeightView(const RunOptions& options, const Recipe& recipe) {
+  if (options.height_view.empty()) return std::nullopt;
   if (!recipe.parameters.outputs.Contains(Output::kHeight)) {
     throw UsageError("--height-view: the height is not made; see --outputs");
   }
-  return Chosen<Surface>(kSurfaceNames, options.asked.height_view);
+  return Chosen<Surface>(kSurfaceNames, options.height_view);
 }
 
 // The files to export, and how.
@@ -127,6 +156,18 @@ std::vector<std::string> ParseExports(const ReconstructOptions& options, const R
   return names;
 }
 
+// The recipe of the file, and the options beside it. Failure says what is wrong with it.
+Recipe ReadRecipe(const std::string& file, RunOptions& options) {
+  const std::vector<char> bytes = ReadBytes(file, "; expected a recipe, such as a run.json");
+  try {
+    Recipe recipe = velostrix::ParseRecipe({bytes.begin(), bytes.end()});
+    options = OptionsFromJson({bytes.begin(), bytes.end()});
+    return recipe;
+  } catch (const Error& e) {
+    throw Failure(file + ": " + e.what());
+  }
+}
+
 }  // namespace
 
 cv::Rect ParseRegion(const std::string& option, const std::string& text) {
@@ -144,15 +185,6 @@ cv::Rect ParseRegion(const std::string& option, const std::string& text) {
   return {numbers[0], numbers[1], numbers[2], numbers[3]};
 }
 
-Recipe ReadRecipe(const std::string& file) {
-  const std::vector<char> bytes = ReadBytes(file, "; expected a recipe, such as a run.json");
-  try {
-    return velostrix::ParseRecipe({bytes.begin(), bytes.end()});
-  } catch (const Error& e) {
-    throw Failure(file + ": " + e.what());
-  }
-}
-
 void DeclareImages(CLI::App& command, ReconstructOptions& options) {
   command
       .add_option(
@@ -167,6 +199,18 @@ void DeclareImages(CLI::App& command, ReconstructOptions& options) {
 void DeclareReading(CLI::App& command, ReconstructOptions& options) {
   Recipe& recipe = options.recipe;
   recipe.parameters.orientation = Orientation::kUpright;
+  // Declared before the options that change what it has: the parser calls them in this order.
+  command
+      .add_option_function<std::string>(
+          "--recipe",
+          [&](const std::string& file) {
+            options.recipe = ReadRecipe(file, options.recorded);
+            options.recipe_file = file;
+            options.asked = options.recorded;
+          },
+          "Read what is not given here from a recipe: a run.json, or what --save-recipe wrote")
+      ->group("Recipes")
+      ->type_name("FILE");
   command
       .add_flag("--split-channels", options.asked.reading.split_channels,
                 "IMAGE is one colour file: its red, green and blue channel are three lamps")
@@ -182,20 +226,9 @@ void DeclareReading(CLI::App& command, ReconstructOptions& options) {
       .add_option("--bayer", options.asked.reading.bayer,
                   "Files are raw frames of a colour sensor, with filters of this pattern")
       ->group(kImagesGroup)
-      ->check(OneOf(kBayerPatterns))
+      ->check(OneOfOrNone(kBayerPatterns))
       ->type_name("PATTERN");
 
-  // Declared before the options that change the recipe: the parser calls them in this order.
-  command
-      .add_option_function<std::string>(
-          "--recipe",
-          [&](const std::string& file) {
-            options.recipe = ReadRecipe(file);
-            options.recipe_file = file;
-          },
-          "Read what is not given here from a recipe: a run.json, or what --save-recipe wrote")
-      ->group("Recipes")
-      ->type_name("FILE");
   command
       .add_option("--bits", recipe.bits,
                   "Bits in use of 16-bit samples, 8 to 16; when not given: 10, 12, 14 or 16, from "
@@ -333,7 +366,7 @@ void DeclareResults(CLI::App& command, ReconstructOptions& options) {
                 "Also make height_view.png, the height for display: 8 bits, tilt and bowl removed, "
                 "border ignored; --height-view=plane removes only the tilt")
       ->group(kResultsGroup)
-      ->check(OneOf(kSurfaceNames).description(""));
+      ->check(OneOfOrNone(kSurfaceNames).description(""));
   command
       .add_option("--compression", options.compression,
                   "Compression of PNG files: 0 is none, 1 fast, 9 small")
@@ -419,8 +452,8 @@ Part ParsePart(const ReconstructOptions& options, const std::vector<std::string>
   RunRecord& record = part.record;
   record.arguments = arguments;
   record.recipe = ParseRecipe(options);
-  record.options = options.asked;
-  part.view_without = ParseHeightView(options, record.recipe);
+  record.options = ParseOptions(options, record.recipe);
+  part.view_without = ParseHeightView(record.options, record.recipe);
   part.compression = options.compression;
   record.further = ParseExports(options, record.recipe, record.exports);
   if (options.report) record.further.emplace_back(kReportName);
@@ -428,7 +461,7 @@ Part ParsePart(const ReconstructOptions& options, const std::vector<std::string>
 }
 
 void GiveFiles(Part& part, const ReconstructOptions& options) {
-  part.files = ChosenFiles(PartFiles(options.files, options.asked), options.asked);
+  part.files = ChosenFiles(PartFiles(options.files, part.record.options), part.record.options);
   part.flat_files = FlatFiles(options.flat, options.files, part.files);
 }
 

@@ -38,10 +38,8 @@ struct ReconstructOptions {
   // Orientation is upright unless a recipe says otherwise.
   Recipe recipe;
   std::string recipe_file;
+  RunOptions recorded;  // in that file
 };
-
-// The recipe of the file. Throws Failure, which says what is wrong with it.
-Recipe ReadRecipe(const std::string& file);
 
 // Of the options in a help text.
 constexpr const char* kImagesGroup = "Images";

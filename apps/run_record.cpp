@@ -7,6 +7,7 @@
 #include <ctime>
 #include <nlohmann/json.hpp>
 
+#include "apps/bayer.h"
 #include "velostrix/version.h"
 
 namespace velostrix::cli {
@@ -143,6 +144,39 @@ std::string FileName(Output output) { return std::string(Name(output)) + ".png";
 
 std::string ToJson(const RunOptions& options) {
   return Options(options).dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+RunOptions OptionsFromJson(const std::string& text) {
+  const Json json = Json::parse(text);
+  const auto found = json.find("options");
+  RunOptions options;
+  if (!json.contains("recipe") || found == json.end()) return options;
+  try {
+    found->at("split_channels").get_to(options.reading.split_channels);
+    found->at("bayer").get_to(options.reading.bayer);
+    found->at("choose").get_to(options.choose);
+    found->at("mask").get_to(options.mask);
+    found->at("height_view").get_to(options.height_view);
+  } catch (const Json::exception& e) {
+    throw Error(std::string("options: ") + e.what());
+  }
+  const auto is_one_of = [](const std::string& text, const auto& names) {
+    return text.empty() || std::find(names.begin(), names.end(), text) != names.end();
+  };
+  const bool can_choose = options.choose == 0 || (options.choose >= VELOSTRIX_FEWEST_IMAGES &&
+                                                  options.choose <= VELOSTRIX_MOST_IMAGES);
+  if (!can_choose || !is_one_of(options.reading.bayer, kBayerPatterns) ||
+      !is_one_of(options.height_view, kSurfaceNames)) {
+    throw Error("options: " + found->dump() + "; expected those that a run.json has");
+  }
+  return options;
+}
+
+std::string RecipeText(const RunRecord& record) {
+  std::string recipe = WriteRecipe(record.recipe);
+  if (Options(record.options) == Options({})) return recipe;
+  const Json json = {{"recipe", Json::parse(recipe)}, {"options", Options(record.options)}};
+  return json.dump(2, ' ', false, Json::error_handler_t::replace) + '\n';
 }
 
 std::string ToJson(const RunRecord& record) {

@@ -69,6 +69,12 @@ std::string FileName(Output output);
 // JSON.
 std::string ToJson(const RunOptions& options);
 
+// Those of the text of a run.json or of RecipeText; none where it has only a recipe. Throws Error.
+RunOptions OptionsFromJson(const std::string& text);
+
+// The recipe, and the options beside it where there are some.
+std::string RecipeText(const RunRecord& record);
+
 // The text of run.json, which is also a recipe that repeats the run.
 std::string ToJson(const RunRecord& record);
 

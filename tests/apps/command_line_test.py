@@ -295,6 +295,19 @@ class CommandLine(unittest.TestCase):
         self.assertTrue((self.read("out/curvature.png")[:, :20] == 128).all())
         found = self.read_json("out/run.json")["mask"]
         self.assertEqual((found["file"], found["kept_share"]), ("mask.png", 76 / 96))
+        asked = "--choose 4 --bayer rggb --mask mask.png --height-view=plane"
+        self.run_well(f"reconstruct inputs --quiet --out one {asked} --save-recipe kept.json")
+        for recipe in ("one/run.json", "kept.json"):
+            self.run_well(f"reconstruct inputs --quiet --out two --recipe {recipe}")
+            self.assertEqual(self.files_in("two"), self.files_in("one"))
+            for name in [*OUTPUTS, "height_view"]:
+                self.assertEqual((self.folder / f"two/{name}.png").read_bytes(),
+                                 (self.folder / f"one/{name}.png").read_bytes(), name)
+        (self.folder / "mask.png").unlink()
+        code, said = self.call("reconstruct inputs --quiet --out two --recipe kept.json")
+        self.assertEqual((code, "kept.json: its mask mask.png is not there; give --mask" in said), (1, True), said)
+        self.run_well("reconstruct inputs --quiet --out two --recipe kept.json --outputs factor"
+                      " --mask none --bayer none")
         self.run_well("reconstruct inputs/image*.png --quiet --out auto --mask auto")
         self.assertEqual(self.read_json("auto/run.json")["mask"]["kept_share"], 1.0)
 
@@ -365,6 +378,8 @@ class CommandLine(unittest.TestCase):
 
     def test_refusals_say_in_one_line_what_to_do_and_write_nothing(self):
         (self.folder / "empty.png").touch()
+        (self.folder / "hostile.json").write_text(
+            '{"recipe": {"recipe_version": 1}, "options": {"split_channels": 7}}')
         (self.folder / "old.json").write_text('{"recipe_version": 1, "blur": 2}')
         whole = (self.folder / "inputs/image0.png").read_bytes()
         (self.folder / "cut.png").write_bytes(whole[: len(whole) // 2])
@@ -411,6 +426,7 @@ class CommandLine(unittest.TestCase):
             (good + "--roi 1,0,96,72", 1, "region of 96 x 72 pixels at (1, 0)", "96 x 72"),
             (good + "--recipe none.json", 1, "none.json: no such file", "run.json"),
             (good + "--recipe old.json", 1, "old.json: recipe: blur is no field", "blur_radius"),
+            (good + "--recipe hostile.json", 1, "hostile.json: options: "),
             (good + "--lamp 0:left", 2, "--lamp 0:left", "K=FROM", "left, right, up, down"),
             (good + "--mask small.png", 1, "small.png: 96 x 70", "96 x 72", "mask"),
             (good + "--mask none.png", 1, "none.png: no such file"),
