@@ -130,7 +130,8 @@ void RequireReasonableSheet(const Showing& showing, size_t rows, size_t columns)
 cv::Mat ShownImage(const Results& results, const ExplorePlan& plan, const Part& part) {
   const cv::Mat& image = results[plan.shown];
   if (plan.show != kHeightView) return image;
-  return ViewHeight(image, *part.view_without, HeightBorder(part.record.recipe.parameters)).image;
+  const int border = HeightBorder(part.record.recipe.parameters);
+  return ViewHeight(image, *part.view_without, border, KeptPixels(part)).image;
 }
 
 bool IsSame(const cv::Mat& a, const cv::Mat& b) { return cv::norm(a, b, cv::NORM_INF) == 0.0; }

@@ -289,7 +289,8 @@ void WriteResults(Part& part, const Results& results, OutputFiles& files) {
   }
   if (part.view_without) {
     const int border = HeightBorder(record.recipe.parameters);
-    record.height_view = ViewHeight(results[Output::kHeight], *part.view_without, border);
+    record.height_view =
+        ViewHeight(results[Output::kHeight], *part.view_without, border, KeptPixels(part));
     images.emplace_back(kHeightViewName, record.height_view->image);
   }
   files.AddImages(images);

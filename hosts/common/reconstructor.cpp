@@ -407,13 +407,14 @@ VelostrixStatus VelostrixReconstructorCopyResult(VelostrixReconstructor* reconst
 }
 
 VelostrixStatus VelostrixViewHeight(const VelostrixImage* height, int32_t removed, int32_t border,
-                                    void* out, int64_t row_stride, int64_t capacity,
-                                    VelostrixHeightView* view, VelostrixMessage* message) {
+                                    const VelostrixImage* mask, void* out, int64_t row_stride,
+                                    int64_t capacity, VelostrixHeightView* view,
+                                    VelostrixMessage* message) {
   return GuardedFor(message, [&] {
     velostrix::recipe_detail::RequireOneOf(removed, "removed", velostrix::kSurfaceNames);
-    const velostrix::HeightView made =
-        velostrix::ViewHeight(Wrap(Required(height, "height"), "the height"),
-                              static_cast<velostrix::Surface>(removed), border);
+    const velostrix::HeightView made = velostrix::ViewHeight(
+        Wrap(Required(height, "height"), "the height"), static_cast<velostrix::Surface>(removed),
+        border, mask == nullptr ? cv::Mat() : Wrap(*mask, "the mask"));
     CopyRows(made.image, out, row_stride, capacity);
     if (view != nullptr) *view = {removed, made.border, made.black, made.white};
   });

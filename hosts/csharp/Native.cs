@@ -122,8 +122,8 @@ namespace Velostrix
         // Names in the encoding of the file system.
         [DllImport(Library)] public static extern int VelostrixCompareNames(string a, string b);
         [DllImport(Library)] public static extern VelostrixStatus VelostrixViewHeight(
-            ref Image height, VelostrixSurface removed, int border, IntPtr data, long rowStride,
-            long capacity, IntPtr view, [Out] byte[] message);
+            ref Image height, VelostrixSurface removed, int border, [In] Image[] mask, IntPtr data,
+            long rowStride, long capacity, IntPtr view, [Out] byte[] message);
         [DllImport(Library)] public static extern VelostrixStatus VelostrixCheckVersion(
             int major, int minor, [Out] byte[] message);
         [DllImport(Library)] public static extern VelostrixStatus VelostrixSetThreads(int count);

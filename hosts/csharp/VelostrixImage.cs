@@ -119,9 +119,16 @@ namespace Velostrix
         /// Pixels on each side that surface and range are measured without, at most an eighth of the
         /// shorter side; iteration cap / scale is a good number.
         /// </param>
-        /// <exception cref="VelostrixException">The image is not 16-bit.</exception>
+        /// <param name="mask">
+        /// 8-bit, as large; pixels where it is 0 are left out of surface and range, and black. Null:
+        /// none.
+        /// </param>
+        /// <exception cref="VelostrixException">
+        /// The image is not 16-bit, or the mask is not 8-bit or as large.
+        /// </exception>
         public VelostrixImage HeightView(
-            VelostrixSurface removed = VelostrixSurface.Quadratic, int border = 50)
+            VelostrixSurface removed = VelostrixSurface.Quadratic, int border = 50,
+            VelostrixImage mask = null)
         {
             var view = new VelostrixImage(new byte[(long)Width * Height], Width, Height);
             var message = new byte[Native.LongestMessage];
@@ -130,8 +137,9 @@ namespace Velostrix
                 Native.Image height = VelostrixTool.Record(this, "height", pins);
                 Native.Check(
                     Native.VelostrixViewHeight(
-                        ref height, removed, border, view.Address(pins), 0, view.Capacity,
-                        IntPtr.Zero, message),
+                        ref height, removed, border,
+                        mask == null ? null : new[] { VelostrixTool.Record(mask, nameof(mask), pins) },
+                        view.Address(pins), 0, view.Capacity, IntPtr.Zero, message),
                     message);
             }
             return view;

@@ -56,14 +56,19 @@ inline double Coordinate(int pixel, int size) { return (2.0 * pixel + 1.0) / siz
 /// Makes a view of a height (CV_16UC1): 8 bits, without tilt or bowl; all but the outermost half
 /// percent on each side fill the levels. Surface and range are measured inside a border, as a
 /// height of few iterations has at the top and the left (HeightBorder); at most an eighth of the
-/// shorter side is left out.
-[[nodiscard]] inline HeightView ViewHeight(const cv::Mat& height, Surface removed, int border) {
+/// shorter side is left out. mask: CV_8UC1, as large; pixels where it is 0 are left out too, and
+/// black; or empty.
+[[nodiscard]] inline HeightView ViewHeight(const cv::Mat& height, Surface removed, int border,
+                                           const cv::Mat& mask = {}) {
   using namespace height_view_detail;
   constexpr int kMostShare = 8;
   constexpr int kMostSamples = 400;  // in a row or column
   constexpr double kOutermost = 0.005;
   if (height.empty() || height.type() != CV_16UC1)
     throw Error("the height is no 16-bit grey image");
+  if (!mask.empty() && (mask.type() != CV_8UC1 || mask.size() != height.size()))
+    throw Error("the mask is no 8-bit grey image as large as the height");
+  const auto is_kept = [&](int i, int j) { return mask.empty() || mask.at<uint8_t>(i, j) != 0; };
   const int shorter = std::min(height.rows, height.cols);
   HeightView view = {{}, removed, std::clamp(border, 0, shorter / kMostShare), 0.0, 0.0};
   const int step_y = std::max(1, height.rows / kMostSamples);
@@ -71,6 +76,7 @@ inline double Coordinate(int pixel, int size) { return (2.0 * pixel + 1.0) / siz
   const auto visit_samples = [&](const auto& visit) {
     for (int i = view.border; i < height.rows - view.border; i += step_y) {
       for (int j = view.border; j < height.cols - view.border; j += step_x) {
+        if (!is_kept(i, j)) continue;
         visit(Terms(Coordinate(j, height.cols), Coordinate(i, height.rows), removed),
               height.at<uint16_t>(i, j));
       }
@@ -91,6 +97,7 @@ inline double Coordinate(int pixel, int size) { return (2.0 * pixel + 1.0) / siz
   visit_samples([&](const std::array<double, 6>& terms, double sample) {
     heights.push_back(sample - cv::Vec<double, 6>(terms.data()).dot(surface));
   });
+  if (heights.empty()) heights = {0.0};  // nothing is kept
   const auto rank = [&](double share) {
     const auto place =
         heights.begin() + std::lround(share * static_cast<double>(heights.size() - 1));
@@ -111,7 +118,8 @@ inline double Coordinate(int pixel, int size) { return (2.0 * pixel + 1.0) / siz
     auto* const to = view.image.ptr<uint8_t>(i);
     for (int j = 0; j < height.cols; ++j) {
       const double x = Coordinate(j, height.cols);
-      to[j] = cv::saturate_cast<uint8_t>((from[j] - (a + x * (b + x * surface[3]))) * gain);
+      const double level = (from[j] - (a + x * (b + x * surface[3]))) * gain;
+      to[j] = is_kept(i, j) ? cv::saturate_cast<uint8_t>(level) : 0;
     }
   }
   return view;

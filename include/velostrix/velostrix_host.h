@@ -419,10 +419,12 @@ typedef struct VelostrixHeightView {
  * half percent on each side fill the levels. height: the result, or any 16-bit image. border:
  * pixels on each side that surface and range are measured without, at most an eighth of the shorter
  * side is used. iteration_cap / scale is a good number: 50 iterations leave a strip of 40 to 80
- * pixels at the top and the left that takes half the range. out: `capacity` bytes, a row every
+ * pixels at the top and the left that takes half the range. mask: 8-bit, as large; pixels where it
+ * is 0 are left out of surface and range, and black; null: none. out: `capacity` bytes, a row every
  * row_stride bytes (0 = without gaps). *view may be null. */
 VELOSTRIX_HOST_API VelostrixStatus VelostrixViewHeight(const VelostrixImage* height,
-                                                       int32_t removed, int32_t border, void* out,
+                                                       int32_t removed, int32_t border,
+                                                       const VelostrixImage* mask, void* out,
                                                        int64_t row_stride, int64_t capacity,
                                                        VelostrixHeightView* view,
                                                        VelostrixMessage* message);

@@ -141,8 +141,9 @@ static class CsharpHost
 
         var samples = Enumerable.Range(0, 60 * 40).Select(k => (ushort)(k % 60 * 1000)).ToArray();
         var height = new VelostrixImage(samples, 60, 40);
-        byte[] view = height.HeightView(VelostrixSurface.Plane).Bytes();
-        Expect(view.Length == 60 * 40, "size of the view");
+        var mask = new VelostrixImage(new byte[60 * 40], 60, 40);
+        byte[] view = height.HeightView(VelostrixSurface.Plane, 50, mask).Bytes();
+        Expect(view.Length == 60 * 40 && view.All(level => level == 0), "a view of what is masked");
         ExpectThrows<VelostrixException>("16-bit", () =>
             new VelostrixImage(view, 60, 40).HeightView());
 

@@ -336,9 +336,10 @@ TEST(HostLibrary, ViewsOfHeightsLeaveOutSurfaceAndBorder) {
   const VelostrixImage image = {height.data, 0, size.width, size.height, 2, 0};
   cv::Mat1b out(size);
   VelostrixHeightView view = {};
-  ASSERT_EQ(VelostrixViewHeight(&image, VELOSTRIX_SURFACE_QUADRATIC, 50, out.data, 0,
-                                static_cast<int64_t>(out.total()), &view, nullptr),
-            VELOSTRIX_OK);
+  const auto view_height = [&](int removed, int border, const VelostrixImage* mask, int64_t bytes) {
+    return VelostrixViewHeight(&image, removed, border, mask, out.data, 0, bytes, &view, nullptr);
+  };
+  ASSERT_EQ(view_height(VELOSTRIX_SURFACE_QUADRATIC, 50, nullptr, 12000), VELOSTRIX_OK);
   EXPECT_EQ(view.border, 12);  // an eighth of 100
   EXPECT_NEAR(view.white - view.black, 1000.0, 100.0);
   EXPECT_LT(out(15, 45), 30);  // fields of the board: 1 + 4 is odd
@@ -347,10 +348,20 @@ TEST(HostLibrary, ViewsOfHeightsLeaveOutSurfaceAndBorder) {
   const cv::Mat inside = out(cv::Rect(12, 12, 96, 76));
   const double middle = cv::countNonZero((inside > 30) & (inside < 225));
   EXPECT_LT(middle, 0.02 * static_cast<double>(inside.total()));
-  EXPECT_EQ(VelostrixViewHeight(&image, 2, 50, out.data, 0, 12000, &view, nullptr),
-            VELOSTRIX_INVALID_ARGUMENT);
-  EXPECT_EQ(VelostrixViewHeight(&image, 0, 50, out.data, 0, 11999, &view, nullptr),
-            VELOSTRIX_INVALID_ARGUMENT);
+  cv::Mat1b kept(size, uint8_t{1});
+  kept.rowRange(0, 10) = 0;
+  VelostrixImage mask = {kept.data, 0, size.width, size.height, 1, 0};
+  ASSERT_EQ(view_height(VELOSTRIX_SURFACE_QUADRATIC, 0, &mask, 12000), VELOSTRIX_OK);
+  EXPECT_NEAR(view.white - view.black, 1000.0, 100.0);
+  EXPECT_EQ(out(5, 60), 0);
+  EXPECT_GT(out(15, 35), 225);
+  kept = 0;
+  EXPECT_EQ(view_height(VELOSTRIX_SURFACE_PLANE, 0, &mask, 12000), VELOSTRIX_OK);
+  EXPECT_EQ(cv::countNonZero(out), 0);
+  mask.height = 99;
+  EXPECT_EQ(view_height(0, 50, &mask, 12000), VELOSTRIX_INVALID_ARGUMENT);
+  EXPECT_EQ(view_height(2, 50, nullptr, 12000), VELOSTRIX_INVALID_ARGUMENT);
+  EXPECT_EQ(view_height(0, 50, nullptr, 11999), VELOSTRIX_INVALID_ARGUMENT);
 }
 
 TEST(HostLibrary, NamesAreOrderedByTheirNumbers) {

@@ -134,8 +134,10 @@ class Marshalling(unittest.TestCase):
         self.assertRaisesRegex(ValueError, "3 images given, but flat has the fields of 4 lamps",
                                velostrix.reconstruct, shots[:3], flat)
 
-        view = result.height_view("plane", 5)
-        self.assertEqual((view.shape, view.dtype), ((60, 80), np.uint8))
+        mask = np.ones((60, 80), np.uint8)
+        mask[:, :9] = 0
+        view = result.height_view("plane", 5, mask)
+        self.assertEqual((view.shape, view.dtype, view[:, :9].any()), ((60, 80), np.uint8, False))
         self.assertGreater(np.ptp(view[5:-5, 5:-5].astype(int)), 250)
         self.assertRaisesRegex(ValueError, "plane, quadratic", result.height_view, "cone")
         with tempfile.TemporaryDirectory() as folder:

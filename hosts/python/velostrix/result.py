@@ -92,7 +92,8 @@ class Result:
         return image
 
     def height_view(
-        self, removed: Surface = "quadratic", border: Optional[int] = None
+        self, removed: Surface = "quadratic", border: Optional[int] = None,
+        mask: Optional[ArrayLike] = None
     ) -> NDArray[np.uint8]:
         """The height for display: 8 bits, without tilt and bowl; all but the outermost half percent
         on each side fill the levels.
@@ -101,15 +102,18 @@ class Result:
             ``"quadratic"``.
         border: pixels on each side that surface and range are measured without, at most an eighth of
             the shorter side; None: iteration_cap / scale.
+        mask: uint8, of the shape of the height; pixels where it is 0 are left out of surface and
+            range, and black.
         """
         if border is None:
             cap = self.parameters.iteration_cap
             border = 2**31 - 1 if cap < 0 else min(2**31 - 1, int(cap / self.parameters.scale))
         height, record = read_image("height", self["height"])
         view = np.empty(height.shape, np.uint8)
+        kept = None if mask is None else read_image("mask", mask)
         _native.call_with_message(
             "ViewHeight", ctypes.byref(record), index("removed", removed, SURFACES),
-            integer("border", border), view.ctypes.data_as(ctypes.c_void_p), ctypes.c_int64(0),
+            integer("border", border), None if kept is None else ctypes.byref(kept[1]), view.ctypes.data_as(ctypes.c_void_p), ctypes.c_int64(0),
             ctypes.c_int64(view.nbytes), None)
         return view
 
