@@ -3,9 +3,11 @@
 #include <dlfcn.h>
 #include <sys/mman.h>
 
+#include <filesystem>
 #include <new>
 
 #include "apps/commands.h"
+#include "velostrix/velostrix_host.h"
 
 namespace velostrix::cli {
 namespace {
@@ -19,9 +21,17 @@ void RequireRoom() {
   munmap(room, kRoom);
 }
 
+// In the folder of the host library.
+std::string LibraryFile() {
+  Dl_info host = {};
+  dladdr(reinterpret_cast<void*>(&VelostrixLibraryVersion), &host);
+  const std::filesystem::path file = host.dli_fname == nullptr ? "" : host.dli_fname;
+  return file.parent_path() / VELOSTRIX_CODECS_FILE;
+}
+
 const Codecs& Load() {
   RequireRoom();
-  void* const library = dlopen(VELOSTRIX_CODECS_FILE, RTLD_NOW);
+  void* const library = dlopen(LibraryFile().c_str(), RTLD_NOW);
   void* const codecs = library == nullptr ? nullptr : dlsym(library, "VelostrixCodecs");
   if (codecs == nullptr) {
     throw Failure(std::string("files other than PNG need OpenCV's codecs: ") + dlerror());

@@ -70,7 +70,16 @@ std::vector<InputImage> DecodeFiles(const std::vector<std::string>& files) {
   std::vector<InputImage> images(files.size());
   InParallel(files.size(), [&](size_t k) {
     images[k] = {files[k], Sha256(bytes[k]), ExifOrientation(bytes[k]), {}, {}, {}};
-    images[k].pixels = DecodeBytes(bytes[k], files[k], &images[k].note);
+    images[k].pixels = DecodePng(bytes[k]);
+  });
+  std::vector<size_t> others;
+  for (size_t k = 0; k < images.size(); ++k) {
+    if (images[k].pixels.empty()) others.push_back(k);
+  }
+  if (!others.empty()) LoadCodecs();  // by a thread that goes on
+  InParallel(others.size(), [&](size_t j) {
+    InputImage& image = images[others[j]];
+    image.pixels = DecodeBytes(bytes[others[j]], image.file, &image.note);
   });
   for (const InputImage& image : images) {
     if (image.pixels.depth() == CV_8U || image.pixels.depth() == CV_16U) continue;
