@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -90,11 +89,7 @@ std::vector<fs::path> AbandonedDrafts(const fs::path& folder) {
     const std::string name = entry.path().filename().string();
     if (name.rfind(kPrefix, 0) != 0 || entry.path().extension() != kSuffix) continue;
     const Descriptor file(open(entry.path().c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
-    struct stat status = {};
-    // An empty one may belong to another process that has not locked it yet.
-    const bool is_left =
-        flock(file.number(), LOCK_EX | LOCK_NB) == 0 && fstat(file.number(), &status) == 0;
-    if (is_left && status.st_size > 0) abandoned.push_back(entry.path());
+    if (flock(file.number(), LOCK_EX | LOCK_NB) == 0) abandoned.push_back(entry.path());
   }
   return abandoned;
 }
@@ -104,7 +99,9 @@ Drafts::~Drafts() {
 }
 
 int Drafts::Create(const fs::path& place) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<std::mutex> guard(mutex_);
+  // Other processes see the draft locked or not at all.
+  const Descriptor lock = LockFolder(folder_);
   drafts_.reserve(drafts_.size() + 1);  // once the file is there, its name cannot get lost
   for (size_t k = drafts_.size();; ++k) {
     fs::path path = place.parent_path() /
@@ -113,7 +110,7 @@ int Drafts::Create(const fs::path& place) {
         open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
     if (created.number() < 0 && errno != EEXIST) FailToWrite(place);
     if (created.number() < 0) continue;
-    flock(created.number(), LOCK_EX);  // another process may be looking whether it is abandoned
+    flock(created.number(), LOCK_EX);
     drafts_.push_back({std::move(path), place, std::move(created)});
     return drafts_.back().file.number();
   }

@@ -53,14 +53,16 @@ class Descriptor {
 // File systems without locks are not locked. Throws Failure after half a minute.
 Descriptor LockFolder(const std::filesystem::path& folder);
 
-// The drafts in a folder whose writers died before they moved or removed them.
+// The drafts in a folder whose writers died before they moved or removed them. The caller has
+// locked the folder that they lock.
 std::vector<std::filesystem::path> AbandonedDrafts(const std::filesystem::path& folder);
 
 // Drafts that were not moved into place are removed. A draft is locked as long as its writer lives.
 // Errors are Failures that name the place.
 class Drafts {
  public:
-  Drafts() = default;
+  // folder: the one that processes lock before they look for drafts in it or below.
+  explicit Drafts(std::filesystem::path folder) : folder_(std::move(folder)) {}
   ~Drafts();
   Drafts(const Drafts&) = delete;
   Drafts& operator=(const Drafts&) = delete;
@@ -82,6 +84,7 @@ class Drafts {
   // Returns the descriptor of the new file.
   int Create(const std::filesystem::path& place);
 
+  std::filesystem::path folder_;
   std::mutex mutex_;
   std::vector<Draft> drafts_;
 };

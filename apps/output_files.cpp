@@ -159,7 +159,7 @@ void OutputFiles::AddText(const std::string& name, const std::string& text) {
 
 void OutputFiles::Commit(const std::function<std::string()>& record) {
   const SignalHold signals;
-  Drafts drafts;
+  Drafts drafts(plan_.folder);
   const auto write = [&](const std::string& name, const std::vector<uint8_t>& bytes) {
     const fs::path place = plan_.folder / name;
     std::error_code error;
