@@ -235,6 +235,7 @@ void Session::SetImage(ByteSource& source) {
     return std::vector<uint8_t>(tool_.image_stack, tool_.image_stack + tool_.allocated_stack_bytes);
   };
   std::vector<uint8_t> expected_stack = stack();
+  EXPECT_FALSE(SetVelostrixUnCalibrationToolImage_CPU(host_.get(), nullptr));
   bool stored = false;
   bool threw = false;
   try {
@@ -377,7 +378,6 @@ void CallWithNulls(ByteSource& source) {
   EXPECT_FALSE(SetVelostrixUnCalibrationToolROI_CPU(nullptr, 0, 0, 1, 1));
   EXPECT_EQ(ClearVelostrixUnCalibrationToolROI_CPU(nullptr, 2, 2, 2), 0);
   EXPECT_FALSE(SetVelostrixUnCalibrationToolImage_CPU(nullptr, &image));
-  EXPECT_FALSE(SetVelostrixUnCalibrationToolImage_CPU(tool.get(), nullptr));
   EXPECT_FALSE(SetVelostrixUnCalibrationToolImage_CPU_csharp(nullptr, &record));
   EXPECT_FALSE(SetVelostrixUnCalibrationToolImage_CPU_csharp(tool.get(), nullptr));
   EXPECT_EQ(run(RunVelostrixUnCalibration_CPU_uncali), 0);
