@@ -14,6 +14,7 @@
 #include "apps/codecs.h"
 #include "apps/commands.h"
 #include "apps/drafts.h"
+#include "apps/input_images.h"
 #include "apps/parallel.h"
 #include "apps/stderr_capture.h"
 
@@ -57,8 +58,8 @@ void RequireWritable(fs::path folder) {
 bool IsPng(const std::string& name) { return fs::path(name).extension() == ".png"; }
 
 bool NeedsCodecs(const std::string& name) {
-  const fs::path extension = fs::path(name).extension();
-  return extension == ".tiff" || extension == ".html";  // reports have JPEG pictures
+  const bool is_report = fs::path(name).extension() == ".html";  // has JPEG pictures
+  return is_report || (IsImageName(name) && !IsPng(name));
 }
 
 // Encodes by OpenCV.
